@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kestrium::platform {
+
+// A process started from an executable file, for the client's and the tests' use.
+// The destructor kills a child that still runs and collects it.
+class ChildProcess {
+ public:
+  using Environment = std::vector<std::pair<std::string, std::string>>;
+
+  ChildProcess() = default;
+  ~ChildProcess();
+  ChildProcess(ChildProcess&& other) noexcept;
+  ChildProcess& operator=(ChildProcess&& other) noexcept;
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  // Starts program with the arguments (not counting the program itself). The
+  // child inherits this environment with extraEnv set on top of it.
+  bool start(const std::filesystem::path& program, const std::vector<std::string>& args,
+             const Environment& extraEnv = {});
+
+  bool running() const { return handle_ != kNone; }
+
+  // The exit status once the child has ended (it is then collected), or nothing if
+  // it still runs after timeoutMs.
+  std::optional<int> wait(uint32_t timeoutMs);
+
+  // Ends the child at once, as SIGKILL or TerminateProcess do, without letting it
+  // release anything itself. Returns false if there is no child.
+  bool kill();
+
+ private:
+  static constexpr intptr_t kNone = -1;
+  intptr_t handle_ = kNone;  // a pid, or a process HANDLE
+};
+
+}  // namespace kestrium::platform

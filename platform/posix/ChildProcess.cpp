@@ -1,0 +1,102 @@
+#include "platform/ChildProcess.h"
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/Clock.h"
+#include "platform/Wait.h"
+
+extern char** environ;
+
+namespace kestrium::platform {
+
+namespace {
+
+pid_t pidOf(intptr_t handle) { return static_cast<pid_t>(handle); }
+
+int exitStatus(int status) {
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+}  // namespace
+
+ChildProcess::~ChildProcess() {
+  if (running()) {
+    kill();
+    wait(kInfinite);
+  }
+}
+
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept : handle_(std::exchange(other.handle_, kNone)) {}
+
+ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
+  if (this != &other) {
+    if (running()) {
+      kill();
+      wait(kInfinite);
+    }
+    handle_ = std::exchange(other.handle_, kNone);
+  }
+  return *this;
+}
+
+bool ChildProcess::start(const std::filesystem::path& program, const std::vector<std::string>& args,
+                         const Environment& extraEnv) {
+  if (running()) return false;
+  std::vector<std::string> argStrings;
+  argStrings.push_back(program.string());
+  argStrings.insert(argStrings.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (auto& a : argStrings) argv.push_back(a.data());
+  argv.push_back(nullptr);
+
+  std::vector<std::string> envStrings;
+  for (char** e = environ; *e != nullptr; ++e) {
+    const std::string_view entry(*e);
+    const auto eq = entry.find('=');
+    const std::string_view key = entry.substr(0, eq);
+    bool replaced = false;
+    for (const auto& [k, v] : extraEnv) replaced = replaced || k == key;
+    if (!replaced) envStrings.emplace_back(entry);
+  }
+  for (const auto& [k, v] : extraEnv) envStrings.push_back(k + "=" + v);
+  std::vector<char*> envp;
+  for (auto& e : envStrings) envp.push_back(e.data());
+  envp.push_back(nullptr);
+
+  pid_t pid = 0;
+  if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv.data(), envp.data()) != 0) return false;
+  handle_ = pid;
+  return true;
+}
+
+std::optional<int> ChildProcess::wait(uint32_t timeoutMs) {
+  if (!running()) return std::nullopt;
+  const uint64_t deadline = monotonicNs() + static_cast<uint64_t>(timeoutMs) * 1000000ull;
+  for (;;) {
+    int status = 0;
+    const pid_t r = waitpid(pidOf(handle_), &status, timeoutMs == kInfinite ? 0 : WNOHANG);
+    if (r == pidOf(handle_)) {
+      handle_ = kNone;
+      return exitStatus(status);
+    }
+    if (r < 0 && errno != EINTR) {
+      handle_ = kNone;  // not our child any more: nothing left to collect
+      return -1;
+    }
+    if (timeoutMs != kInfinite && monotonicNs() >= deadline) return std::nullopt;
+    if (r == 0) sleepMs(1);
+  }
+}
+
+bool ChildProcess::kill() { return running() && ::kill(pidOf(handle_), SIGKILL) == 0; }
+
+}  // namespace kestrium::platform

@@ -1,0 +1,142 @@
+#include "platform/System.h"
+
+#include <linux/magic.h>
+#include <sys/statfs.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <system_error>
+
+#include "platform/Text.h"
+
+namespace kestrium::platform {
+
+namespace {
+
+std::filesystem::path nearestExisting(std::filesystem::path path) {
+  std::error_code ec;
+  path = std::filesystem::absolute(path, ec);
+  while (!path.empty() && !std::filesystem::exists(path, ec)) {
+    if (path == path.root_path()) break;
+    path = path.parent_path();
+  }
+  return path;
+}
+
+const char* nonEmptyEnv(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr && value[0] != '\0' ? value : nullptr;
+}
+
+// A value of /proc/meminfo in bytes, or 0.
+uint64_t meminfo(const std::string& key) {
+  std::ifstream in("/proc/meminfo");
+  std::string name;
+  uint64_t kib = 0;
+  std::string unit;
+  while (in >> name >> kib) {
+    std::getline(in, unit);
+    if (name == key + ":") return kib * 1024;
+  }
+  return 0;
+}
+
+uint64_t readNumber(const std::filesystem::path& file) {
+  std::ifstream in(file);
+  uint64_t value = 0;
+  return (in >> value) ? value : 0;  // "max" reads as no limit
+}
+
+// The tightest memory limit of this process's control group and its parents, with
+// the usage counted against it; nothing when no limit is set.
+struct CgroupMemory {
+  uint64_t limit = 0;
+  uint64_t usage = 0;
+};
+CgroupMemory cgroupMemory() {
+  std::ifstream in("/proc/self/cgroup");
+  std::string line;
+  CgroupMemory best;
+  while (std::getline(in, line)) {
+    if (line.rfind("0::", 0) != 0) continue;
+    std::filesystem::path group = std::filesystem::path("/sys/fs/cgroup") / line.substr(4);
+    for (;;) {
+      const uint64_t limit = readNumber(group / "memory.max");
+      if (limit != 0 && (best.limit == 0 || limit - std::min(limit, readNumber(group / "memory.current")) <
+                                                best.limit - std::min(best.limit, best.usage))) {
+        best.limit = limit;
+        best.usage = readNumber(group / "memory.current");
+      }
+      if (group == "/sys/fs/cgroup" || !group.has_parent_path()) break;
+      group = group.parent_path();
+    }
+  }
+  return best;
+}
+
+}  // namespace
+
+std::filesystem::path documentsFolder() {
+  if (const char* xdg = nonEmptyEnv("XDG_DOCUMENTS_DIR")) return xdg;
+  if (const char* home = nonEmptyEnv("HOME")) {
+    std::error_code ec;
+    std::filesystem::path documents = std::filesystem::path(home) / "Documents";
+    if (std::filesystem::is_directory(documents, ec)) return documents;
+    return home;
+  }
+  return "/tmp";
+}
+
+std::optional<uint64_t> diskFreeBytes(const std::filesystem::path& path) {
+  struct statvfs st {};
+  if (statvfs(nearestExisting(path).c_str(), &st) != 0) return std::nullopt;
+  return static_cast<uint64_t>(st.f_bavail) * st.f_frsize;
+}
+
+bool isFatVolume(const std::filesystem::path& path) {
+  struct statfs st {};
+  return statfs(nearestExisting(path).c_str(), &st) == 0 && st.f_type == MSDOS_SUPER_MAGIC;
+}
+
+MemoryStatus memoryStatus() {
+  // A 64-bit process never runs out of address space; physical memory, or the
+  // control group's share of it, is what runs out.
+  MemoryStatus status{meminfo("MemAvailable"), meminfo("MemTotal")};
+  const CgroupMemory group = cgroupMemory();
+  if (group.limit != 0 && group.limit < status.totalBytes) {
+    status.totalBytes = group.limit;
+    status.availableBytes = std::min(status.availableBytes, group.limit - std::min(group.limit, group.usage));
+  }
+  return status;
+}
+
+std::filesystem::path executablePath() {
+  std::error_code ec;
+  return std::filesystem::read_symlink("/proc/self/exe", ec);
+}
+
+void debugOutput(std::u16string_view text) {
+  const std::string utf8 = toUtf8(text);
+  size_t done = 0;
+  while (done < utf8.size()) {
+    const ssize_t n = ::write(STDERR_FILENO, utf8.data() + done, utf8.size() - done);
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+}
+
+void fatalStop() { std::abort(); }
+
+const std::u16string& objectNamespace() {
+  static const std::u16string ns = [] {
+    const char* value = std::getenv("KESTRIUM_NAMESPACE");
+    return value != nullptr ? toUtf16(value) : std::u16string();
+  }();
+  return ns;
+}
+
+}  // namespace kestrium::platform

@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# Runs ctest for a Windows x86_64 build directory under wine64.
+#
+#   scripts/wine-ctest.sh BUILD_DIR [ctest args...]
+#
+# The wine prefix lives in BUILD_DIR/wineprefix; the first run creates it (a few
+# seconds), later runs reuse it. One wineserver is kept up for the whole run so
+# that the test programs don't each pay for starting wine. It is warmed up by a
+# wine process whose standard handles all go to /dev/null: wine's helper
+# processes (services, winedevice, ...) start then and inherit nothing of
+# ctest's output pipes, which would otherwise keep ctest waiting after the tests
+# end. The wineserver is stopped on the way out, whatever happens.
+set -euo pipefail
+
+if [[ $# -lt 1 || ! -d $1 ]]; then
+  echo "usage: $0 BUILD_DIR [ctest args...]" >&2
+  exit 2
+fi
+build_dir=$(cd "$1" && pwd)
+shift
+
+wine=/usr/lib/wine/wine64
+wineserver=/usr/lib/wine/wineserver
+for tool in "$wine" "$wineserver"; do
+  if [[ ! -x $tool ]]; then
+    echo "$0: $tool not found (install wine64)" >&2
+    exit 2
+  fi
+done
+
+export WINEPREFIX="$build_dir/wineprefix"
+export WINEARCH=win64
+export WINEDEBUG=-all
+# No Mono or Gecko installers: nothing here needs .NET or an HTML engine, and
+# their prompts would stall a run without a display.
+export WINEDLLOVERRIDES="mscoree,mshtml="
+
+stop_wineserver() {
+  "$wineserver" -k >/dev/null 2>&1 || true
+  # -k only asks; wait until the server and its prefix lock are really gone.
+  timeout 30 "$wineserver" -w >/dev/null 2>&1 || true
+}
+trap stop_wineserver EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+# Starts a persistent wineserver for the prefix and brings up (or first creates)
+# the prefix and wine's services, all detached from our standard handles. -p
+# keeps the server up between the test programs; a server already running for
+# this prefix is reused (the new one then just exits).
+start_wine() {
+  mkdir -p "$WINEPREFIX"
+  "$wineserver" -p </dev/null >/dev/null 2>&1 || true
+  timeout 300 "$wine" cmd /c exit </dev/null >/dev/null 2>&1
+}
+
+if ! start_wine; then
+  # A prefix left half-made by an interrupted first run does not recover by
+  # itself: make it again from nothing, once.
+  echo "$0: wine did not start in $WINEPREFIX; creating the prefix again" >&2
+  stop_wineserver
+  rm -rf "$WINEPREFIX"
+  if ! start_wine; then
+    echo "$0: wine could not start in $WINEPREFIX" >&2
+    exit 1
+  fi
+fi
+
+status=0
+ctest --test-dir "$build_dir" "$@" || status=$?
+exit "$status"
