@@ -23,9 +23,11 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   // Starts program with the arguments (not counting the program itself). The
-  // child inherits this environment with extraEnv set on top of it.
+  // child inherits this environment with extraEnv set on top of it. With an
+  // output file, the child's standard output and error go there (the file is
+  // made anew); otherwise they are this process's.
   bool start(const std::filesystem::path& program, const std::vector<std::string>& args,
-             const Environment& extraEnv = {});
+             const Environment& extraEnv = {}, const std::filesystem::path& outputFile = {});
 
   bool running() const { return handle_ != kNone; }
 
@@ -36,6 +38,10 @@ class ChildProcess {
   // Ends the child at once, as SIGKILL or TerminateProcess do, without letting it
   // release anything itself. Returns false if there is no child.
   bool kill();
+
+  // Asks the child to end the way a user would: SIGTERM on POSIX, a close of its
+  // windows on Windows. False if there is no child or it has no way to be asked.
+  bool requestStop();
 
  private:
   static constexpr intptr_t kNone = -1;

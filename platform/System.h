@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kestrium::platform {
 
@@ -34,8 +35,26 @@ void debugOutput(std::u16string_view text);
 // Ends the process at once, without unwinding, leaving files as they stand.
 [[noreturn]] void fatalStop();
 
-// KESTRIUM_NAMESPACE, read once: prefixed to every kernel object name so that test
-// runs never meet each other or a user's server.
-const std::u16string& objectNamespace();
+// Prefixed to every kernel object name, so that test runs never meet each other
+// or a user's server: KESTRIUM_NAMESPACE unless set here. Objects keep the
+// namespace they were made in.
+std::u16string objectNamespace();
+void setObjectNamespace(std::u16string ns);
+
+// An environment variable, or nothing when it is not set.
+std::optional<std::u16string> environmentVariable(std::string_view name);
+// Sets one for this process and the children it starts from now on.
+bool setEnvironmentVariable(std::string_view name, std::u16string_view value);
+
+// The process's whole command line as one string: on Windows as the OS gives it,
+// elsewhere the arguments after the program name, joined by blanks.
+std::u16string commandLine(int argc, char** argv);
+
+// The program's arguments after its name, in UTF-16 whatever the OS's code page.
+std::vector<std::u16string> commandArguments(int argc, char** argv);
+
+// Tells the user something when there is no other way: a message box on Windows
+// (or standard error, when the process has one), standard error elsewhere.
+void showMessage(std::u16string_view text, std::u16string_view title);
 
 }  // namespace kestrium::platform

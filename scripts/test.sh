@@ -4,10 +4,10 @@
 #
 #   scripts/test.sh [--long] [--only PART[,PART...]]
 #
-# Parts: linux (native build and all tests), asan (AddressSanitizer and
-# UndefinedBehaviorSanitizer build of the platform tests), win32 (the 32-bit
-# Windows server: compiled and linked), win64 (64-bit Windows build, platform
-# tests under wine64). --long also runs the slow soak and size tests.
+# Parts: linux (native build and all tests), asan (the same under
+# AddressSanitizer and UndefinedBehaviorSanitizer), win32 (the 32-bit Windows
+# server: compiled and linked), win64 (64-bit Windows build, all tests under
+# wine64). --long also runs the slow soak and size tests.
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -57,14 +57,10 @@ if wanted linux; then
 fi
 
 if wanted asan; then
-  asan_build() {
-    cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRIUM_SANITIZE=ON >/dev/null &&
-      cmake --build build-asan -j "$jobs" --target platform_tests platform_helper
-  }
-  run "asan+ubsan: build (platform)" asan_build
-  run "asan+ubsan: tests (platform)" env ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+  run "asan+ubsan: build" env KESTRIUM_BUILD_DIR=build-asan scripts/build.sh linux -DKESTRIUM_SANITIZE=ON
+  run "asan+ubsan: tests" env ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-    ctest --test-dir build-asan -L platform -j "$jobs" --output-on-failure
+    ctest --test-dir build-asan -j "$jobs" --output-on-failure
 fi
 
 if wanted win32; then
@@ -73,7 +69,7 @@ fi
 
 if wanted win64; then
   run "windows-x86_64: build" scripts/build.sh windows-x86_64
-  run "windows-x86_64: tests (wine64)" scripts/wine-ctest.sh build-win64 -L platform -j "$jobs" --output-on-failure
+  run "windows-x86_64: tests (wine64)" scripts/wine-ctest.sh build-win64 -j "$jobs" --output-on-failure
 fi
 
 echo

@@ -66,6 +66,34 @@ if ! start_wine; then
   fi
 fi
 
+# Once per prefix: there is no X server here, and wine's null display driver
+# still lets programs make (invisible) windows, as the server does; and the
+# documents folder, a link to $HOME in a new prefix, becomes a folder of the
+# prefix, so that the servers under test keep their logs out of $HOME.
+configure_prefix() {
+  local marker="$WINEPREFIX/.kestrium-configured"
+  [[ -f $marker ]] && return 0
+  timeout 120 "$wine" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f \
+    </dev/null >/dev/null 2>&1 || return 1
+  local documents
+  for documents in "$WINEPREFIX"/drive_c/users/*/Documents; do
+    if [[ -L $documents ]]; then
+      rm "$documents" && mkdir -p "$documents"
+    fi
+  done
+  touch "$marker"
+}
+if [[ ! -f $WINEPREFIX/.kestrium-configured ]]; then
+  if ! configure_prefix; then
+    echo "$0: could not configure the wine prefix $WINEPREFIX" >&2
+    exit 1
+  fi
+  # The desktop of the running wineserver was made without a display driver:
+  # start again, so that the null driver is the one in use.
+  stop_wineserver
+  start_wine
+fi
+
 status=0
 ctest --test-dir "$build_dir" "$@" || status=$?
 exit "$status"

@@ -1,5 +1,6 @@
 #include "platform/ChildProcess.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -49,7 +50,7 @@ ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
 }
 
 bool ChildProcess::start(const std::filesystem::path& program, const std::vector<std::string>& args,
-                         const Environment& extraEnv) {
+                         const Environment& extraEnv, const std::filesystem::path& outputFile) {
   if (running()) return false;
   std::vector<std::string> argStrings;
   argStrings.push_back(program.string());
@@ -72,8 +73,17 @@ bool ChildProcess::start(const std::filesystem::path& program, const std::vector
   for (auto& e : envStrings) envp.push_back(e.data());
   envp.push_back(nullptr);
 
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (!outputFile.empty()) {
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0644);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+  }
   pid_t pid = 0;
-  if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv.data(), envp.data()) != 0) return false;
+  const int r = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (r != 0) return false;
   handle_ = pid;
   return true;
 }
@@ -98,5 +108,7 @@ std::optional<int> ChildProcess::wait(uint32_t timeoutMs) {
 }
 
 bool ChildProcess::kill() { return running() && ::kill(pidOf(handle_), SIGKILL) == 0; }
+
+bool ChildProcess::requestStop() { return running() && ::kill(pidOf(handle_), SIGTERM) == 0; }
 
 }  // namespace kestrium::platform

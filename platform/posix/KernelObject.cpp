@@ -14,6 +14,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "platform/NoDestructor.h"
 #include "platform/System.h"
 #include "platform/Text.h"
 
@@ -74,8 +75,8 @@ bool ownedPrivately(int fd) {
 
 class NamespaceLock {
  public:
-  NamespaceLock() {
-    fd_ = shm_open(namespaceLockName().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  explicit NamespaceLock(const std::string& lockName) {
+    fd_ = shm_open(lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd_ < 0) return;
     if (!ownedPrivately(fd_) || retryEintr([this] { return flock(fd_, LOCK_EX); }) != 0) {
       ::close(fd_);
@@ -102,8 +103,7 @@ class NamespaceLock {
 std::mutex registryMutex;
 using Registry = std::unordered_map<std::string, std::shared_ptr<Segment>>;
 Registry& registry() {
-  alignas(Registry) static std::byte storage[sizeof(Registry)];
-  static Registry* map = std::construct_at(reinterpret_cast<Registry*>(storage));
+  static NoDestructor<Registry> map;
   return *map;
 }
 
@@ -218,9 +218,10 @@ OpenedSegment openSegment(std::u16string_view name, ObjectKind kind, uint64_t da
     return {it->second, true};
   }
 
-  NamespaceLock nsLock;
-  if (!nsLock.held()) return {};
   auto seg = std::make_shared<Segment>();
+  seg->lockName = namespaceLockName();
+  NamespaceLock nsLock(seg->lockName);
+  if (!nsLock.held()) return {};
   seg->shmName = shmName;
   seg->kind = kind;
   seg->dataSize = dataSize;
@@ -259,7 +260,7 @@ void releaseSegment(std::shared_ptr<Segment>& segment) {
   std::lock_guard guard(registryMutex);
   if (--seg->refs > 0) return;
   registry().erase(seg->shmName);
-  NamespaceLock nsLock;
+  NamespaceLock nsLock(seg->lockName);
   // In a forked child the descriptor shares its lock with the parent: only close.
   if (nsLock.held() && seg->ownerPid == getpid() && flock(seg->fd, LOCK_EX | LOCK_NB) == 0) {
     shm_unlink(seg->shmName.c_str());

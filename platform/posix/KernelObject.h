@@ -43,7 +43,8 @@ static_assert(sizeof(ObjectHeader) <= kHeaderSize);
 // through the mutexes themselves: a second mapping, or unmapping one that a thread
 // still holds, would corrupt that list.
 struct Segment {
-  std::string shmName;  // empty for a private object
+  std::string shmName;   // empty for a private object
+  std::string lockName;  // the namespace lock of the namespace it was made in
   ObjectKind kind = ObjectKind::Mapping;
   int fd = -1;
   pid_t ownerPid = 0;
@@ -76,7 +77,7 @@ void releaseSegment(std::shared_ptr<Segment>& segment);
 // The shm name of an object: "/kestrium.<uid>.<namespace>.<name>", escaped and,
 // past the length limit, cut and hashed.
 std::string objectShmName(std::u16string_view name);
-// The lock file that serialises creating and closing objects of this namespace.
+// The lock file that serialises creating and closing objects of the current namespace.
 std::string namespaceLockName();
 
 }  // namespace kestrium::platform::posix

@@ -131,12 +131,35 @@ void debugOutput(std::u16string_view text) {
 
 void fatalStop() { std::abort(); }
 
-const std::u16string& objectNamespace() {
-  static const std::u16string ns = [] {
-    const char* value = std::getenv("KESTRIUM_NAMESPACE");
-    return value != nullptr ? toUtf16(value) : std::u16string();
-  }();
-  return ns;
+std::optional<std::u16string> environmentVariable(std::string_view name) {
+  const char* value = std::getenv(std::string(name).c_str());
+  if (value == nullptr) return std::nullopt;
+  return toUtf16(value);
+}
+
+bool setEnvironmentVariable(std::string_view name, std::u16string_view value) {
+  return setenv(std::string(name).c_str(), toUtf8(value).c_str(), 1) == 0;
+}
+
+std::u16string commandLine(int argc, char** argv) {
+  // The program's own path is left out: a folder such as /opt/start/ would
+  // otherwise read as a switch.
+  std::u16string line;
+  for (int i = 1; i < argc; ++i) {
+    if (i > 1) line.push_back(u' ');
+    line += toUtf16(argv[i]);
+  }
+  return line;
+}
+
+std::vector<std::u16string> commandArguments(int argc, char** argv) {
+  std::vector<std::u16string> args;
+  for (int i = 1; i < argc; ++i) args.push_back(toUtf16(argv[i]));
+  return args;
+}
+
+void showMessage(std::u16string_view text, std::u16string_view /*title*/) {
+  debugOutput(std::u16string(text) + u"\n");
 }
 
 }  // namespace kestrium::platform

@@ -119,7 +119,7 @@ ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
 }
 
 bool ChildProcess::start(const std::filesystem::path& program, const std::vector<std::string>& args,
-                         const Environment& extraEnv) {
+                         const Environment& extraEnv, const std::filesystem::path& outputFile) {
   if (running()) return false;
 
   // The program comes first and always quoted: the C runtime takes the first
@@ -130,12 +130,25 @@ bool ChildProcess::start(const std::filesystem::path& program, const std::vector
 
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
-  PROCESS_INFORMATION info{};
-  // No handle inheritance: the child opens the named objects it needs itself.
-  if (!CreateProcessW(nullptr, win32::wide(commandLine.data()), nullptr, nullptr, FALSE, CREATE_UNICODE_ENVIRONMENT,
-                      environment.data(), nullptr, &startup, &info)) {
-    return false;
+  // Only the output file is inherited, and only when there is one: the child
+  // opens the named objects it needs itself.
+  HANDLE output = INVALID_HANDLE_VALUE;
+  if (!outputFile.empty()) {
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    output = CreateFileW(outputFile.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                         &inherit, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (output == INVALID_HANDLE_VALUE) return false;
+    startup.dwFlags |= STARTF_USESTDHANDLES;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = output;
+    startup.hStdError = output;
   }
+  PROCESS_INFORMATION info{};
+  const BOOL made = CreateProcessW(nullptr, win32::wide(commandLine.data()), nullptr, nullptr,
+                                   output != INVALID_HANDLE_VALUE, CREATE_UNICODE_ENVIRONMENT, environment.data(),
+                                   nullptr, &startup, &info);
+  if (output != INVALID_HANDLE_VALUE) CloseHandle(output);
+  if (!made) return false;
   CloseHandle(info.hThread);
   handle_ = reinterpret_cast<intptr_t>(info.hProcess);
   return true;
@@ -159,6 +172,30 @@ bool ChildProcess::kill() {
   // A child that has already ended but was not collected yet counts as killed,
   // as a zombie does for kill(2).
   return TerminateProcess(h, 1) != 0 || WaitForSingleObject(h, 0) == WAIT_OBJECT_0;
+}
+
+namespace {
+
+struct CloseRequest {
+  DWORD processId;
+  bool posted;
+};
+
+BOOL CALLBACK closeWindowOf(HWND window, LPARAM param) {
+  auto* request = reinterpret_cast<CloseRequest*>(param);
+  DWORD owner = 0;
+  GetWindowThreadProcessId(window, &owner);
+  if (owner == request->processId && PostMessageW(window, WM_CLOSE, 0, 0)) request->posted = true;
+  return TRUE;
+}
+
+}  // namespace
+
+bool ChildProcess::requestStop() {
+  if (!running()) return false;
+  CloseRequest request{GetProcessId(toHandle(handle_)), false};
+  EnumWindows(closeWindowOf, reinterpret_cast<LPARAM>(&request));
+  return request.posted;
 }
 
 }  // namespace kestrium::platform

@@ -1,10 +1,12 @@
 #include "platform/System.h"
 
 #include <windows.h>
+#include <shellapi.h>
 #include <shlobj.h>
 
 #include <string>
 
+#include "platform/Text.h"
 #include "platform/win32/Win32Names.h"
 
 namespace kestrium::platform {
@@ -90,18 +92,50 @@ void fatalStop() {
   __builtin_trap();
 }
 
-const std::u16string& objectNamespace() {
-  static const std::u16string ns = [] {
-    const wchar_t* variable = L"KESTRIUM_NAMESPACE";
-    const DWORD needed = GetEnvironmentVariableW(variable, nullptr, 0);
-    if (needed == 0) return std::u16string();
-    std::u16string value(needed, u'\0');
-    const DWORD length = GetEnvironmentVariableW(variable, win32::wide(value.data()), needed);
-    if (length == 0 || length >= needed) return std::u16string();
-    value.resize(length);
-    return value;
-  }();
-  return ns;
+std::optional<std::u16string> environmentVariable(std::string_view name) {
+  const std::u16string wideName = toUtf16(name);
+  const DWORD needed = GetEnvironmentVariableW(win32::wide(wideName), nullptr, 0);
+  if (needed == 0) return std::nullopt;
+  std::u16string value(needed, u'\0');
+  const DWORD length = GetEnvironmentVariableW(win32::wide(wideName), win32::wide(value.data()), needed);
+  if (length >= needed) return std::nullopt;
+  value.resize(length);
+  return value;
+}
+
+bool setEnvironmentVariable(std::string_view name, std::u16string_view value) {
+  const std::u16string wideName = toUtf16(name);
+  const std::u16string wideValue(value);
+  return SetEnvironmentVariableW(win32::wide(wideName), win32::wide(wideValue)) != 0;
+}
+
+std::u16string commandLine(int /*argc*/, char** /*argv*/) {
+  return reinterpret_cast<const char16_t*>(GetCommandLineW());
+}
+
+std::vector<std::u16string> commandArguments(int /*argc*/, char** /*argv*/) {
+  // The narrow argv went through the ANSI code page; split the wide line instead.
+  std::vector<std::u16string> args;
+  int count = 0;
+  LPWSTR* list = CommandLineToArgvW(GetCommandLineW(), &count);
+  if (list == nullptr) return args;
+  for (int i = 1; i < count; ++i) args.emplace_back(reinterpret_cast<const char16_t*>(list[i]));
+  LocalFree(list);
+  return args;
+}
+
+void showMessage(std::u16string_view text, std::u16string_view title) {
+  // A process started with its standard error redirected (a script, a test) gets
+  // the text there; a box would wait for a click that never comes.
+  const HANDLE err = GetStdHandle(STD_ERROR_HANDLE);
+  if (err != nullptr && err != INVALID_HANDLE_VALUE && GetFileType(err) != FILE_TYPE_UNKNOWN) {
+    const std::string line = toUtf8(text) + "\n";
+    DWORD written = 0;
+    WriteFile(err, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+    return;
+  }
+  const std::u16string wideText(text), wideTitle(title);
+  MessageBoxW(nullptr, win32::wide(wideText), win32::wide(wideTitle), MB_ICONINFORMATION);
 }
 
 }  // namespace kestrium::platform

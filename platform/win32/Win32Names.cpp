@@ -6,7 +6,7 @@ namespace kestrium::platform::win32 {
 
 std::u16string kernelObjectName(std::u16string_view name) {
   if (name.empty()) return {};
-  const std::u16string& ns = objectNamespace();
+  const std::u16string ns = objectNamespace();
   if (ns.empty()) return std::u16string(name);
 
   // A backslash would make the kernel look for a namespace directory ("Global\")

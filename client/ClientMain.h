@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kestrium::client {
+
+// Exit statuses of kestrium-client.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitNoReply = 3;
+inline constexpr int kExitRecorderDown = 4;
+
+// Runs one verb with its arguments (the program name left out).
+int runClient(const std::vector<std::u16string>& args);
+
+}  // namespace kestrium::client

@@ -1,0 +1,141 @@
+// The server and the client as users run them: separate processes meeting
+// through the named objects, checked by their exit statuses and the log.
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "server/CommandChannel.h"
+#include "tests/e2e/ServerHarness.h"
+
+namespace kestrium::test {
+namespace {
+
+class ServerEndToEndTest : public ::testing::Test {
+ protected:
+  // Ends the server the way an administrator would and checks it went cleanly.
+  void shutDown(platform::ChildProcess& server) {
+    platform::ChildProcess request;
+    ASSERT_TRUE(request.start(harness.binary(KESTRIUM_SERVER), {"/shutdown"}));
+    EXPECT_EQ(request.wait(kPatience), 0);
+    EXPECT_EQ(server.wait(2000), 0) << "the server should end within 2 s";
+    EXPECT_EQ(harness.lastLogLine(), "  Shutdown completed");
+  }
+
+  ServerHarness harness;
+};
+
+TEST_F(ServerEndToEndTest, StartsLogsAndEndsOnShutdownRequest) {
+  platform::ChildProcess server = harness.startServer();
+  const std::string log = harness.log();
+  EXPECT_EQ(log.rfind("\n", 0), 0u) << "a fresh log opens with the byte order mark and a blank line";
+  EXPECT_NE(log.find(" |     kestriumcapture32.exe |   Kestrium capture server (" __DATE__ ") is starting\r\n"),
+            std::string::npos)
+      << log;
+  EXPECT_EQ(harness.client({"features"}), 0);
+  EXPECT_EQ(harness.clientOutput, "quicksync=0 nvenc=0 amdvce=0\n");
+  shutDown(server);
+}
+
+TEST_F(ServerEndToEndTest, SecondCopyIsRefusedAndTheFirstGoesOn) {
+  platform::ChildProcess server = harness.startServer();
+  const auto output = harness.folder() / "second.txt";
+  platform::ChildProcess second = harness.startServerProcess({}, output);
+  const std::optional<int> status = second.wait(kPatience);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(*status & 0xFF, 255) << "exit status -1";
+  const std::vector<char> said = readBytes(output);
+  EXPECT_NE(std::string(said.begin(), said.end()).find("One copy of Kestrium capture server is running already"),
+            std::string::npos);
+  EXPECT_EQ(harness.client({"stop", "nosuch"}), 0) << "the first copy still answers";
+  shutDown(server);
+}
+
+struct ClientCase {
+  std::vector<std::string> args;
+  const char* line;
+};
+
+class ClientCommandTest : public ServerEndToEndTest, public ::testing::WithParamInterface<ClientCase> {};
+
+TEST_P(ClientCommandTest, EveryCommandGetsItsReplyAndItsLine) {
+  platform::ChildProcess server = harness.startServer();
+  EXPECT_EQ(harness.client(GetParam().args), 0) << harness.clientOutput;
+  EXPECT_NE(harness.log().find(std::string(" | ") + GetParam().line + "\r\n"), std::string::npos) << harness.log();
+  shutDown(server);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Verbs, ClientCommandTest,
+    ::testing::Values(ClientCase{{"stop", "nosuch"}, "[Error]   *** CAP *** Cannot find recorder to delete nosuch"},
+                      ClientCase{{"stop", "nosuch", "--delete"}, "[Error]   *** CAP *** Cannot find recorder to delete nosuch"},
+                      ClientCase{{"send", "9"}, "[Warning] *** CAP *** Unknown dispatcher command 9"},
+                      ClientCase{{"send", "4294967295", "--name", "x"}, "[Warning] *** CAP *** Unknown dispatcher command -1"},
+                      ClientCase{{"begin", "nosuch"}, "[Error]   *** CAP *** Cannot begin writing pre-recorded video nosuch"},
+                      ClientCase{{"pause", "nosuch", "on"}, "[Error]   *** CAP *** Cannot toggle pause video nosuch"},
+                      ClientCase{{"pause", "nosuch", "off"}, "[Error]   *** CAP *** Cannot toggle pause video nosuch"}),
+    [](const auto& info) { return "Case" + std::to_string(info.index); });
+
+TEST_F(ServerEndToEndTest, ClientWithoutAServerSaysSoAndExitsThree) {
+  EXPECT_EQ(harness.client({"stop", "x"}), 3);
+  EXPECT_NE(harness.clientOutput.find("no capture server is running"), std::string::npos);
+  EXPECT_EQ(harness.client({"pause", "x", "maybe"}), 2);
+  EXPECT_EQ(harness.client({"frobnicate"}), 2);
+}
+
+// A user closing the server (SIGTERM, or closing its window on Windows) ends it
+// the same way as a shutdown request.
+TEST_F(ServerEndToEndTest, StopRequestEndsItLikeAShutdown) {
+  platform::ChildProcess server = harness.startServer();
+  ASSERT_TRUE(server.requestStop());
+  EXPECT_EQ(server.wait(2000), 0);
+  EXPECT_EQ(harness.lastLogLine(), "  Shutdown completed");
+}
+
+TEST_F(ServerEndToEndTest, KilledServerLeavesNothingThatBlocksTheNext) {
+  platform::ChildProcess first = harness.startServer();
+  ASSERT_TRUE(first.kill());
+  ASSERT_TRUE(first.wait(kPatience).has_value());
+
+  platform::ChildProcess second = harness.startServer();
+  EXPECT_EQ(harness.client({"stop", "nosuch"}), 0);
+  EXPECT_NE(harness.log().find("Cannot find recorder to delete nosuch"), std::string::npos);
+  shutDown(second);
+}
+
+TEST_F(ServerEndToEndTest, StartWithoutInteractiveSwitchKeepsTheLog) {
+  platform::ChildProcess first = harness.startServer();
+  shutDown(first);
+  platform::ChildProcess second = harness.startServer({"--start"});
+  const std::string log = harness.log();
+  EXPECT_EQ(countOf(log, "is starting"), 2u) << "the second start appended to the first one's log";
+  shutDown(second);
+}
+
+// Whatever a client writes into the command block, the server answers it, logs
+// one line for it, and goes on serving.
+TEST_F(ServerEndToEndTest, RandomCommandBlocksNeverTakeTheServerDown) {
+  platform::ChildProcess server = harness.startServer();
+  const size_t before = countOf(harness.log(), "kestriumcapture32.exe | ");
+  std::mt19937 random(20261121);
+  constexpr int kBlocks = 2000;
+  auto block = std::make_unique<CommandBlock>();
+  for (int i = 0; i < kBlocks; ++i) {
+    auto* words = reinterpret_cast<uint32_t*>(block.get());
+    for (size_t w = 0; w < sizeof(CommandBlock) / 4; ++w) words[w] = random();
+    // Mostly the real commands, with names that may run to the end of the field.
+    const uint32_t pick = random() % 6;
+    block->command = pick < 5 ? pick : random();
+    if (random() % 2 == 0) block->stop.recorderName[random() % 1024] = u'\0';
+    block->replyWanted = 1;
+    ASSERT_EQ(sendCommand(*block, kPatience), SendResult::Replied) << "block " << i;
+  }
+  EXPECT_EQ(harness.client({"stop", "after-the-storm"}), 0);
+  const std::string log = harness.log();
+  EXPECT_NE(log.find("Cannot find recorder to delete after-the-storm"), std::string::npos);
+  EXPECT_GE(countOf(log, "kestriumcapture32.exe | ") - before, size_t{kBlocks} + 1);
+  shutDown(server);
+}
+
+}  // namespace
+}  // namespace kestrium::test

@@ -1,0 +1,108 @@
+#pragma once
+
+// Runs the real server and client binaries for one test: its own kernel-object
+// namespace and its own documents folder (where the log goes), the server
+// stopped and collected at the end whatever happened.
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/ChildProcess.h"
+#include "platform/Clock.h"
+#include "platform/System.h"
+#include "tests/support/TestSupport.h"
+
+namespace kestrium::test {
+
+inline constexpr uint32_t kPatience = 20000;
+
+class ServerHarness {
+ public:
+  ServerHarness() {
+    namespace_ = uniqueName();
+    // This process too: its own senders reach the server, and it finds the log
+    // where the server writes it (on Windows the documents folder is the OS's).
+    platform::setObjectNamespace(platform::toUtf16(namespace_));
+    platform::setEnvironmentVariable("KESTRIUM_NAMESPACE", platform::toUtf16(namespace_));
+    platform::setEnvironmentVariable("XDG_DOCUMENTS_DIR", folder_.path().u16string());
+    platform::setEnvironmentVariable("HOME", folder_.path().u16string());
+  }
+
+  std::filesystem::path binary(const char* name) const { return platform::executablePath().parent_path() / name; }
+  std::filesystem::path logPath() const { return platform::documentsFolder() / "Kestrium.txt"; }
+  std::string log() const { return readLog(logPath()); }
+  const std::filesystem::path& folder() const { return folder_.path(); }
+
+  // Starts a server and waits until its command channel is open, which the
+  // server logs as its dispatcher starts. An interactive start makes the log
+  // anew; one with the start switch appends to it.
+  platform::ChildProcess startServer(const std::vector<std::string>& args = {}) {
+    constexpr std::string_view kReady = "  *** CAP *** Starting dispatcher...\r\n";
+    bool keepsLog = false;
+    for (const auto& a : args) keepsLog = keepsLog || a.find("start") != std::string::npos;
+    if (!keepsLog) std::filesystem::remove(logPath());
+    const size_t before = countOf(log(), kReady);
+    platform::ChildProcess server = startServerProcess(args);
+    const uint64_t until = platform::monotonicNs() + uint64_t{kPatience} * 1000000;
+    while (countOf(log(), kReady) <= before) {
+      if (platform::monotonicNs() > until) {
+        ADD_FAILURE() << "the server did not come up: " << log();
+        break;
+      }
+      platform::sleepMs(10);
+    }
+    return server;
+  }
+
+  platform::ChildProcess startServerProcess(const std::vector<std::string>& args,
+                                            const std::filesystem::path& output = {}) {
+    platform::ChildProcess server;
+    EXPECT_TRUE(server.start(binary(KESTRIUM_SERVER), args, {}, output));
+    return server;
+  }
+
+  // Runs the client to its end; its output is kept in clientOutput.
+  int client(const std::vector<std::string>& args) {
+    platform::ChildProcess child;
+    const auto output = folder_.path() / "client-output.txt";
+    if (!child.start(binary(KESTRIUM_CLIENT), args, {}, output)) return -1;
+    const int status = child.wait(kPatience).value_or(-1);
+    const std::vector<char> bytes = readBytes(output);
+    clientOutput.clear();
+    // Text-mode output on Windows ends its lines with CR LF.
+    for (char c : bytes) {
+      if (c != '\r') clientOutput.push_back(c);
+    }
+    return status;
+  }
+
+  bool waitForLog(std::string_view text, uint32_t ms = kPatience) const {
+    const uint64_t until = platform::monotonicNs() + uint64_t{ms} * 1000000;
+    while (log().find(text) == std::string::npos) {
+      if (platform::monotonicNs() > until) return false;
+      platform::sleepMs(10);
+    }
+    return true;
+  }
+
+  // The body of the log's last line, after the time and process prefix.
+  std::string lastLogLine() const {
+    std::string text = log();
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    const std::string last = text.substr(text.rfind('\n') + 1);
+    constexpr std::string_view kProcess = "kestriumcapture32.exe | ";
+    const size_t body = last.find(kProcess);
+    return body == std::string::npos ? last : last.substr(body + kProcess.size());
+  }
+
+  std::string clientOutput;
+
+ private:
+  TempFolder folder_;
+  std::string namespace_;
+};
+
+}  // namespace kestrium::test

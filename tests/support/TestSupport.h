@@ -1,0 +1,82 @@
+#pragma once
+
+// Helpers shared by the suites: names and folders unique to one test, and the
+// UTF-16LE log read back as UTF-8 text.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "platform/Text.h"
+
+namespace kestrium::test {
+
+// Unique to this test in this run: safe as a kernel object name, a namespace and
+// a folder name.
+inline std::string uniqueName() {
+  static const std::string run = [] {
+    std::random_device rd;
+    return std::to_string(rd() % 100000) + "-" + std::to_string(platform::monotonicNs() % 100000);
+  }();
+  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = std::string(info->test_suite_name()) + "." + info->name() + "." + run;
+  for (char& c : name) {
+    if (c == '/') c = '-';
+  }
+  return name;
+}
+
+// A folder of its own for one test, removed with everything in it at the end.
+class TempFolder {
+ public:
+  TempFolder() : path_(std::filesystem::temp_directory_path() / ("kestrium-" + uniqueName())) {
+    std::filesystem::remove_all(path_);
+    std::filesystem::create_directories(path_);
+  }
+  ~TempFolder() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+inline std::vector<char> readBytes(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// The text of a UTF-16LE file as UTF-16, byte order mark included if present.
+inline std::u16string readUtf16(const std::filesystem::path& path) {
+  const std::vector<char> bytes = readBytes(path);
+  std::u16string text;
+  for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
+    text.push_back(static_cast<char16_t>(static_cast<uint8_t>(bytes[i]) | (static_cast<uint8_t>(bytes[i + 1]) << 8)));
+  }
+  return text;
+}
+
+// The log as UTF-8 without its byte order mark.
+inline std::string readLog(const std::filesystem::path& path) {
+  std::u16string text = readUtf16(path);
+  if (!text.empty() && text[0] == u'\xFEFF') text.erase(0, 1);
+  return platform::toUtf8(text);
+}
+
+inline size_t countOf(std::string_view text, std::string_view what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string_view::npos; at = text.find(what, at + what.size())) ++n;
+  return n;
+}
+
+}  // namespace kestrium::test
