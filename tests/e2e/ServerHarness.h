@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "platform/ChildProcess.h"
+#include "platform/SharedMapping.h"
+#include "server/CommandBlock.h"
 #include "platform/Clock.h"
 #include "platform/System.h"
 #include "tests/support/TestSupport.h"
@@ -47,7 +49,7 @@ class ServerHarness {
     const size_t before = countOf(log(), kReady);
     platform::ChildProcess server = startServerProcess(args);
     const uint64_t until = platform::monotonicNs() + uint64_t{kPatience} * 1000000;
-    while (countOf(log(), kReady) <= before) {
+    while (countOf(log(), kReady) <= before || !commandChannelIsOpen()) {
       if (platform::monotonicNs() > until) {
         ADD_FAILURE() << "the server did not come up: " << log();
         break;
@@ -55,6 +57,14 @@ class ServerHarness {
       platform::sleepMs(10);
     }
     return server;
+  }
+
+  // The dispatcher logs its start before its thread opens the channel. A probe
+  // that finds no holder of the command block made a fresh one, which goes again
+  // when the probe closes it.
+  static bool commandChannelIsOpen() {
+    platform::SharedMapping block(std::u16string(kCommandMappingName), sizeof(CommandBlock));
+    return block.open() && block.existed();
   }
 
   platform::ChildProcess startServerProcess(const std::vector<std::string>& args,

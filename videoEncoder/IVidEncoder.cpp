@@ -1,0 +1,35 @@
+#include "videoEncoder/IVidEncoder.h"
+
+#include "platform/Text.h"
+#include "server/Log.h"
+#include "videoEncoder/VidEncoderLoseless.h"
+
+namespace kestrium {
+
+int IVidEncoder::Init(const OptionList& options) {
+  walkOptions(options, [this](std::string_view key, std::string_view value) {
+    if (key == "width") {
+      width_ = optionInt(value);
+    } else if (key == "height") {
+      height_ = optionInt(value);
+    } else if (key == "threads") {
+      threads_ = optionInt(value);
+    } else if (key == "shared_name") {
+      // The name travels as UTF-8, so that any recorder name comes back whole
+      // and the encoder opens exactly the recorder's objects.
+      sessionName_ = platform::toUtf16(value);
+    } else {
+      return false;
+    }
+    return true;
+  });
+  return Open();
+}
+
+std::unique_ptr<IVidEncoder> CreateVideoEncoder(std::u16string_view name) {
+  if (name == u"no_compression") return std::make_unique<VidEncoderLoseless>();
+  logLine(u"[Error]   Cannot create video encoder %s\n", name);
+  return nullptr;
+}
+
+}  // namespace kestrium
