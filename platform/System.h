@@ -32,6 +32,10 @@ std::filesystem::path executablePath();
 // standard error elsewhere.
 void debugOutput(std::u16string_view text);
 
+// The OS's error code of the last failed call on this thread (errno or
+// GetLastError), for log lines.
+uint32_t lastError();
+
 // Ends the process at once, without unwinding, leaving files as they stand.
 [[noreturn]] void fatalStop();
 

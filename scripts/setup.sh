@@ -6,8 +6,8 @@ set -euo pipefail
 packages=(
   # native build
   build-essential cmake ninja-build pkg-config
-  # tests and benchmarks
-  googletest libgtest-dev libgmock-dev libbenchmark-dev
+  # tests and benchmarks, and the independent readers that check our files
+  googletest libgtest-dev libgmock-dev libbenchmark-dev ffmpeg sox
   # the Windows builds and running their tests
   g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix wine64
 )

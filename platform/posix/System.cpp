@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -130,6 +131,8 @@ void debugOutput(std::u16string_view text) {
 }
 
 void fatalStop() { std::abort(); }
+
+uint32_t lastError() { return static_cast<uint32_t>(errno); }
 
 std::optional<std::u16string> environmentVariable(std::string_view name) {
   const char* value = std::getenv(std::string(name).c_str());

@@ -86,6 +86,8 @@ void debugOutput(std::u16string_view text) {
   OutputDebugStringW(win32::wide(terminated));
 }
 
+uint32_t lastError() { return GetLastError(); }
+
 void fatalStop() {
   TerminateProcess(GetCurrentProcess(), 3);
   // Not reached: terminating the own process does not return.

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/ChildProcess.h"
 #include "platform/Clock.h"
 #include "platform/Text.h"
 
@@ -35,7 +36,8 @@ inline std::string uniqueName() {
 // A folder of its own for one test, removed with everything in it at the end.
 class TempFolder {
  public:
-  TempFolder() : path_(std::filesystem::temp_directory_path() / ("kestrium-" + uniqueName())) {
+  explicit TempFolder(const std::string& suffix = {})
+      : path_(std::filesystem::temp_directory_path() / ("kestrium-" + uniqueName() + suffix)) {
     std::filesystem::remove_all(path_);
     std::filesystem::create_directories(path_);
   }
@@ -77,6 +79,31 @@ inline size_t countOf(std::string_view text, std::string_view what) {
   size_t n = 0;
   for (size_t at = text.find(what); at != std::string_view::npos; at = text.find(what, at + what.size())) ++n;
   return n;
+}
+
+// The independent checkers (ffprobe, ffmpeg, sox) as the build found them; empty
+// where they cannot run, as in the Windows builds under wine.
+#ifndef KESTRIUM_FFPROBE
+#define KESTRIUM_FFPROBE ""
+#endif
+#ifndef KESTRIUM_FFMPEG
+#define KESTRIUM_FFMPEG ""
+#endif
+#ifndef KESTRIUM_SOX
+#define KESTRIUM_SOX ""
+#endif
+
+// Runs a tool to its end; its standard output and error land in output. Returns
+// its exit status, or -1 when it could not run or did not end within a minute.
+inline int runTool(const std::filesystem::path& tool, const std::vector<std::string>& args, std::string& output) {
+  const TempFolder folder("-tool");
+  const auto file = folder.path() / "tool-output.txt";
+  platform::ChildProcess child;
+  if (!child.start(tool, args, {}, file)) return -1;
+  const int status = child.wait(60000).value_or(-1);
+  const std::vector<char> bytes = readBytes(file);
+  output.assign(bytes.begin(), bytes.end());
+  return status;
 }
 
 }  // namespace kestrium::test

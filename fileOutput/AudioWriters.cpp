@@ -1,0 +1,95 @@
+#include "fileOutput/MP3Writer.h"
+#include "fileOutput/WavWriter.h"
+#include "platform/System.h"
+#include "server/Log.h"
+
+namespace kestrium {
+
+std::filesystem::path IAudioWriter::nextFileName(const char* extension) {
+  std::filesystem::path name = basePath_;
+  name += "." + std::to_string(track_) + "." + std::to_string(part_++) + extension;
+  files_.push_back(name);
+  return name;
+}
+
+void IAudioWriter::deleteFiles() {
+  for (const auto& file : files_) platform::File::remove(file);
+}
+
+WavWriter::WavWriter(std::filesystem::path basePath, uint32_t track, uint64_t partLimit)
+    : IAudioWriter(std::move(basePath), track), partLimit_(partLimit) {}
+
+WavWriter::~WavWriter() { endFile(); }
+
+int WavWriter::open(const WaveFormat* format) {
+  if (format == nullptr || format->empty()) return 0;
+  format_ = *format;
+  return startFile() ? 1 : 0;
+}
+
+bool WavWriter::startFile() {
+  const std::filesystem::path name = nextFileName(".wav");
+  logLine(u"  *** WAV *** new file    : %s\n", name.u16string());
+  if (!sink_.open(name)) {
+    logLine(u"[Error]   *** WAV *** open file %d\n", platform::lastError());
+    return false;
+  }
+  riffStart_ = sink_.beginList("RIFF", "WAVE");
+  const int64_t fmt = sink_.beginChunk("fmt ");
+  sink_.write(format_.bytes());
+  if (!sink_.ok()) logLine(u"[Error]   *** WAV *** writing wave format chunk\n");
+  sink_.endChunk(fmt);
+  dataStart_ = sink_.beginChunk("data");
+  bytes_ = 0;
+  return sink_.ok();
+}
+
+void WavWriter::endFile() {
+  if (!sink_.isOpen()) return;
+  sink_.endChunk(dataStart_);
+  sink_.endChunk(riffStart_);
+  if (!sink_.close()) logLine(u"[Error]   *** WAV *** closing file %d\n", platform::lastError());
+}
+
+int WavWriter::write(std::span<const std::byte> data) {
+  if (!sink_.isOpen() || data.data() == nullptr || data.empty()) return 0;
+  // A new part comes before the write that would take this one to the limit.
+  if (bytes_ > 0 && bytes_ + data.size() >= partLimit_) {
+    endFile();
+    if (!startFile()) return 0;
+  }
+  sink_.write(data);
+  bytes_ += data.size();
+  return sink_.ok() ? 1 : 0;
+}
+
+int WavWriter::close(bool discard) {
+  endFile();
+  format_ = {};
+  if (discard) deleteFiles();
+  return 1;
+}
+
+int MP3Writer::open(const WaveFormat* /*format*/) {
+  const std::filesystem::path name = nextFileName(".mp3");
+  logLine(u"  *** MP3 *** new file    : %s\n", name.u16string());
+  if (!file_.open(name, platform::File::Mode::CreateAlways)) {
+    logLine(u"[Error]   *** MP3 *** open file %d\n", platform::lastError());
+    return 0;
+  }
+  return 1;
+}
+
+int MP3Writer::write(std::span<const std::byte> data) {
+  if (!file_.isOpen() || data.data() == nullptr || data.empty() || !file_.write(data)) return 0;
+  bytes_ += data.size();
+  return 1;
+}
+
+int MP3Writer::close(bool discard) {
+  file_.close();
+  if (discard) deleteFiles();
+  return 1;
+}
+
+}  // namespace kestrium

@@ -1,0 +1,222 @@
+#include "recorder/IFileWriter.h"
+
+#include <cstring>
+#include <system_error>
+
+#include "fileOutput/MP3Writer.h"
+#include "fileOutput/WavWriter.h"
+#include "server/Log.h"
+
+namespace kestrium {
+
+namespace {
+
+// The base name without its extension. A "." at the very start is part of the
+// name, not an extension.
+std::u16string cutName(const std::u16string& baseName) {
+  const size_t dot = baseName.rfind(u'.');
+  return dot == std::u16string::npos || dot == 0 ? baseName : baseName.substr(0, dot);
+}
+
+std::u16string dateText(const platform::LocalTime& t) {
+  return formatWide(u"%04d-%02d-%02d", t.year, t.month, t.day);
+}
+
+}  // namespace
+
+IFileWriter::IFileWriter(bool sideTracks, float prerecordLimit, std::filesystem::path destination)
+    : sideTracks_(sideTracks), destination_(std::move(destination)), prerecordLimit_(prerecordLimit) {}
+
+IFileWriter::~IFileWriter() = default;
+
+std::unique_ptr<IFileWriter> IFileWriter::Create(bool /*sideTracks*/, float /*prerecordLimit*/,
+                                                 std::u16string_view container,
+                                                 const std::filesystem::path& /*destination*/) {
+  logLine(u"[Error]   Unknown container %s\n", container);
+  return nullptr;
+}
+
+void IFileWriter::setNames(std::u16string baseName, bool folderByName, bool folderByDate, uint32_t reservedFlag) {
+  baseName_ = std::move(baseName);
+  folderByName_ = folderByName;
+  folderByDate_ = folderByDate;
+  reservedFlag_ = reservedFlag;
+}
+
+void IFileWriter::setVideoFormat(uint32_t width, uint32_t height, uint32_t frameRate,
+                                 const BitmapInfoHeader& header) {
+  width_ = width;
+  height_ = height;
+  frameRate_ = frameRate;
+  bitmapHeader_ = header;
+}
+
+void IFileWriter::setVideoParameters(uint32_t width, uint32_t height, uint32_t frameRate, uint32_t bitrate,
+                                     std::span<const std::byte> extraData) {
+  if (width != 0 && height != 0) {
+    width_ = width;
+    height_ = height;
+    frameRate_ = frameRate;
+    bitrate_ = bitrate;
+  }
+  if (extraData.data() != nullptr && !extraData.empty()) setExtraData(extraData);
+}
+
+void IFileWriter::addAudioFormat(const WaveFormat& format, uint16_t configuration) {
+  audioFormats_.push_back(format);
+  audioConfiguration_ = configuration;
+}
+
+int IFileWriter::begin() {
+  idle_ = false;
+  logLine(u"  \n");
+  const platform::LocalTime now = clock_();
+  const std::u16string name = cutName(baseName_);
+
+  std::filesystem::path folder = destination_;
+  if (folderByName_ || folderByDate_) {
+    std::u16string sub = folderByName_ ? name : std::u16string();
+    if (folderByDate_) sub += (sub.empty() ? u"" : u"_") + dateText(now);
+    folder /= sub;
+  }
+  std::error_code ignored;
+  std::filesystem::create_directories(folder, ignored);
+  path_ = folder / (name + formatWide(u"_%04d-%02d-%02d_%02d-%02d-%02d", now.year, now.month, now.day, now.hour,
+                                      now.minute, now.second));
+
+  if (open() == 0) return 0;
+  std::lock_guard guard(lock_);
+  opened_ = true;
+  prerecording_ = false;
+  skipToKey();
+  if (!list_.empty()) baseTime_ = list_.front().position;
+  return 1;
+}
+
+void IFileWriter::writeWrapper(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position,
+                               uint32_t key) {
+  std::unique_lock guard(lock_);
+  if (!prerecording_ && list_.empty()) {
+    guard.unlock();
+    if (timed != 0 && position < baseTime_) return;
+    write(data, track, timed, position - baseTime_, key);
+    return;
+  }
+  addLocked(data, track, timed, position, key);
+}
+
+void IFileWriter::addLocked(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position,
+                            uint32_t key) {
+  if (prerecording_ && !list_.empty()) {
+    // The window is measured by its video frames at the capture's rate, not by
+    // the time stamps.
+    while (!list_.empty() &&
+           static_cast<float>(videoEntries_) * 1000.0f / static_cast<float>(frameRate_) >= prerecordLimit_) {
+      popOldest();
+    }
+  }
+  if (prerecording_) {
+    const platform::MemoryStatus memory = memoryMeasure_();
+    const uint64_t free = memory.availableBytes >> 20, total = memory.totalBytes >> 20;
+    // Below 15 % free, two go for every one that comes: the list shrinks.
+    if (total != 0 && free * 100 / total < 15) {
+      popOldest();
+      popOldest();
+    }
+  }
+
+  PrerecordEntry entry;
+  entry.data = AlignedBuffer(data.size());
+  if (!data.empty() && entry.data.empty()) {
+    const platform::MemoryStatus memory = memoryMeasure_();
+    logLine(u"[Error]   Error allocation pre-recording buffer\n");
+    logLine(u"  Total heap memory %d Mbytes,  free %d Mbytes\n", memory.totalBytes >> 20, memory.availableBytes >> 20);
+    return;
+  }
+  if (!data.empty()) std::memcpy(entry.data.data(), data.data(), data.size());
+  entry.size = static_cast<uint32_t>(data.size());
+  entry.track = track;
+  entry.timed = timed;
+  entry.position = position;
+  entry.key = key;
+  list_.push_back(std::move(entry));
+  if (track == 0) ++videoEntries_;
+
+  // After begin each packet that joins the list takes two from its head: the
+  // backlog shrinks by one a packet, in order, without a pause.
+  if (!prerecording_ && !list_.empty() && drainOne()) drainOne();
+}
+
+bool IFileWriter::drainOne() {
+  if (list_.empty()) return false;
+  const PrerecordEntry& head = list_.front();
+  if (head.position >= baseTime_ || head.timed == 0) {
+    write({head.data.data(), head.size}, head.track, head.timed, head.position - baseTime_, head.key);
+  }
+  popOldest();
+  return !list_.empty();
+}
+
+void IFileWriter::popOldest() {
+  if (list_.empty()) return;
+  if (list_.front().track == 0) --videoEntries_;
+  list_.pop_front();
+}
+
+void IFileWriter::skipToKey() {
+  while (!list_.empty() && !(list_.front().track == 0 && list_.front().key != 0)) popOldest();
+}
+
+void IFileWriter::finish(bool deleteFiles) {
+  {
+    std::lock_guard guard(lock_);
+    // Without an open file there is nowhere to write the backlog to.
+    if (!deleteFiles && opened_) {
+      while (drainOne()) {
+      }
+    }
+    while (!list_.empty()) popOldest();
+  }
+  if (idle_) return;
+  close(deleteFiles);
+}
+
+float IFileWriter::bufferedSeconds() {
+  std::lock_guard guard(lock_);
+  if (list_.size() < 3) return 0.0f;
+  auto first = list_.begin();
+  while (first != list_.end() && first->track != 0) ++first;
+  auto last = list_.end();
+  do {
+    --last;
+  } while (last != list_.begin() && last->track != 0);
+  if (first == list_.end() || last->track != 0 || first >= last) return 0.0f;
+  const float difference = static_cast<float>(last->position - first->position);
+  if (first->timed != 0) return difference / 1000.0f;
+  return difference * 1000.0f / static_cast<float>(frameRate_);
+}
+
+void IFileWriter::openSideTracks() {
+  for (size_t index = 0; index < audioFormats_.size(); ++index) {
+    std::unique_ptr<IAudioWriter> writer;
+    if (audioSideBitrate_ != 0) {
+      writer = std::make_unique<MP3Writer>(path_, static_cast<uint32_t>(index));
+    } else {
+      writer = std::make_unique<WavWriter>(path_, static_cast<uint32_t>(index));
+    }
+    if (writer->open(&audioFormats_[index]) == 0) {
+      logLine(u"[Error]   Cannot start wave %s track %d\n", path_.u16string(), static_cast<uint32_t>(index));
+      writer.reset();
+    }
+    sideWriters_.push_back(std::move(writer));
+  }
+}
+
+void IFileWriter::closeSideTracks(bool discard) {
+  for (auto& writer : sideWriters_) {
+    if (writer) writer->close(discard);
+    writer.reset();
+  }
+}
+
+}  // namespace kestrium

@@ -1,0 +1,159 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "codecs/AlignedBuffer.h"
+#include "fileOutput/IAudioWriter.h"
+#include "fileOutput/WaveFormat.h"
+#include "platform/Clock.h"
+#include "platform/System.h"
+#include "videoEncoder/BitmapInfoHeader.h"
+
+namespace kestrium {
+
+// One buffered packet of the pre-recording list, with its own copy of the data.
+struct PrerecordEntry {
+  AlignedBuffer data;
+  uint32_t size = 0;
+  uint32_t track = 0;  // 0 video; n audio track n
+  uint32_t timed = 0;  // 0: position is a frame number; else milliseconds
+  uint32_t position = 0;  // absolute, before the base time is taken off
+  uint32_t key = 0;
+};
+
+// The base of the recording outputs. It keeps the facts of the capture, builds
+// the output path, owns the side audio tracks, and holds the pre-recording list:
+// a sliding window of the last seconds of packets, kept in memory until the user
+// asks for the recording, then written out ahead of new packets without stalling
+// the recorder's thread. Subclasses write the container.
+class IFileWriter {
+ public:
+  using Clock = std::function<platform::LocalTime()>;
+  using MemoryMeasure = std::function<platform::MemoryStatus()>;
+
+  IFileWriter(bool sideTracks, float prerecordLimit, std::filesystem::path destination);
+  virtual ~IFileWriter();
+  IFileWriter(const IFileWriter&) = delete;
+  IFileWriter& operator=(const IFileWriter&) = delete;
+
+  // Makes the writer of the container named exactly "AVI" or "MP4", or logs why
+  // not and gives null.
+  static std::unique_ptr<IFileWriter> Create(bool sideTracks, float prerecordLimit, std::u16string_view container,
+                                             const std::filesystem::path& destination);
+
+  // The subclass's part. write takes a position relative to the base time and
+  // keeps nothing of the data; track 0 is video, n from 1 audio track n.
+  virtual int write(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position,
+                    uint32_t key) = 0;
+  // Opens the file at the path with the subclass's extension; 1 on success.
+  virtual int open() = 0;
+  // Finishes the file, or deletes it (and the side tracks) with discard.
+  virtual void close(bool discard) = 0;
+
+  void setNames(std::u16string baseName, bool folderByName, bool folderByDate, uint32_t reservedFlag);
+  void setVideoFormat(uint32_t width, uint32_t height, uint32_t frameRate, const BitmapInfoHeader& header);
+  void setVideoParameters(uint32_t width, uint32_t height, uint32_t frameRate, uint32_t bitrate,
+                          std::span<const std::byte> extraData);
+  void addAudioFormat(const WaveFormat& format, uint16_t configuration);
+  void setExtraData(std::span<const std::byte> extraData) { extraData_.assign(extraData.begin(), extraData.end()); }
+  void setAudioSideBitrate(uint32_t kbps) { audioSideBitrate_ = kbps; }
+  void setEncoderValue(uint32_t value) { encoderValue_ = value; }
+  void setDelayedBegin() {
+    idle_ = false;
+    delayed_ = true;
+  }
+
+  // From pre-recording to writing: builds the path, opens the file and starts
+  // the list at its first video key frame. 0 when the file cannot be opened.
+  int begin();
+
+  // The way in for every packet: into the list while it holds anything or
+  // pre-recording is on, else straight to the file.
+  void writeWrapper(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position,
+                    uint32_t key);
+
+  // Ends the recording: everything buffered reaches the file, or with
+  // deleteFiles everything is thrown away.
+  void finish(bool deleteFiles);
+
+  // The length of the list, for the client's figures.
+  float bufferedSeconds();
+
+  // The one lock of the writer, for callers that must decide and add under it.
+  std::mutex& lock() { return lock_; }
+  // Adds a packet to the list; the caller holds lock().
+  void addLocked(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position, uint32_t key);
+
+  bool prerecording() const { return prerecording_; }
+  bool listEmpty() const { return list_.empty(); }
+  uint32_t baseTime() const { return baseTime_; }
+  bool delayed() const { return delayed_; }
+  bool idle() const { return idle_; }
+  bool takesTimeStamps() const { return takesTimeStamps_; }
+  const std::filesystem::path& destination() const { return destination_; }
+  const std::filesystem::path& path() const { return path_; }
+  uint64_t bytesWritten() const { return bytesWritten_; }
+  float recordedSeconds() const { return recordedSeconds_; }
+  size_t listSize() const { return list_.size(); }
+  uint32_t videoEntries() const { return videoEntries_; }
+
+  // For tests: the clock of the path's time stamp and the memory measure of the
+  // pre-recording rule.
+  void setClock(Clock clock) { clock_ = std::move(clock); }
+  void setMemoryMeasure(MemoryMeasure measure) { memoryMeasure_ = std::move(measure); }
+
+ protected:
+  void openSideTracks();
+  void closeSideTracks(bool discard);
+
+  bool takesTimeStamps_ = false;
+  uint32_t width_ = 0;
+  uint32_t height_ = 0;
+  uint32_t bitrate_ = 0;
+  uint32_t frameRate_ = 0;  // thousandths of a frame per second
+  BitmapInfoHeader bitmapHeader_{};
+  std::vector<std::byte> extraData_;
+  bool sideTracks_;
+  std::vector<WaveFormat> audioFormats_;
+  uint32_t audioSideBitrate_ = 0;
+  uint32_t encoderValue_ = 0;
+  uint16_t audioConfiguration_ = 0;
+  std::vector<std::unique_ptr<IAudioWriter>> sideWriters_;  // null for a track that failed
+  uint64_t bytesWritten_ = 0;
+  float recordedSeconds_ = -1.0f;
+  uint32_t frameCounters_[3] = {0, 0, 0};
+
+ private:
+  bool drainOne();
+  void popOldest();
+  void skipToKey();
+
+  std::deque<PrerecordEntry> list_;
+  std::mutex lock_;
+  bool prerecording_ = true;
+  bool opened_ = false;  // begin opened the file
+  uint32_t baseTime_ = 0;
+  bool delayed_ = false;
+  bool idle_ = true;
+  std::u16string baseName_;
+  std::filesystem::path destination_;
+  float prerecordLimit_;
+  std::filesystem::path path_;
+  bool folderByName_ = false;
+  bool folderByDate_ = false;
+  uint32_t reservedFlag_ = 0;
+  uint32_t videoEntries_ = 0;
+  Clock clock_ = platform::localTime;
+  MemoryMeasure memoryMeasure_ = platform::memoryStatus;
+};
+
+}  // namespace kestrium
