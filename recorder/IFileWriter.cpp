@@ -29,13 +29,6 @@ IFileWriter::IFileWriter(bool sideTracks, float prerecordLimit, std::filesystem:
 
 IFileWriter::~IFileWriter() = default;
 
-std::unique_ptr<IFileWriter> IFileWriter::Create(bool /*sideTracks*/, float /*prerecordLimit*/,
-                                                 std::u16string_view container,
-                                                 const std::filesystem::path& /*destination*/) {
-  logLine(u"[Error]   Unknown container %s\n", container);
-  return nullptr;
-}
-
 void IFileWriter::setNames(std::u16string baseName, bool folderByName, bool folderByDate, uint32_t reservedFlag) {
   baseName_ = std::move(baseName);
   folderByName_ = folderByName;

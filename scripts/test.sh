@@ -29,6 +29,9 @@ cleanup() { rm -f /dev/shm/kestrium."$(id -u)"."$KESTRIUM_NAMESPACE".* 2>/dev/nu
 trap cleanup EXIT
 
 jobs=$(nproc)
+# Each part's output is also kept here, to read a failure after the fact.
+logs="$root/build-logs"
+mkdir -p "$logs"
 summary=()
 failed=0
 
@@ -39,7 +42,8 @@ run() {
   echo
   echo "=== $name"
   local start=$SECONDS
-  if "$@"; then
+  local log="$logs/$(echo "$name" | tr -c 'a-zA-Z0-9_-' '_').log"
+  if "$@" 2>&1 | tee "$log"; then
     summary+=("$(printf '%-34s passed  %5ds' "$name" $((SECONDS - start)))")
   else
     summary+=("$(printf '%-34s FAILED  %5ds' "$name" $((SECONDS - start)))")

@@ -1,0 +1,137 @@
+#include "fileOutput/FileWriterAVI.h"
+
+#include <cstring>
+
+#include "server/Log.h"
+
+namespace kestrium {
+
+namespace {
+
+// A frame number that jumps further than this many seconds ahead of the grid
+// is a client's mistake, not a pause: filling it all would fill the disk.
+constexpr uint64_t kLongestGapSeconds = 3600;
+
+constexpr uint16_t kWaveFormatExtensible = 0xFFFE;
+constexpr uint16_t kWaveFormatMp3 = 0x55;
+
+}  // namespace
+
+FileWriterAVI::FileWriterAVI(bool sideTracks, float prerecordLimit, std::filesystem::path destination,
+                             int64_t segmentLimit)
+    : IFileWriter(sideTracks, prerecordLimit, std::move(destination)), segmentLimit_(segmentLimit) {
+  takesTimeStamps_ = false;
+}
+
+FileWriterAVI::~FileWriterAVI() = default;
+
+int FileWriterAVI::open() {
+  avi_ = std::make_unique<AVIOutputFile>(segmentLimit_);
+  if (avi_->initOutputStreams() == 0) {
+    avi_.reset();
+    return 0;
+  }
+  AVIVideoOutputStream& video = *avi_->videoStream();
+  if (width_ != 0 && height_ != 0) {
+    AVIStreamHeader& h = video.header;
+    h.fccType = fourcc("vids");
+    h.fccHandler = bitmapHeader_.biCompression;
+    h.dwScale = 1000;
+    h.dwRate = frameRate_;
+    h.dwLength = 1;
+    h.dwSuggestedBufferSize = width_ * height_ * 3;
+    h.dwQuality = 0xFFFFFFFF;
+    h.rcFrame[2] = static_cast<int16_t>(width_);
+    h.rcFrame[3] = static_cast<int16_t>(height_);
+    video.chunkId = bitmapHeader_.biCompression != 0 ? fourcc("00dc") : fourcc("00db");
+    video.format.resize(sizeof bitmapHeader_);
+    std::memcpy(video.format.data(), &bitmapHeader_, sizeof bitmapHeader_);
+  }
+
+  uint32_t audioMask = 0;
+  if (sideTracks_) {
+    openSideTracks();
+  } else {
+    for (size_t i = 0; i < audioFormats_.size() && i < AVIOutput::kAudioStreams; ++i) {
+      const WaveFormat& format = audioFormats_[i];
+      AVIAudioOutputStream& audio = *avi_->audioStream(static_cast<int>(i));
+      audio.header = {};
+      audio.header.fccType = fourcc("auds");
+      audio.header.dwScale = format.blockAlign();
+      audio.header.dwRate = format.avgBytesPerSec();
+      audio.header.dwLength = 1;
+      audio.header.dwSampleSize = format.blockAlign();
+      // Only these two formats carry bytes after the base record that a reader needs.
+      const bool withExtra = format.formatTag() == kWaveFormatExtensible || format.formatTag() == kWaveFormatMp3;
+      const auto bytes = format.bytes().first(withExtra ? format.bytes().size() : WaveFormat::kBaseSize);
+      audio.format.assign(bytes.begin(), bytes.end());
+      audioMask |= 1u << i;
+    }
+  }
+
+  filePath_ = path();
+  filePath_ += ".avi";
+  logLine(u"  *** AVI *** AVI file    : %s\n", filePath_.u16string());
+  if (avi_->init(filePath_, static_cast<uint16_t>(video.header.rcFrame[2]),
+                 static_cast<uint16_t>(video.header.rcFrame[3]), 1, audioMask, 100000, 1) == 0) {
+    avi_.reset();
+    return 0;
+  }
+  return 1;
+}
+
+int FileWriterAVI::write(std::span<const std::byte> data, uint32_t track, uint32_t /*timed*/, uint32_t position,
+                         uint32_t key) {
+  if (!avi_) {
+    logLine(u"[Error]   ZERO AVI pointer\n");
+    return 0;
+  }
+  if (track == 0) {
+    writeVideo(data, position, key);
+  } else if (sideTracks_) {
+    if (track <= sideWriters_.size() && sideWriters_[track - 1]) sideWriters_[track - 1]->write(data);
+  } else if (track <= AVIOutput::kAudioStreams && avi_->audioStream(static_cast<int>(track) - 1) != nullptr) {
+    avi_->audioStream(static_cast<int>(track) - 1)->write(0, data, 0, track);
+  } else {
+    return 0;
+  }
+  bytesWritten_ += data.size();
+  return 1;
+}
+
+void FileWriterAVI::writeVideo(std::span<const std::byte> data, uint32_t position, uint32_t key) {
+  AVIVideoOutputStream& video = *avi_->videoStream();
+  // The frame first, then the empties of the gap before it: a late frame is
+  // shown a little early, and the length stays right.
+  video.write(key != 0 ? kAviKeyFrame : 0, data, 1, 0);
+  ++frameCounters_[0];
+  int64_t missing = int64_t{position} - frameCounters_[2] - 1;
+  const int64_t longest = static_cast<int64_t>(kLongestGapSeconds * frameRate_ / 1000);
+  if (missing > longest) {
+    if (!warnedJump_) {
+      logLine(u"[Warning] *** AVI *** Frame number %u jumps %I64d frames ahead; the gap is cut to %I64d\n", position,
+              missing, longest);
+      warnedJump_ = true;
+    }
+    missing = longest;
+  }
+  for (; missing > 0; --missing) {
+    video.write(0, {}, 1, 0);
+    ++frameCounters_[1];
+  }
+  frameCounters_[2] = frameCounters_[0] + frameCounters_[1];
+  if (frameRate_ != 0) {
+    recordedSeconds_ = static_cast<float>(uint64_t{frameCounters_[2]} * 1000 / frameRate_);
+  }
+}
+
+void FileWriterAVI::close(bool discard) {
+  if (avi_) {
+    avi_->finalize();
+    avi_.reset();
+    if (discard) platform::File::remove(filePath_);
+  }
+  if (sideTracks_) closeSideTracks(discard);
+}
+
+}  // namespace kestrium

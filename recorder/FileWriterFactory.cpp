@@ -1,0 +1,14 @@
+#include "fileOutput/FileWriterAVI.h"
+#include "recorder/IFileWriter.h"
+#include "server/Log.h"
+
+namespace kestrium {
+
+std::unique_ptr<IFileWriter> IFileWriter::Create(bool sideTracks, float prerecordLimit, std::u16string_view container,
+                                                 const std::filesystem::path& destination) {
+  if (container == u"AVI") return std::make_unique<FileWriterAVI>(sideTracks, prerecordLimit, destination);
+  logLine(u"[Error]   Unknown container %s\n", container);
+  return nullptr;
+}
+
+}  // namespace kestrium

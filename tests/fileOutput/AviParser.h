@@ -1,0 +1,95 @@
+#pragma once
+
+// Reads an AVI file back chunk by chunk, with every chunk's place in the file,
+// so that tests can check the layout byte by byte.
+
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace kestrium::test {
+
+struct AviChunk {
+  std::string code;  // "RIFF", "LIST", "00dc", ...
+  std::string type;  // the form or list type of RIFF and LIST
+  int64_t position = 0;  // of the chunk header
+  uint32_t size = 0;
+  std::vector<AviChunk> children;
+
+  int64_t dataPosition() const { return position + (type.empty() ? 8 : 12); }
+  const AviChunk* find(const std::string& c, const std::string& t = {}) const {
+    for (const auto& child : children) {
+      if (child.code == c && (t.empty() || child.type == t)) return &child;
+    }
+    return nullptr;
+  }
+  std::vector<const AviChunk*> all(const std::string& c) const {
+    std::vector<const AviChunk*> out;
+    for (const auto& child : children) {
+      if (child.code == c || (c.size() == 2 && child.code.compare(2, 2, c) == 0)) out.push_back(&child);
+    }
+    return out;
+  }
+};
+
+class AviFile {
+ public:
+  explicit AviFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    bytes_.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    int64_t at = 0;
+    while (at + 8 <= size()) {
+      AviChunk chunk = parse(at, size());
+      const int64_t next = chunk.size == 0 ? size() : chunk.position + 8 + chunk.size + (chunk.size & 1);
+      top.push_back(std::move(chunk));
+      if (next <= at) break;
+      at = next;
+    }
+  }
+
+  int64_t size() const { return static_cast<int64_t>(bytes_.size()); }
+  uint32_t u32(int64_t at) const {
+    uint32_t v = 0;
+    if (at >= 0 && at + 4 <= size()) std::memcpy(&v, bytes_.data() + at, 4);
+    return v;
+  }
+  uint64_t u64(int64_t at) const { return u32(at) | (uint64_t{u32(at + 4)} << 32); }
+  uint16_t u16(int64_t at) const { return static_cast<uint16_t>(u32(at) & 0xFFFF); }
+  uint8_t u8(int64_t at) const { return static_cast<uint8_t>(bytes_[static_cast<size_t>(at)]); }
+  std::string text(int64_t at, size_t n) const {
+    return at + static_cast<int64_t>(n) <= size() ? std::string(bytes_.data() + at, n) : std::string();
+  }
+  const char* data(int64_t at) const { return bytes_.data() + at; }
+
+  std::vector<AviChunk> top;
+
+ private:
+  AviChunk parse(int64_t at, int64_t end) const {
+    AviChunk chunk;
+    chunk.position = at;
+    chunk.code = text(at, 4);
+    chunk.size = u32(at + 4);
+    if (chunk.code == "RIFF" || chunk.code == "LIST") {
+      chunk.type = text(at + 8, 4);
+      // A list whose size was never patched (0, or a placeholder past the end)
+      // runs to the end of the file.
+      const int64_t listEnd = chunk.size == 0 ? end : std::min<int64_t>(at + 8 + chunk.size, end);
+      int64_t child = at + 12;
+      while (child + 8 <= listEnd) {
+        AviChunk c = parse(child, listEnd);
+        const int64_t next = c.position + 8 + c.size + (c.size & 1);
+        chunk.children.push_back(std::move(c));
+        if (next <= child) break;
+        child = next;
+      }
+    }
+    return chunk;
+  }
+
+  std::vector<char> bytes_;
+};
+
+}  // namespace kestrium::test
