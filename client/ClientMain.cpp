@@ -4,6 +4,7 @@
 #include <cstring>
 #include <optional>
 
+#include "client/RecordCommand.h"
 #include "platform/SharedMapping.h"
 #include "platform/Text.h"
 #include "server/CommandBlock.h"
@@ -22,7 +23,9 @@ constexpr const char* kUsage =
     "                                             send raw command N\n"
     "  stop NAME [--delete]                       stop a capture (and discard its files)\n"
     "  begin NAME                                 end a capture's pre-recording\n"
-    "  pause NAME on|off                          pause or resume a capture\n";
+    "  pause NAME on|off                          pause or resume a capture\n"
+    "  status NAME                                the figures of a running capture\n"
+    "  record [options]                           run one whole capture (see README.md)\n";
 
 int usage(const char* problem = nullptr) {
   if (problem != nullptr) std::fprintf(stderr, "kestrium-client: %s\n", problem);
@@ -129,6 +132,8 @@ int runClient(const std::vector<std::u16string>& args) {
   if (verb == u"stop") return stop(args);
   if (verb == u"begin") return begin(args);
   if (verb == u"pause") return pause(args);
+  if (verb == u"record") return runRecord(args);
+  if (verb == u"status") return runStatus(args);
   if (verb == u"--help" || verb == u"-h" || verb == u"help") {
     std::fputs(kUsage, stdout);
     return kExitOk;

@@ -137,8 +137,10 @@ int AVIOutputFile::init(const std::filesystem::path& fileName, uint32_t width, u
   }
   onFat_ = platform::isFatVolume(fileName.parent_path());
   if (!file_.open(fileName, platform::File::Mode::CreateAlways)) {
+    // The path comes from the client: a folder that cannot be made refuses this
+    // capture, not the server and its other captures.
     logLine(u"Cannot create file %d\r\n", platform::lastError());
-    platform::fatalStop();
+    return 0;
   }
 
   mainHeader_ = {};

@@ -57,6 +57,9 @@ std::u16string commandLine(int argc, char** argv);
 // The program's arguments after its name, in UTF-16 whatever the OS's code page.
 std::vector<std::u16string> commandArguments(int argc, char** argv);
 
+// True when standard output is a terminal, where a live progress line belongs.
+bool stdoutIsTerminal();
+
 // Tells the user something when there is no other way: a message box on Windows
 // (or standard error, when the process has one), standard error elsewhere.
 void showMessage(std::u16string_view text, std::u16string_view title);

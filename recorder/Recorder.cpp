@@ -1,11 +1,231 @@
 #include "recorder/Recorder.h"
 
+#include "platform/System.h"
+#include "recorder/BroadcastInfo.h"
+#include "server/Log.h"
+
 namespace kestrium {
 
-Recorder::Recorder(std::u16string name) : name_(std::move(name)) { pauseEvent_.create({}); }
+namespace {
 
-Recorder::~Recorder() = default;
+constexpr uint32_t kPassMs = 500;
+constexpr uint32_t kThreadPatienceMs = 10000;
 
-void Recorder::Stop(bool /*deleteFiles*/) {}
+}  // namespace
+
+Recorder::Recorder(std::u16string name) : name_(std::move(name)), objects_(name_) { pauseEvent_.create({}); }
+
+Recorder::~Recorder() {
+  // A recorder is stopped before it goes; this covers one whose start failed.
+  if (thread_.joinable()) Stop(true);
+}
+
+bool Recorder::Start(EmergencyStop emergencyStop) {
+  emergencyStop_ = std::move(emergencyStop);
+  return stopEvent_.create({}) && thread_.start([this] { run(); }, "kestrium-record");
+}
+
+bool Recorder::setUp() {
+  objects_.openClientAlive(true);
+  objects_.openNewSource();
+  objects_.openNewEncoded();
+  objects_.openCommonData();
+  if (encoder) objects_.openEncoderBuffer(static_cast<uint32_t>(encoder->width()), static_cast<uint32_t>(encoder->height()));
+  CommonData* common = objects_.common();
+  if (common == nullptr) {
+    logLine(u"[Error]   *** CAP *** Cannot open the shared record of %s\n", name_);
+    return false;
+  }
+  common->topDownRows = encoder ? static_cast<uint32_t>(encoder->WantsTopDownRows()) : 0;
+  common->redFirst = encoder ? static_cast<uint32_t>(encoder->WantsRedFirst()) : 0;
+  common->megabytesWritten = 0;
+  common->bytesSent = 0;
+  storeShared(common->bufferedSeconds, -1.0f);
+  storeShared(common->recordedSeconds, -1.0f);
+  if (audio) audio->Start();
+  return true;
+}
+
+void Recorder::run() {
+  const bool ready = setUp();
+  platform::Event* events[] = {&stopEvent_, &objects_.newSource, &objects_.newEncoded, &pauseEvent_};
+  for (;;) {
+    const uint32_t result = ready ? platform::waitAny(events, kPassMs) : stopEvent_.wait(platform::kInfinite);
+    if (!ready) break;
+    CommonData* common = objects_.common();
+    if (result == 0 || result == 3) {
+      pumpAudio(common->audioPosition, true);
+      if (result == 0) break;
+      paused_ = !paused_;
+      if (audio) audio->SetPaused(paused_ ? 1 : 0);
+    } else if (result == 1) {
+      onNewSource();
+    } else if (result == 2) {
+      onNewEncoded();
+    }
+    if (started_) pumpAudio(common->audioPosition, false);
+    publishFigures();
+    checkClient();
+  }
+  tearDown();
+}
+
+void Recorder::onNewSource() {
+  CommonData* common = objects_.common();
+  // The events are hints: the free word decides.
+  if (loadShared(common->sourceFree) != 0) return;
+  const uint64_t largest = encoderBufferSize(static_cast<uint32_t>(encoder->width()), static_cast<uint32_t>(encoder->height()));
+  if (!objects_.sourceBuffer.isOpen()) {
+    // Sized once, by the first frame: a later change of the word does not resize it.
+    const uint32_t size = common->sourceSize;
+    if (size != 0 && size <= largest) objects_.openSourceBuffer(size);
+  }
+  const uint64_t size = common->sourceSize;
+  if (!objects_.sourceBuffer.isOpen() || size > objects_.sourceBuffer.size()) {
+    if (!warnedSource_) {
+      logLine(u"[Error]   *** CAP *** Source frame of %u bytes does not fit the source buffer of %s; such frames are "
+              u"dropped\n",
+              static_cast<uint32_t>(size), name_);
+      warnedSource_ = true;
+    }
+    ++framesRefused_;
+  } else if (encoder->EncodeFrame({objects_.sourceBuffer.view(), static_cast<size_t>(size)}, common->sourceTimed,
+                                  common->sourcePosition) != 0) {
+    ++framesEncoded_;
+  } else {
+    // Lost without a count in the shared record: the client sees it as a gap.
+    ++framesRefused_;
+  }
+  storeShared(common->sourceFree, 1u);
+}
+
+void Recorder::onNewEncoded() {
+  CommonData* common = objects_.common();
+  if (loadShared(common->encodedFree) != 0) return;
+  if (!started_ && encoder->HeadersAfterFirstFrame() != 0) {
+    const std::vector<std::byte> extra = encoder->GetStreamHeader();
+    if (!extra.empty()) writer->setExtraData(extra);
+    std::vector<std::byte> sps, pps;
+    if (encoder->GetParameterSets(sps, pps) != 0) {
+      SharedBroadcastInfo& shared = broadcastInfo();
+      std::lock_guard guard(shared.lock);
+      shared.info.sps = std::move(sps);
+      shared.info.pps = std::move(pps);
+    }
+    if (writer->delayed() && !writer->idle()) writer->begin();
+  }
+  started_ = true;
+  const uint32_t key = encoder->HasKeyFrameFlags() != 0 ? common->encodedKey : 1;
+  uint32_t size = common->encodedSize;
+  if (size > objects_.encoderBuffer.size()) {
+    if (!warnedEncoded_) {
+      logLine(u"[Error]   *** CAP *** Encoded frame of %u bytes is larger than its buffer in %s\n", size, name_);
+      warnedEncoded_ = true;
+    }
+    size = 0;
+  }
+  const std::span<const std::byte> frame(objects_.encoderBuffer.view(), size);
+  writer->writeWrapper(frame, 0, common->encodedTimed, common->encodedPosition, key);
+  if (publisher) {
+    std::vector<std::byte> header;
+    if (encoder->GetFrameExtra(header) != 0) publisher->setStreamHeader(header);
+    publisher->sendFrame(frame, common->encodedPosition, key != 0 ? NetworkStream::kKeyFrame : NetworkStream::kVideo);
+  }
+  storeShared(common->encodedFree, 1u);
+}
+
+void Recorder::pumpAudio(uint32_t position, bool flush) {
+  if (!audio || !writer) return;
+  const bool timed = writer->takesTimeStamps();
+  uint32_t timeStamp = 0;  // carried from track to track; only reads overwrite it
+  for (int32_t track = 0; track < audio->GetSourceCount(); ++track) {
+    audio->SetMuteMask(track, position);
+    const int32_t read = audio->Read(track, audioBuffer_, timed ? &timeStamp : nullptr, flush ? 1 : 0);
+    if (read == 0) continue;
+    const uint32_t writerTrack = static_cast<uint32_t>(track) + 1;
+    if (read > 0) {
+      const std::span<const std::byte> pcm(audioBuffer_.data(), std::min<size_t>(static_cast<size_t>(read), audioBuffer_.size()));
+      writer->writeWrapper(pcm, writerTrack, timed ? 1 : 0, timeStamp, 1);
+      if (publisher) publisher->sendFrame(pcm, timeStamp, NetworkStream::kAudio);
+      continue;
+    }
+    for (int32_t size; (size = audio->GetEncoded(track, audioPacket_, &timeStamp)) > 0;) {
+      const std::span<const std::byte> packet(audioPacket_.data(), std::min<size_t>(static_cast<size_t>(size), audioPacket_.size()));
+      std::unique_lock guard(writer->lock());
+      if (writer->prerecording() || !writer->listEmpty()) {
+        writer->addLocked(packet, writerTrack, timed ? 1 : 0, timeStamp, 1);
+        guard.unlock();
+      } else {
+        guard.unlock();
+        // A packet from before the file's first frame has no place in it.
+        if (!timed || timeStamp >= writer->baseTime()) {
+          writer->write(packet, writerTrack, timed ? 1 : 0, timeStamp - writer->baseTime(), 1);
+        }
+      }
+      if (publisher) publisher->sendFrame(packet, timeStamp, NetworkStream::kAudio);
+    }
+  }
+}
+
+void Recorder::publishFigures() {
+  CommonData* common = objects_.common();
+  if (writer) {
+    storeShared(common->bufferedSeconds, writer->bufferedSeconds());
+    storeShared(common->recordedSeconds, writer->recordedSeconds() < 0.0f ? 0.0f : writer->recordedSeconds());
+    storeShared(common->megabytesWritten, static_cast<uint32_t>(writer->bytesWritten() >> 20));
+    const auto free = platform::diskFreeBytes(writer->destination());
+    storeShared(common->freeMegabytes, free ? static_cast<uint32_t>(*free >> 20) : 0u);
+  }
+  storeShared(common->bytesSent, publisher ? static_cast<uint32_t>(publisher->bytesSent()) : 0u);
+}
+
+void Recorder::checkClient() {
+  if (!objects_.clientAlive.valid()) return;
+  // The client holds the mutex for the whole capture; getting it means the
+  // client let go or died. A dead client's mutex comes back abandoned first,
+  // which gives it to this thread, and the next pass finds it free.
+  if (objects_.clientAlive.wait(0) != platform::LockStatus::Acquired) return;
+  if (emergencyStop_) emergencyStop_(*this);
+  while (objects_.clientAlive.release()) {
+  }
+  objects_.clientAlive.close();
+}
+
+void Recorder::tearDown() {
+  if (audio) audio->Stop();
+  objects_.encoderBuffer.close();
+  objects_.sourceBuffer.close();
+  objects_.commonData.close();
+  objects_.newEncoded.close();
+  objects_.newSource.close();
+  if (objects_.clientAlive.valid()) {
+    while (objects_.clientAlive.release()) {
+    }
+    objects_.clientAlive.close();
+  }
+}
+
+void Recorder::Stop(bool deleteFiles) {
+  // The thread still runs here and takes the last encoded frames.
+  if (encoder) encoder->Close();
+  if (thread_.joinable()) {
+    stopEvent_.set();
+    const uint32_t result = thread_.join(kThreadPatienceMs);
+    if (result != platform::kWaitObject0) {
+      logLine(u"[Warning] Problems waiting recorder shutdown %s:%d\n", name_, result);
+      thread_.terminate();
+    }
+  }
+  stopEvent_.close();
+  if (framesEncoded_ != 0 || framesRefused_ != 0) {
+    logLine(u"  *** CAP *** Frames encoded %u, refused %u for %s\n", framesEncoded_.load(), framesRefused_.load(), name_);
+  }
+  encoder.reset();
+  audio.reset();
+  audioBuffer_.clear();
+  if (writer) writer->finish(deleteFiles);
+  writer.reset();
+  publisher.reset();
+}
 
 }  // namespace kestrium

@@ -1,15 +1,31 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/Event.h"
+#include "platform/Thread.h"
+#include "recorder/CaptureObjects.h"
+#include "recorder/IAudProcessor.h"
+#include "recorder/IFileWriter.h"
+#include "recorder/NetworkStream.h"
+#include "videoEncoder/IVidEncoder.h"
 
 namespace kestrium {
 
-// One named capture. The command channel finds it by name and acts on it; the
-// capture itself (its thread, encoder and writer) is built by the start command.
+// One named capture. Its thread sleeps on four events and does short pieces of
+// work when one rings: a source frame goes to the encoder, an encoded frame to
+// the writer (and the publisher), audio is pumped, and the figures go back to
+// the client. Encoding runs on the encoder's threads; the file is written here.
 class Recorder {
  public:
+  // How the recorder's thread asks its server to stop it when the client has gone.
+  using EmergencyStop = std::function<void(const Recorder&)>;
+
   explicit Recorder(std::u16string name);
   ~Recorder();
   Recorder(const Recorder&) = delete;
@@ -17,24 +33,55 @@ class Recorder {
 
   const std::u16string& name() const { return name_; }
 
-  // Ends the capture; with deleteFiles what was recorded is discarded.
+  // Parts of the capture, owned from here on.
+  std::unique_ptr<IVidEncoder> encoder;
+  std::unique_ptr<IAudProcessor> audio;
+  std::unique_ptr<IFileWriter> writer;
+  std::unique_ptr<NetworkStream> publisher;
+
+  // Starts the thread; false when it cannot run.
+  bool Start(EmergencyStop emergencyStop);
+
+  // Ends the capture, on the command thread: the encoder delivers what it took,
+  // the thread ends, the file is finished, or discarded with deleteFiles.
   void Stop(bool deleteFiles);
 
   // Flipped only by the recorder's own thread, when its pause event rings.
   bool paused() const { return paused_; }
   platform::Event& pauseEvent() { return pauseEvent_; }
 
-  // The writer's side, as the command channel needs it: whether there is one,
-  // whether it still holds back in pre-recording, and its begin (non-zero when
-  // the file was started).
-  bool hasWriter() const { return false; }
-  bool writerPrerecording() const { return false; }
-  int beginWriting() { return 0; }
+  // The writer's side, as the command channel needs it.
+  bool hasWriter() const { return writer != nullptr; }
+  bool writerPrerecording() const { return writer != nullptr && writer->prerecording(); }
+  int beginWriting() { return writer != nullptr ? writer->begin() : 0; }
+
+  uint32_t framesEncoded() const { return framesEncoded_; }
+  uint32_t framesRefused() const { return framesRefused_; }
 
  private:
+  void run();
+  bool setUp();
+  void onNewSource();
+  void onNewEncoded();
+  void pumpAudio(uint32_t position, bool flush);
+  void publishFigures();
+  void checkClient();
+  void tearDown();
+
   std::u16string name_;
-  bool paused_ = false;
+  CaptureObjects objects_;
+  platform::Thread thread_;
+  platform::Event stopEvent_;
   platform::Event pauseEvent_;
+  EmergencyStop emergencyStop_;
+  std::atomic<bool> paused_{false};
+  bool started_ = false;  // the first encoded frame came: audio may be read
+  std::vector<std::byte> audioBuffer_;
+  std::vector<std::byte> audioPacket_;
+  std::atomic<uint32_t> framesEncoded_{0};
+  std::atomic<uint32_t> framesRefused_{0};
+  bool warnedSource_ = false;
+  bool warnedEncoded_ = false;
 };
 
 }  // namespace kestrium

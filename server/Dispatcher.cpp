@@ -6,6 +6,7 @@
 #include "platform/Clock.h"
 #include "platform/NamedMutex.h"
 #include "platform/SharedMapping.h"
+#include "server/CaptureStart.h"
 #include "server/CommandChannel.h"
 #include "server/Log.h"
 
@@ -110,8 +111,7 @@ std::list<std::unique_ptr<Recorder>>::iterator Dispatcher::find(std::u16string_v
 
 void Dispatcher::handleStart(const StartParameters& params) {
   std::lock_guard guard(lock_);
-  logLine(u"[Error]   *** CAP *** Cannot start capture %s: this server cannot record yet\n",
-          wireString(params.recorderName));
+  if (auto recorder = startCapture(params)) recorders_.push_back(std::move(recorder));
 }
 
 void Dispatcher::handleStop(const StopParameters& params) {

@@ -161,6 +161,8 @@ std::vector<std::u16string> commandArguments(int argc, char** argv) {
   return args;
 }
 
+bool stdoutIsTerminal() { return isatty(STDOUT_FILENO) == 1; }
+
 void showMessage(std::u16string_view text, std::u16string_view /*title*/) {
   debugOutput(std::u16string(text) + u"\n");
 }

@@ -126,6 +126,11 @@ std::vector<std::u16string> commandArguments(int /*argc*/, char** /*argv*/) {
   return args;
 }
 
+bool stdoutIsTerminal() {
+  DWORD mode = 0;
+  return GetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), &mode) != 0;
+}
+
 void showMessage(std::u16string_view text, std::u16string_view title) {
   // A process started with its standard error redirected (a script, a test) gets
   // the text there; a box would wait for a click that never comes.

@@ -20,6 +20,8 @@
 namespace kestrium::test {
 
 inline constexpr uint32_t kPatience = 20000;
+// Long enough for a recording of some seconds in real time.
+inline constexpr uint32_t kClientPatience = 60000;
 
 class ServerHarness {
  public:
@@ -74,12 +76,19 @@ class ServerHarness {
     return server;
   }
 
+  // Starts a client that runs on its own; its output goes to outputFile.
+  platform::ChildProcess startClient(const std::vector<std::string>& args, const std::filesystem::path& outputFile) {
+    platform::ChildProcess child;
+    EXPECT_TRUE(child.start(binary(KESTRIUM_CLIENT), args, {}, outputFile));
+    return child;
+  }
+
   // Runs the client to its end; its output is kept in clientOutput.
   int client(const std::vector<std::string>& args) {
     platform::ChildProcess child;
     const auto output = folder_.path() / "client-output.txt";
     if (!child.start(binary(KESTRIUM_CLIENT), args, {}, output)) return -1;
-    const int status = child.wait(kPatience).value_or(-1);
+    const int status = child.wait(kClientPatience).value_or(-1);
     const std::vector<char> bytes = readBytes(output);
     clientOutput.clear();
     // Text-mode output on Windows ends its lines with CR LF.

@@ -1,0 +1,187 @@
+#include "server/CaptureStart.h"
+
+#include <cmath>
+#include <string>
+
+#include "platform/Text.h"
+#include "recorder/BroadcastInfo.h"
+#include "server/Dispatcher.h"
+#include "server/Log.h"
+
+namespace kestrium {
+
+namespace {
+
+constexpr uint32_t kLargestSide = 16384;
+constexpr uint32_t kMostThreads = 64;
+constexpr uint32_t kDibFourcc = 0x20424944;  // "DIB ": uncompressed
+
+std::string decimal(uint32_t v) { return std::to_string(static_cast<int32_t>(v)); }
+
+std::string fourccText(uint32_t code) {
+  std::string text(4, ' ');
+  for (int i = 0; i < 4; ++i) text[i] = static_cast<char>((code >> (8 * i)) & 0xFF);
+  return text;
+}
+
+void logEncoderSettings(const StartParameters& p, std::u16string_view encoder) {
+  if (encoder == u"vfw") {
+    logLine(u"  *** CAP *** ** VFW fourcc:           %S\n", fourccText(p.vfwCodec));
+  } else if (encoder == u"h264.quicksync") {
+    logLine(u"  *** CAP *** ** Preset:               %d\n", p.targetUsage);
+    logLine(u"  *** CAP *** ** Bitrate:              %d kbps\n", p.bitrate);
+    logLine(u"  *** CAP *** ** Hardware acc:         %s\n", p.useHardware != 0 ? u"ON" : u"OFF");
+    logLine(u"  *** CAP *** ** FullColorRange:       %d\n", p.fullColor);
+  } else if (encoder == u"h264.nvenc" || encoder == u"h264.amdvce") {
+    logLine(u"  *** CAP *** ** Profile:              %d\n", p.profile);
+    logLine(u"  *** CAP *** ** Preset:               %d\n", p.targetUsage);
+    logLine(u"  *** CAP *** ** Bitrate:              %d kbps\n", p.bitrate);
+  } else if (encoder == u"mjpeg") {
+    logLine(u"  *** CAP *** ** FullColorRange:   %d\n", p.fullColorRange);
+    logLine(u"  *** CAP *** ** YUV411:           %d\n", p.fullColorSpace == 0 ? 1 : 0);
+    logLine(u"  *** CAP *** ** Quality:          %d\n", p.mjpegQuality);
+  }
+}
+
+OptionList optionsOf(const StartParameters& p, std::u16string_view name) {
+  return {"width",          decimal(p.width),
+          "height",         decimal(p.height),
+          "threads",        decimal(p.threads),
+          "shared_name",    platform::toUtf8(name),
+          "full_color_range", decimal(p.fullColorRange),
+          "full_color_space", decimal(p.fullColorSpace),
+          "mjpeg_quality",  decimal(p.mjpegQuality),
+          "profile",        decimal(p.profile),
+          "bitrate",        decimal(p.bitrate),
+          "target_usage",   decimal(p.targetUsage),
+          "use_hw",         decimal(p.useHardware),
+          "fps",            decimal(p.frameRate),
+          "full_color",     decimal(p.fullColor),
+          "low_latency",    decimal(p.lowLatency),
+          "vfw_codec",      std::to_string(p.vfwCodec)};
+}
+
+// What no encoder or writer would survive, refused before anything is made.
+bool acceptable(const StartParameters& p) {
+  if (p.width == 0 || p.height == 0 || p.width > kLargestSide || p.height > kLargestSide) {
+    logLine(u"[Error]   *** CAP *** Frame size %ux%u cannot be recorded\n", p.width, p.height);
+    return false;
+  }
+  if (p.frameRate == 0) {
+    logLine(u"[Error]   *** CAP *** Frame rate 0 cannot be recorded\n");
+    return false;
+  }
+  if (p.threads > kMostThreads) {
+    logLine(u"[Error]   *** CAP *** %u encoder threads are more than %u\n", p.threads, kMostThreads);
+    return false;
+  }
+  if (!(p.prerecordLimit >= 0.0f)) {
+    logLine(u"[Error]   *** CAP *** Pre-record limit %f is not a time\n", static_cast<double>(p.prerecordLimit));
+    return false;
+  }
+  return true;
+}
+
+void fillBroadcastInfo(const StartParameters& p, IVidEncoder& encoder) {
+  SharedBroadcastInfo& shared = broadcastInfo();
+  std::lock_guard guard(shared.lock);
+  BroadcastInfo& info = shared.info;
+  info.videoBitrate = p.bitrate;
+  info.frameRate = p.frameRate / 1000;
+  info.audioBitrate = p.audioBitrate;
+  info.width = p.width;
+  info.height = p.height;
+  info.audioSampleRate = 0;
+  info.channels = 2;
+  std::vector<std::byte> sps, pps;
+  if (encoder.GetParameterSets(sps, pps) != 0) {
+    info.sps = std::move(sps);
+    info.pps = std::move(pps);
+  }
+  info.address = wireString(p.broadcastAddress);
+  info.stream = wireString(p.broadcastStream);
+}
+
+std::unique_ptr<Recorder> fail(std::unique_ptr<Recorder> recorder) {
+  // Whatever was recorded is discarded: a failed start leaves no file.
+  if (recorder) recorder->Stop(true);
+  logLine(u"[Error]   *** CAP *** Error starting capture\n");
+  return nullptr;
+}
+
+}  // namespace
+
+std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
+  const std::u16string_view name = wireString(params.recorderName);
+  if (name.empty() || name.size() == std::size(params.recorderName)) {
+    logLine(u"[Error]   *** CAP *** Capture name is missing or has no end\n");
+    return fail(nullptr);
+  }
+  std::u16string encoderName(wireString(params.encoder));
+  logLine(u"  *** CAP *** Starting capture, recorder name %s\n", name);
+  logLine(u"  *** CAP *** Destination folder:    %s\n", wireString(params.destinationFolder));
+  logLine(u"  *** CAP *** Encoder:               %s\n", encoderName);
+  logEncoderSettings(params, encoderName);
+  // A "DIB " codec is no codec at all: the lossless copy records it.
+  if (encoderName == u"vfw" && params.vfwCodec == kDibFourcc) encoderName = u"no_compression";
+  logLine(u"  *** CAP *** Num threads:           %d\n", params.threads);
+  logLine(u"  *** CAP *** Frame size:            %dx%d\n", params.width, params.height);
+  logLine(u"  *** CAP *** Frame rate:            %.2f fps\n", params.frameRate / 1000.0);
+  logLine(u"  \n");
+  if (!acceptable(params)) return fail(nullptr);
+
+  auto recorder = std::make_unique<Recorder>(std::u16string(name));
+  std::unique_ptr<IVidEncoder> encoder = CreateVideoEncoder(encoderName);
+  if (!encoder) return fail(std::move(recorder));
+  if (encoder->Init(optionsOf(params, name)) == 0) {
+    encoder->Close();
+    return fail(std::move(recorder));
+  }
+  recorder->encoder = std::move(encoder);
+  IVidEncoder& video = *recorder->encoder;
+
+  if (params.audioSources[0].deviceId[0] != u'\0') {
+    logLine(u"[Warning] *** CAP *** This server records no audio yet: the audio sources are left out\n");
+  }
+
+  std::unique_ptr<IFileWriter> writer =
+      IFileWriter::Create(params.sideTracks != 0, params.prerecordLimit, params.container != 0 ? u"MP4" : u"AVI",
+                          std::filesystem::path(std::u16string(wireString(params.destinationFolder))));
+  if (!writer) return fail(std::move(recorder));
+  writer->setNames(std::u16string(wireString(params.baseName)), params.folderByName != 0, params.folderByDate != 0,
+                   params.reservedFlag);
+  if (video.HasBitmapFormat() != 0) {
+    BitmapInfoHeader header{};
+    video.GetBitmapFormat(&header);
+    writer->setVideoFormat(params.width, params.height, params.frameRate, header);
+  } else {
+    const std::vector<std::byte> extra = video.GetStreamHeader();
+    writer->setVideoParameters(params.width, params.height, params.frameRate, params.bitrate, extra);
+  }
+  recorder->writer = std::move(writer);
+
+  if (params.broadcast != 0) {
+    logLine(u"  *** CAP *** Creating broadcaster...\n");
+    logLine(u"[Warning] *** CAP *** This server cannot broadcast yet: the capture is recorded only\n");
+    fillBroadcastInfo(params, video);
+  }
+
+  if (!recorder->Start([](const Recorder& r) { Dispatcher::SendStopCommand(r); })) {
+    logLine(u"[Error]   *** CAP *** Cannot start the recorder thread\n");
+    return fail(std::move(recorder));
+  }
+
+  if (params.writeAtOnce == 0) {
+    logLine(u"  *** CAP *** ** PRE-RECORDING IS ON **\n");
+    logLine(u"  *** CAP *** Prerecord limit:       %.0f seconds\n", static_cast<double>(params.prerecordLimit));
+  } else if (video.HeadersAfterFirstFrame() != 0) {
+    // The file can only begin once the encoder has told its headers.
+    recorder->writer->setDelayedBegin();
+    logLine(u"[Warning] *** CAP *** Delayed recording\n");
+  } else if (recorder->writer->begin() == 0) {
+    return fail(std::move(recorder));
+  }
+  return recorder;
+}
+
+}  // namespace kestrium

@@ -1,0 +1,390 @@
+// Whole recordings: the real server, the real client, and the files they make,
+// read back by ffprobe and ffmpeg (and by our own parser where those cannot run).
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <sstream>
+
+#include "client/FrameSource.h"
+#include "server/CommandChannel.h"
+#include "tests/e2e/ServerHarness.h"
+#include "tests/fileOutput/AviParser.h"
+
+namespace kestrium::test {
+namespace {
+
+constexpr uint32_t kWidth = 640, kHeight = 360;
+constexpr size_t kFrameBytes = size_t{kWidth} * kHeight * 3;
+
+bool haveTools() { return !std::string(KESTRIUM_FFPROBE).empty(); }
+
+// Every file the client says it made, from the end of its output.
+std::vector<std::filesystem::path> filesIn(const std::string& clientOutput) {
+  std::vector<std::filesystem::path> files;
+  std::istringstream lines(clientOutput);
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();  // text mode on Windows
+    if (!line.empty() && line.find('=') == std::string::npos) files.emplace_back(line);
+  }
+  return files;
+}
+
+std::string field(const std::string& text, const std::string& name) {
+  const size_t at = text.find(name + "=");
+  if (at == std::string::npos) return {};
+  const size_t start = at + name.size() + 1;
+  return text.substr(start, text.find_first_of(" \n", start) - start);
+}
+
+class RecordingEndToEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override { server_ = harness.startServer(); }
+  void TearDown() override {
+    platform::ChildProcess request;
+    if (request.start(harness.binary(KESTRIUM_SERVER), {"/shutdown"})) request.wait(kPatience);
+    server_.wait(kPatience);
+  }
+
+  std::filesystem::path dir() const { return harness.folder() / "recordings"; }
+
+  // A raw file of n frames of the client's pattern, rgb24 top-down.
+  std::filesystem::path rawFrames(uint32_t n) {
+    const auto path = harness.folder() / "frames.rgb";
+    std::ofstream out(path, std::ios::binary);
+    std::vector<std::byte> frame(kFrameBytes);
+    for (uint32_t f = 0; f < n; ++f) {
+      client::PatternSource::render(kWidth, kHeight, f * 5, frame);
+      out.write(reinterpret_cast<const char*>(frame.data()), static_cast<std::streamsize>(frame.size()));
+    }
+    return path;
+  }
+
+  static std::vector<std::byte> rawFrame(const std::filesystem::path& raw, uint32_t number) {
+    std::ifstream in(raw, std::ios::binary);
+    in.seekg(static_cast<std::streamoff>(number * kFrameBytes));
+    std::vector<std::byte> frame(kFrameBytes);
+    in.read(reinterpret_cast<char*>(frame.data()), static_cast<std::streamsize>(frame.size()));
+    return frame;
+  }
+
+  // The video chunks of an AVI written by a "no_compression" capture, each turned
+  // back into rgb24 top-down (empty chunks stay empty).
+  static std::vector<std::vector<std::byte>> videoFrames(const std::filesystem::path& avi) {
+    const AviFile file(avi);
+    std::vector<std::vector<std::byte>> frames;
+    for (const auto& riff : file.top) {
+      const AviChunk* movi = riff.find("LIST", "movi");
+      if (movi == nullptr) continue;
+      for (const auto& c : movi->children) {
+        if (c.code != "00db") continue;
+        std::vector<std::byte> rgb;
+        if (c.size == kFrameBytes) {
+          rgb.resize(kFrameBytes);
+          client::convertLayout({reinterpret_cast<const std::byte*>(file.data(c.position + 8)), kFrameBytes}, kWidth,
+                                kHeight, rgb, {false, false});
+        }
+        frames.push_back(std::move(rgb));
+      }
+    }
+    return frames;
+  }
+
+  static std::string probe(const std::filesystem::path& file) {
+    std::string out;
+    EXPECT_EQ(runTool(KESTRIUM_FFPROBE,
+                      {"-v", "error", "-count_packets", "-show_entries", "stream=codec_type,nb_frames,nb_read_packets",
+                       "-of", "default=nw=1", file.string()},
+                      out),
+              0)
+        << out;
+    return out;
+  }
+
+  int record(const std::vector<std::string>& extra) {
+    std::vector<std::string> args = {"record", "--dir", dir().string(), "--encoder", "no_compression",
+                                     "--size", std::to_string(kWidth) + "x" + std::to_string(kHeight)};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return harness.client(args);
+  }
+
+  ServerHarness harness;
+  platform::ChildProcess server_;
+};
+
+TEST_F(RecordingEndToEndTest, RealTimeRecordingHoldsEveryFrameBitExact) {
+  const auto raw = rawFrames(150);
+  ASSERT_EQ(record({"--frames", "150", "--source", "raw:" + raw.string(), "--pace", "realtime"}), 0)
+      << harness.clientOutput;
+  EXPECT_EQ(field(harness.clientOutput, "frames_fed"), "150");
+  EXPECT_EQ(field(harness.clientOutput, "frames_skipped"), "0");
+  const auto files = filesIn(harness.clientOutput);
+  ASSERT_EQ(files.size(), 1u) << harness.clientOutput;
+  EXPECT_EQ(files[0].extension(), ".avi");
+
+  const auto frames = videoFrames(files[0]);
+  ASSERT_EQ(frames.size(), 150u);
+  for (uint32_t f = 0; f < 150; ++f) ASSERT_EQ(frames[f], rawFrame(raw, f)) << "frame " << f;
+
+  if (haveTools()) {
+    const std::string info = probe(files[0]);
+    EXPECT_NE(info.find("nb_frames=150"), std::string::npos) << info;
+    EXPECT_NE(info.find("nb_read_packets=150"), std::string::npos) << info;
+    const auto decoded = harness.folder() / "decoded.rgb";
+    std::string out;
+    ASSERT_EQ(runTool(KESTRIUM_FFMPEG,
+                      {"-v", "error", "-i", files[0].string(), "-f", "rawvideo", "-pix_fmt", "rgb24", decoded.string()},
+                      out),
+              0)
+        << out;
+    EXPECT_EQ(readBytes(decoded), readBytes(raw)) << "ffmpeg decodes exactly what the client sent";
+  }
+  EXPECT_NE(harness.log().find("  *** CAP *** Frames encoded 150, refused 0 for capture\r\n"), std::string::npos);
+}
+
+// As fast as the server takes frames: refused frames leave gaps, which the
+// frame grid fills, and every frame that is there is the one it stands for.
+TEST_F(RecordingEndToEndTest, MaxPaceRecordingPutsEveryTakenFrameOnItsGridPlace) {
+  const auto raw = rawFrames(120);
+  ASSERT_EQ(record({"--frames", "120", "--source", "raw:" + raw.string(), "--pace", "max", "--fps", "60"}), 0)
+      << harness.clientOutput;
+  const auto files = filesIn(harness.clientOutput);
+  ASSERT_EQ(files.size(), 1u);
+  const auto frames = videoFrames(files[0]);
+  uint32_t grid = 0, next = 0, taken = 0;
+  for (size_t i = 0; i < frames.size();) {
+    ASSERT_FALSE(frames[i].empty()) << "an empty chunk only follows a frame";
+    // The frame this chunk holds: the next one of the source that matches.
+    uint32_t number = next;
+    while (number < 120 && frames[i] != rawFrame(raw, number)) ++number;
+    ASSERT_LT(number, 120u) << "chunk " << i << " is none of the frames sent";
+    size_t empties = 0;
+    while (i + 1 + empties < frames.size() && frames[i + 1 + empties].empty()) ++empties;
+    const int64_t gap = int64_t{number} - grid - 1;
+    EXPECT_EQ(static_cast<int64_t>(empties), std::max<int64_t>(gap, 0)) << "after frame " << number;
+    ++taken;
+    grid += 1 + static_cast<uint32_t>(empties);
+    next = number + 1;
+    i += 1 + empties;
+  }
+  EXPECT_GT(taken, 0u);
+  if (haveTools()) {
+    EXPECT_NE(probe(files[0]).find("nb_frames=" + std::to_string(frames.size())), std::string::npos);
+  }
+}
+
+TEST_F(RecordingEndToEndTest, PrerecordingKeepsTheSecondsBeforeThePress) {
+  ASSERT_EQ(record({"--prerecord", "3", "--begin-after", "5", "--seconds", "7"}), 0) << harness.clientOutput;
+  const auto files = filesIn(harness.clientOutput);
+  ASSERT_EQ(files.size(), 1u) << harness.clientOutput;
+  const AviFile avi(files[0]);
+  const auto frames = videoFrames(files[0]);
+  EXPECT_NEAR(frames.size() / 30.0, 5.0, 0.5) << "3 s from before the press and 2 s after it";
+  const AviChunk* idx1 = avi.top.at(0).find("idx1");
+  ASSERT_NE(idx1, nullptr);
+  EXPECT_EQ(avi.u32(idx1->dataPosition() + 4), 0x10u) << "the file begins with a key frame";
+  EXPECT_NE(harness.log().find("** PRE-RECORDING IS OFF ** for capture"), std::string::npos);
+}
+
+struct Abandon {
+  std::vector<std::string> args;
+  bool keepsFile;
+};
+
+class ClientGoneTest : public RecordingEndToEndTest, public ::testing::WithParamInterface<Abandon> {};
+
+// A client that dies or lets go of its capture stops it: a recording that was
+// writing keeps its file, one still in pre-recording leaves nothing.
+TEST_P(ClientGoneTest, ServerStopsTheCaptureOfAClientThatIsGone) {
+  std::vector<std::string> args = {"--seconds", "4"};
+  args.insert(args.end(), GetParam().args.begin(), GetParam().args.end());
+  record(args);
+  ASSERT_TRUE(harness.waitForLog("[Warning] Emergency stop for capture\r\n", 5000)) << harness.log();
+  ASSERT_TRUE(harness.waitForLog("  *** CAP *** Stopping capture, recorder name    capture\r\n", 5000));
+  EXPECT_EQ(harness.client({"pause", "capture", "on"}), 0);
+  EXPECT_NE(harness.log().find("Cannot toggle pause video capture"), std::string::npos) << "the recorder is gone";
+
+  std::vector<std::filesystem::path> avis;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir())) {
+    if (entry.path().extension() == ".avi") avis.push_back(entry.path());
+  }
+  if (!GetParam().keepsFile) {
+    EXPECT_TRUE(avis.empty());
+    return;
+  }
+  ASSERT_EQ(avis.size(), 1u);
+  const size_t frames = videoFrames(avis[0]).size();
+  EXPECT_NEAR(frames / 30.0, 2.0, 0.7);
+  if (haveTools()) {
+    EXPECT_NE(probe(avis[0]).find("nb_read_packets=" + std::to_string(frames)), std::string::npos);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, ClientGoneTest,
+                         ::testing::Values(Abandon{{"--die-after", "2"}, true},
+                                           Abandon{{"--release-after", "2"}, true},
+                                           Abandon{{"--prerecord", "10", "--die-after", "2"}, false}),
+                         [](const auto& info) { return "Case" + std::to_string(info.index); });
+
+TEST_F(RecordingEndToEndTest, StopWithDeleteLeavesNoFile) {
+  ASSERT_EQ(record({"--seconds", "1", "--delete"}), 0);
+  EXPECT_TRUE(filesIn(harness.clientOutput).empty());
+  EXPECT_TRUE(std::filesystem::is_empty(dir()));
+  EXPECT_NE(harness.log().find("  *** CAP *** Deleting recorded files...\r\n"), std::string::npos);
+}
+
+TEST_F(RecordingEndToEndTest, ShutdownWithACaptureRunningKeepsAValidFile) {
+  platform::ChildProcess client = harness.startClient(
+      {"record", "--dir", dir().string(), "--encoder", "no_compression", "--size", "320x180", "--seconds", "1",
+       "--no-stop"},
+      harness.folder() / "client.txt");
+  ASSERT_TRUE(harness.waitForLog("Frame size:            320x180"));
+  platform::sleepMs(2000);
+  TearDown();
+  client.kill();
+  client.wait(kPatience);
+  std::vector<std::filesystem::path> avis;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir())) avis.push_back(entry.path());
+  ASSERT_EQ(avis.size(), 1u);
+  const AviFile avi(avis[0]);
+  ASSERT_EQ(avi.top.size(), 1u);
+  EXPECT_EQ(avi.top[0].size, avi.size() - 8) << "finished: the sizes are patched";
+  EXPECT_NE(avi.top[0].find("idx1"), nullptr);
+  if (haveTools()) {
+    EXPECT_NE(probe(avis[0]).find("nb_read_packets=30"), std::string::npos);
+  }
+}
+
+TEST_F(RecordingEndToEndTest, TwoCapturesAtOnceMakeTwoFiles) {
+  const auto firstOutput = harness.folder() / "first.txt";
+  platform::ChildProcess first = harness.startClient(
+      {"record", "--name", "first", "--dir", (dir() / "a").string(), "--encoder", "no_compression", "--size",
+       "320x180", "--seconds", "2"},
+      firstOutput);
+  ASSERT_EQ(harness.client({"record", "--name", "second", "--dir", (dir() / "b").string(), "--encoder",
+                            "no_compression", "--size", "160x90", "--seconds", "2"}),
+            0);
+  ASSERT_EQ(first.wait(kClientPatience), 0);
+  const std::vector<char> firstSaid = readBytes(firstOutput);
+  const auto a = filesIn(std::string(firstSaid.begin(), firstSaid.end()));
+  const auto b = filesIn(harness.clientOutput);
+  ASSERT_EQ(a.size(), 1u) << std::string(firstSaid.begin(), firstSaid.end());
+  ASSERT_EQ(b.size(), 1u) << harness.clientOutput;
+  for (const auto& file : {a[0], b[0]}) {
+    const AviFile avi(file);
+    ASSERT_EQ(avi.top.size(), 1u) << file << " of " << avi.size() << " bytes";
+    EXPECT_EQ(avi.top[0].size, avi.size() - 8);
+    EXPECT_NEAR(static_cast<double>(avi.top[0].find("LIST", "movi")->children.size()), 60.0, 3.0) << file;
+  }
+}
+
+TEST_F(RecordingEndToEndTest, PauseIsLoggedAndTheRecordingGoesOn) {
+  ASSERT_EQ(record({"--seconds", "3", "--pause-at", "1", "--resume-at", "2"}), 0);
+  const std::string log = harness.log();
+  EXPECT_NE(log.find("  *** CAP *** ** PAUSED ** for capture\r\n"), std::string::npos);
+  EXPECT_NE(log.find("  *** CAP *** ** UNPAUSED ** for capture\r\n"), std::string::npos);
+  const auto files = filesIn(harness.clientOutput);
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_NEAR(static_cast<double>(videoFrames(files[0]).size()), 90.0, 3.0);
+}
+
+TEST_F(RecordingEndToEndTest, FiguresComeUpAndGrow) {
+  platform::ChildProcess client = harness.startClient(
+      {"record", "--dir", dir().string(), "--encoder", "no_compression", "--size", "320x180", "--seconds", "3"},
+      harness.folder() / "client.txt");
+  std::vector<double> recorded;
+  std::string last;
+  const uint64_t until = platform::monotonicNs() + 20'000'000'000ull;
+  while (!client.wait(0) && platform::monotonicNs() < until) {
+    if (harness.client({"status", "capture"}) == 0) {
+      last = harness.clientOutput;
+      recorded.push_back(std::stod(field(last, "recorded_seconds")));
+    }
+    platform::sleepMs(100);
+  }
+  ASSERT_FALSE(recorded.empty());
+  for (size_t i = 1; i < recorded.size(); ++i) EXPECT_GE(recorded[i], recorded[i - 1]) << "figures only grow";
+  for (double r : recorded) EXPECT_TRUE(r == -1.0 || r >= 0.0) << r;
+  EXPECT_GT(recorded.back(), 1.0);
+  EXPECT_GT(std::stoul(field(last, "free_mb")), 0u);
+  const uint32_t megabytes = static_cast<uint32_t>(std::stoul(field(last, "mb_written")));
+  // Recorded seconds of an AVI are whole seconds of its frame grid.
+  const double perSecond = 30.0 * 320 * 180 * 3 / 1048576.0;
+  EXPECT_GE(megabytes + 1, recorded.back() * perSecond);
+  EXPECT_LE(megabytes, (recorded.back() + 1) * perSecond + 1);
+  EXPECT_EQ(field(last, "buffered_seconds"), "0.00");
+}
+
+struct BadStart {
+  const char* what;
+  void (*spoil)(StartParameters&, const std::filesystem::path& folder);
+  const char* line;
+};
+
+class BadStartTest : public RecordingEndToEndTest, public ::testing::WithParamInterface<BadStart> {};
+
+// A start the server cannot honour is refused with its reason in the log,
+// leaves no recorder and no file, and the next good capture records.
+TEST_P(BadStartTest, BadStartIsRefusedAndTheServerGoesOn) {
+  auto block = std::make_unique<CommandBlock>();
+  *block = {};
+  block->command = kCommandStart;
+  block->replyWanted = 1;
+  StartParameters& p = block->start;
+  setWireString(p.recorderName, u"bad");
+  setWireString(p.destinationFolder, dir().u16string());
+  setWireString(p.baseName, u"game.exe");
+  setWireString(p.encoder, u"no_compression");
+  p.width = 64;
+  p.height = 48;
+  p.frameRate = 30000;
+  p.threads = 1;
+  p.writeAtOnce = 1;
+  GetParam().spoil(p, harness.folder());
+  ASSERT_EQ(sendCommand(*block, kPatience), SendResult::Replied);
+
+  const std::string log = harness.log();
+  EXPECT_NE(log.find(GetParam().line), std::string::npos) << GetParam().what << "\n" << log;
+  EXPECT_NE(log.find("[Error]   *** CAP *** Error starting capture\r\n"), std::string::npos) << log;
+  if (std::filesystem::exists(dir())) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir())) {
+      EXPECT_FALSE(entry.is_regular_file()) << "left behind: " << entry.path();
+    }
+  }
+  ASSERT_EQ(harness.client({"stop", "bad"}), 0);
+  EXPECT_NE(harness.log().find("Cannot find recorder to delete bad"), std::string::npos) << "no recorder stays";
+
+  ASSERT_EQ(record({"--seconds", "1", "--size", "160x90"}), 0) << harness.clientOutput;
+  EXPECT_EQ(filesIn(harness.clientOutput).size(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Starts, BadStartTest,
+    ::testing::Values(
+        BadStart{"zero width", [](StartParameters& p, const auto&) { p.width = 0; },
+                 "[Error]   *** CAP *** Frame size 0x48 cannot be recorded\r\n"},
+        BadStart{"zero height", [](StartParameters& p, const auto&) { p.height = 0; },
+                 "[Error]   *** CAP *** Frame size 64x0 cannot be recorded\r\n"},
+        BadStart{"frame rate 0", [](StartParameters& p, const auto&) { p.frameRate = 0; },
+                 "[Error]   *** CAP *** Frame rate 0 cannot be recorded\r\n"},
+        BadStart{"no name", [](StartParameters& p, const auto&) { p.recorderName[0] = u'\0'; },
+                 "[Error]   *** CAP *** Capture name is missing or has no end\r\n"},
+        BadStart{"unterminated name",
+                 [](StartParameters& p, const auto&) {
+                   std::fill(std::begin(p.recorderName), std::end(p.recorderName), u'b');
+                 },
+                 "[Error]   *** CAP *** Capture name is missing or has no end\r\n"},
+        BadStart{"destination under a file",
+                 [](StartParameters& p, const std::filesystem::path& folder) {
+                   std::ofstream(folder / "plain-file") << "x";
+                   setWireString(p.destinationFolder, (folder / "plain-file" / "rec").u16string());
+                 },
+                 "Cannot create file "},
+        BadStart{"encoder that cannot open",
+                 [](StartParameters& p, const auto&) { setWireString(p.encoder, u"h264.nvenc"); },
+                 "[Error]   Cannot create video encoder h264.nvenc\r\n"}),
+    [](const auto& info) { return "Case" + std::to_string(info.index); });
+
+}  // namespace
+}  // namespace kestrium::test
