@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <random>
 
 #include "server/CommandChannel.h"
@@ -29,9 +30,16 @@ TEST_F(ServerEndToEndTest, StartsLogsAndEndsOnShutdownRequest) {
   platform::ChildProcess server = harness.startServer();
   const std::string log = harness.log();
   EXPECT_EQ(log.rfind("\n", 0), 0u) << "a fresh log opens with the byte order mark and a blank line";
-  EXPECT_NE(log.find(" |     kestriumcapture32.exe |   Kestrium capture server (" __DATE__ ") is starting\r\n"),
-            std::string::npos)
-      << log;
+  // The build date, in the form "Nov  5 2014".
+  const std::string start = " |     kestriumcapture32.exe |   Kestrium capture server (";
+  const size_t at = log.find(start);
+  ASSERT_NE(at, std::string::npos) << log;
+  const std::string date = log.substr(at + start.size(), 11);
+  EXPECT_EQ(log.substr(at + start.size() + 11, 15), ") is starting\r\n") << log;
+  EXPECT_TRUE(std::isupper(static_cast<unsigned char>(date[0])) && date[3] == ' ' &&
+              std::isdigit(static_cast<unsigned char>(date[5])) && date[6] == ' ' &&
+              std::isdigit(static_cast<unsigned char>(date[10])))
+      << date;
   EXPECT_EQ(harness.client({"features"}), 0);
   EXPECT_EQ(harness.clientOutput, "quicksync=0 nvenc=0 amdvce=0\n");
   shutDown(server);

@@ -80,11 +80,16 @@ class Consumer {
  private:
   void run() {
     platform::Event* events[] = {&stop_, &objects_.newEncoded};
+    // Only a frame announced by the event is whole: the encoder clears the free
+    // word before it writes. One announced while held waits for the release.
+    bool announced = false;
     for (;;) {
       const uint32_t r = platform::waitAny(events, 5);
       if (r == 0) return;
+      if (r == 1) announced = true;
       CommonData* common = objects_.common();
-      if (held_ || loadShared(common->encodedFree) != 0) continue;
+      if (!announced || held_ || loadShared(common->encodedFree) != 0) continue;
+      announced = false;
       Delivered d{common->encodedSize, common->encodedTimed, common->encodedPosition, 0};
       std::memcpy(&d.payload, objects_.encoderBuffer.view(), std::min<size_t>(8, d.size));
       {
