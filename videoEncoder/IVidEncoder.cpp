@@ -2,6 +2,7 @@
 
 #include "platform/Text.h"
 #include "server/Log.h"
+#include "videoEncoder/VidEncoderFast.h"
 #include "videoEncoder/VidEncoderLoseless.h"
 
 namespace kestrium {
@@ -28,6 +29,7 @@ int IVidEncoder::Init(const OptionList& options) {
 
 std::unique_ptr<IVidEncoder> CreateVideoEncoder(std::u16string_view name) {
   if (name == u"no_compression") return std::make_unique<VidEncoderLoseless>();
+  if (name == u"fast") return std::make_unique<VidEncoderFast>();
   logLine(u"[Error]   Cannot create video encoder %s\n", name);
   return nullptr;
 }

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "client/FrameSource.h"
+#include "codecs/ColorConvert.h"
 #include "server/CommandChannel.h"
 #include "tests/e2e/ServerHarness.h"
 #include "tests/fileOutput/AviParser.h"
@@ -141,6 +142,39 @@ TEST_F(RecordingEndToEndTest, RealTimeRecordingHoldsEveryFrameBitExact) {
     EXPECT_EQ(readBytes(decoded), readBytes(raw)) << "ffmpeg decodes exactly what the client sent";
   }
   EXPECT_NE(harness.log().find("  *** CAP *** Frames encoded 150, refused 0 for capture\r\n"), std::string::npos);
+}
+
+// The lossless codec end to end: what the decoder gives back are exactly the
+// planes the conversion makes of the frames the client sent.
+TEST_F(RecordingEndToEndTest, FastRecordingDecodesToTheConversionOfTheClientsFrames) {
+  constexpr uint32_t kBigWidth = 1920, kBigHeight = 1080, kFrames = 20;
+  ASSERT_EQ(harness.client({"record", "--dir", dir().string(), "--encoder", "fast", "--size", "1920x1080", "--fps",
+                            "10", "--frames", std::to_string(kFrames), "--pace", "realtime"}),
+            0)
+      << harness.clientOutput;
+  EXPECT_EQ(field(harness.clientOutput, "frames_skipped"), "0");
+  const auto files = filesIn(harness.clientOutput);
+  ASSERT_EQ(files.size(), 1u);
+  const auto planesFile = harness.folder() / "decoded.planes";
+  std::string out;
+  ASSERT_EQ(runTool(harness.binary(KESTRIUM_TMB2_TOOL), {"decode", files[0].string(), "-o", planesFile.string(), "--planes"},
+                    out),
+            0)
+      << out;
+  const std::vector<char> decoded = readBytes(planesFile);
+  const size_t lumaSize = size_t{kBigWidth} * kBigHeight, chromaSize = lumaSize / 4;
+  ASSERT_EQ(decoded.size(), kFrames * (lumaSize + 2 * chromaSize));
+
+  client::PatternSource source(kBigWidth, kBigHeight);
+  std::vector<std::byte> frame(lumaSize * 3);
+  std::vector<uint8_t> planes(lumaSize + 2 * chromaSize);
+  for (uint32_t f = 0; f < kFrames; ++f) {
+    // The layout this encoder asks for: rows bottom-up, blue first.
+    source.fill(f, frame, {false, false});
+    uint8_t* planePointers[3] = {planes.data(), planes.data() + lumaSize, planes.data() + lumaSize + chromaSize};
+    ASSERT_EQ(rgbToYuv420(reinterpret_cast<const uint8_t*>(frame.data()), planePointers, kBigWidth, kBigHeight), 0);
+    ASSERT_EQ(std::memcmp(decoded.data() + f * planes.size(), planes.data(), planes.size()), 0) << "frame " << f;
+  }
 }
 
 // As fast as the server takes frames: refused frames leave gaps, which the

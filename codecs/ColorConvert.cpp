@@ -1,0 +1,124 @@
+#include "codecs/ColorConvert.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "codecs/simd/SimdKernels.h"
+
+namespace kestrium {
+
+namespace {
+
+constexpr size_t kMaxBlocksPerStep = 8;
+
+inline uint8_t saturate(int32_t v) { return static_cast<uint8_t>(std::clamp(v, 0, 255)); }
+
+bool aligned(const void* p, size_t alignment) { return (reinterpret_cast<uintptr_t>(p) & (alignment - 1)) == 0; }
+
+// One row pair: whole steps straight from the caller's memory, the rest of the
+// row through a zero-padded copy, so that no kernel needs a tail of its own and
+// none reads or writes a byte past the row.
+void convertRowPair(const ColorConvertKernels& k, const uint8_t* row0, const uint8_t* row1, uint8_t* y0, uint8_t* y1,
+                    uint8_t* u, uint8_t* v, size_t blocks) {
+  const size_t step = k.blocksPerStep;
+  const size_t body = blocks - blocks % step;
+  if (body != 0) {
+    const size_t a = k.alignment;
+    const bool useAligned = k.aligned != nullptr && aligned(row0, a) && aligned(row1, a) && aligned(y0, a) &&
+                            aligned(y1, a) && aligned(u, a) && aligned(v, a);
+    (useAligned ? k.aligned : k.unaligned)(row0, row1, y0, y1, u, v, body);
+  }
+  const size_t rest = blocks - body;
+  if (rest == 0) return;
+  alignas(32) uint8_t src[2][kMaxBlocksPerStep * 6] = {};
+  alignas(32) uint8_t luma[2][kMaxBlocksPerStep * 2];
+  alignas(32) uint8_t chroma[2][kMaxBlocksPerStep * 2];
+  std::memcpy(src[0], row0 + body * 6, rest * 6);
+  std::memcpy(src[1], row1 + body * 6, rest * 6);
+  (k.aligned != nullptr ? k.aligned : k.unaligned)(src[0], src[1], luma[0], luma[1], chroma[0], chroma[1], step);
+  std::memcpy(y0 + body * 2, luma[0], rest * 2);
+  std::memcpy(y1 + body * 2, luma[1], rest * 2);
+  std::memcpy(u + body, chroma[0], rest);
+  std::memcpy(v + body, chroma[1], rest);
+}
+
+}  // namespace
+
+void rgbToYuvRowPair_C(const uint8_t* row0, const uint8_t* row1, uint8_t* y0, uint8_t* y1, uint8_t* u, uint8_t* v,
+                       size_t blocks) {
+  for (size_t b = 0; b < blocks; ++b) {
+    const uint8_t* p[4] = {row0 + b * 6, row0 + b * 6 + 3, row1 + b * 6, row1 + b * 6 + 3};
+    int32_t y2[4];
+    int32_t sumR = 0, sumB = 0;
+    for (int i = 0; i < 4; ++i) {
+      y2[i] = (kLumaR * p[i][0] + kLumaG * p[i][1] + kLumaB * p[i][2]) >> 14;
+      sumR += p[i][0];
+      sumB += p[i][2];
+    }
+    y0[b * 2] = saturate(y2[0] >> 1);
+    y0[b * 2 + 1] = saturate(y2[1] >> 1);
+    y1[b * 2] = saturate(y2[2] >> 1);
+    y1[b * 2 + 1] = saturate(y2[3] >> 1);
+    const int32_t m = (y2[0] + y2[1] + y2[2] + y2[3]) >> 2;
+    u[b] = saturate((((sumB >> 1) - m) * kChromaU >> 16) + 128);
+    v[b] = saturate((((sumR >> 1) - m) * kChromaV >> 16) + 128);
+  }
+}
+
+ColorConvertKernels colorConvertKernels(CpuFlags flags) {
+  ColorConvertKernels k;
+  k.name = "c";
+  k.unaligned = rgbToYuvRowPair_C;
+  k.aligned = nullptr;
+  k.alignment = 1;
+  k.blocksPerStep = 1;
+#if defined(__x86_64__) || defined(__i386__)
+  if (!flags.has(kCpuSSE2)) return k;
+  k = {"sse2", simd::rgbToYuvRowPair_SSE2, simd::rgbToYuvRowPairAligned_SSE2, 16, 8};
+  if (!flags.has(kCpuSSSE3)) return k;
+  k = {"ssse3", simd::rgbToYuvRowPair_SSSE3, simd::rgbToYuvRowPairAligned_SSSE3, 16, 8};
+  if (!flags.has(kCpuAVX2)) return k;
+  k = {"avx2", simd::rgbToYuvRowPair_AVX2, simd::rgbToYuvRowPairAligned_AVX2, 16, 8};
+#else
+  static_cast<void>(flags);
+#endif
+  return k;
+}
+
+const ColorConvertKernels& processColorConvertKernels() {
+  static const ColorConvertKernels kernels = colorConvertKernels(processCpuFlags());
+  return kernels;
+}
+
+int32_t rgbToYuv420Stepped(const ColorConvertKernels& kernels, const uint8_t* source, ptrdiff_t sourceStep,
+                           uint8_t* const* planes, const ptrdiff_t* planeSteps, int32_t width, int32_t height) {
+  if (source == nullptr || planes == nullptr || planeSteps == nullptr) return kConvertNullPointer;
+  if (width < 1 || height < 1) return kConvertBadSize;
+  if (planes[0] == nullptr || planes[1] == nullptr || planes[2] == nullptr) return kConvertNullPointer;
+  const size_t blocks = static_cast<size_t>(width) / 2;
+  const ptrdiff_t pairs = height / 2;
+  if (blocks != 0) {
+    for (ptrdiff_t pair = 0; pair < pairs; ++pair) {
+      const uint8_t* row0 = source + 2 * pair * sourceStep;
+      uint8_t* y0 = planes[0] + 2 * pair * planeSteps[0];
+      convertRowPair(kernels, row0, row0 + sourceStep, y0, y0 + planeSteps[0], planes[1] + pair * planeSteps[1],
+                     planes[2] + pair * planeSteps[2], blocks);
+    }
+  }
+  return ((width | height) & 1) != 0 ? kConvertOddSize : kConvertDone;
+}
+
+int32_t rgbToYuv420Stepped(const uint8_t* source, ptrdiff_t sourceStep, uint8_t* const* planes,
+                           const ptrdiff_t* planeSteps, int32_t width, int32_t height) {
+  return rgbToYuv420Stepped(processColorConvertKernels(), source, sourceStep, planes, planeSteps, width, height);
+}
+
+int32_t rgbToYuv420(const uint8_t* source, uint8_t* const* planes, int32_t width, int32_t height) {
+  // The distances come from the width alone; a bad width is reported by the
+  // stepped form's own checks, which run in the same order.
+  const ptrdiff_t w = width > 0 ? width : 0;
+  const ptrdiff_t steps[3] = {w, w / 2, w / 2};
+  return rgbToYuv420Stepped(source, 3 * w, planes, steps, width, height);
+}
+
+}  // namespace kestrium

@@ -1,0 +1,193 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "codecs/ColorConvert.h"
+#include "codecs/Tmb2.h"
+#include "platform/Clock.h"
+#include "platform/System.h"
+#include "platform/Thread.h"
+#include "platform/Wait.h"
+#include "recorder/CaptureObjects.h"
+#include "tests/codecs/CodecTestSupport.h"
+#include "tests/support/TestSupport.h"
+#include "videoEncoder/VidEncoderFast.h"
+
+namespace kestrium {
+namespace {
+
+constexpr uint32_t kPatience = 20000;
+
+struct Delivered {
+  uint32_t position;
+  std::vector<uint8_t> bytes;
+};
+
+// The recorder's side of the encoded slot: copies every encoded frame out and
+// frees the slot again.
+class Consumer {
+ public:
+  Consumer(const std::u16string& session, uint32_t width, uint32_t height) : objects_(session) {
+    objects_.openNewEncoded();
+    objects_.openCommonData();
+    objects_.openEncoderBuffer(width, height);
+    stop_.create({}, true);
+    storeShared(objects_.common()->encodedFree, 1u);
+    thread_.start([this] { run(); });
+  }
+  ~Consumer() {
+    stop_.set();
+    thread_.join(kPatience);
+  }
+  std::vector<Delivered> taken() {
+    std::lock_guard guard(mutex_);
+    return delivered_;
+  }
+
+ private:
+  void run() {
+    platform::Event* events[] = {&stop_, &objects_.newEncoded};
+    for (;;) {
+      // The encoder clears the free word before it writes the frame: only its
+      // event says that the frame is complete.
+      const uint32_t woken = platform::waitAny(events, platform::kInfinite);
+      if (woken != 1) return;
+      CommonData* common = objects_.common();
+      if (loadShared(common->encodedFree) != 0) continue;
+      const auto* data = reinterpret_cast<const uint8_t*>(objects_.encoderBuffer.view());
+      Delivered d{common->encodedPosition, std::vector<uint8_t>(data, data + common->encodedSize)};
+      {
+        std::lock_guard guard(mutex_);
+        delivered_.push_back(std::move(d));
+      }
+      storeShared(common->encodedFree, 1u);
+    }
+  }
+
+  CaptureObjects objects_;
+  platform::Event stop_;
+  platform::Thread thread_;
+  std::mutex mutex_;
+  std::vector<Delivered> delivered_;
+};
+
+std::unique_ptr<IVidEncoder> openFast(uint32_t width, uint32_t height, int threads) {
+  auto encoder = CreateVideoEncoder(u"fast");
+  EXPECT_NE(dynamic_cast<VidEncoderFast*>(encoder.get()), nullptr);
+  EXPECT_EQ(encoder->Init({"width", std::to_string(width), "height", std::to_string(height), "threads",
+                           std::to_string(threads), "shared_name", "cap"}),
+            1);
+  return encoder;
+}
+
+struct Case {
+  uint32_t width;
+  uint32_t height;
+  int threads;
+};
+void PrintTo(const Case& c, std::ostream* os) { *os << c.width << "x" << c.height << ", " << c.threads << " threads"; }
+
+class VidEncoderFastTest : public ::testing::TestWithParam<Case> {
+ protected:
+  void SetUp() override { platform::setObjectNamespace(platform::toUtf16(test::uniqueName())); }
+};
+
+// Frames go in bottom-up and blue first, as the client sends them for "fast";
+// each comes out as a TMB2 frame that decodes to exactly the conversion of the
+// frame as it stands, in the order the frames were taken.
+TEST_P(VidEncoderFastTest, EveryFrameDecodesToTheConversionOfItsSource) {
+  const auto [w, h, threads] = GetParam();
+  Consumer consumer(u"cap", w, h);
+  auto encoder = openFast(w, h, threads);
+  constexpr uint32_t kFrames = 12;
+  std::vector<std::vector<uint8_t>> sources;
+  for (uint32_t i = 0; i < kFrames; ++i) {
+    sources.push_back(test::picture(i % 3 == 0 ? test::Picture::Noise : test::Picture::Game, w, h, i));
+    const std::span<const std::byte> frame = std::as_bytes(std::span(sources.back()));
+    const uint64_t until = platform::monotonicNs() + uint64_t{kPatience} * 1000000;
+    while (encoder->EncodeFrame(frame, 0, 100 + i) == 0) {
+      ASSERT_LT(platform::monotonicNs(), until) << "no worker took frame " << i;
+      platform::sleepMs(1);
+    }
+  }
+  encoder->Close();
+
+  const std::vector<Delivered> taken = consumer.taken();
+  ASSERT_EQ(taken.size(), kFrames);
+  const tmb2::FrameLayout layout = tmb2::frameLayout(w, h);
+  std::vector<uint8_t> planes(layout.planesSize), expected(layout.planesSize), residuals(size_t(w) * h);
+  for (uint32_t i = 0; i < kFrames; ++i) {
+    ASSERT_EQ(taken[i].position, 100 + i) << "frame " << i << " of " << taken[i].bytes.size() << " bytes";
+    std::string error;
+    ASSERT_TRUE(tmb2::decodeFrame(taken[i].bytes.data(), taken[i].bytes.size(), w, h, planes.data(),
+                                  residuals.data(), error))
+        << "frame " << i << ": " << error;
+    std::fill(expected.begin(), expected.end(), uint8_t{0});
+    uint8_t* targets[3] = {expected.data(), expected.data() + layout.planes[1].offset,
+                           expected.data() + layout.planes[2].offset};
+    rgbToYuv420(sources[i].data(), targets, static_cast<int32_t>(w), static_cast<int32_t>(h));
+    for (const tmb2::PlaneLayout& p : layout.planes) {
+      ASSERT_EQ(0, std::memcmp(planes.data() + p.offset, expected.data() + p.offset, p.width * p.height))
+          << "frame " << i;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, VidEncoderFastTest,
+                         ::testing::Values(Case{64, 48, 1}, Case{320, 240, 3}, Case{37, 21, 2},
+                                           Case{1920, 1080, 2}),
+                         [](const auto& info) {
+                           return std::to_string(info.param.width) + "x" + std::to_string(info.param.height) + "_" +
+                                  std::to_string(info.param.threads) + "Threads";
+                         });
+
+// A picture so small that the code tables outweigh the encoder buffer of
+// width x height x 4 bytes cannot be delivered: it goes out empty, in its place.
+TEST(VidEncoderFastEdgeTest, FrameLargerThanTheEncoderBufferIsDeliveredEmpty) {
+  platform::setObjectNamespace(platform::toUtf16(test::uniqueName()));
+  Consumer consumer(u"cap", 4, 4);
+  auto encoder = openFast(4, 4, 1);
+  const std::vector<uint8_t> source = test::picture(test::Picture::Noise, 4, 4);
+  while (encoder->EncodeFrame(std::as_bytes(std::span(source)), 0, 7) == 0) platform::sleepMs(1);
+  encoder->Close();
+  const std::vector<Delivered> taken = consumer.taken();
+  ASSERT_EQ(taken.size(), 1u);
+  EXPECT_EQ(taken[0].position, 7u);
+  EXPECT_TRUE(taken[0].bytes.empty());
+}
+
+TEST(VidEncoderFastFormatTest, DescribesATmb2StreamOfKeyFramesFromBottomUpBgr) {
+  VidEncoderFast encoder;
+  EXPECT_EQ(encoder.HasBitmapFormat(), 1);
+  EXPECT_EQ(encoder.WantsTopDownRows(), 0);
+  EXPECT_EQ(encoder.WantsRedFirst(), 0);
+  EXPECT_EQ(encoder.HasKeyFrameFlags(), 0);
+  EXPECT_EQ(encoder.HeadersAfterFirstFrame(), 0);
+}
+
+TEST(VidEncoderFastFormatTest, BitmapFormat) {
+  platform::setObjectNamespace(platform::toUtf16(test::uniqueName()));
+  auto encoder = openFast(1280, 720, 0);
+  BitmapInfoHeader header;
+  std::memset(&header, 0xCC, sizeof(header));
+  encoder->GetBitmapFormat(&header);
+  EXPECT_EQ(header.biSize, 40u);
+  EXPECT_EQ(header.biWidth, 1280);
+  EXPECT_EQ(header.biHeight, 720);
+  EXPECT_EQ(header.biPlanes, 1);
+  EXPECT_EQ(header.biBitCount, 16);
+  EXPECT_EQ(header.biCompression, makeFourcc('T', 'M', 'B', '2'));
+  EXPECT_EQ(header.biSizeImage, 0u);
+  EXPECT_EQ(header.biXPelsPerMeter, 0);
+  EXPECT_EQ(header.biYPelsPerMeter, 0);
+  EXPECT_EQ(header.biClrUsed, 0u);
+  EXPECT_EQ(header.biClrImportant, 0u);
+  encoder->Close();
+  EXPECT_EQ(CreateVideoEncoder(u"Fast"), nullptr) << "the name is matched exactly";
+}
+
+}  // namespace
+}  // namespace kestrium
