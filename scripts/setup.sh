@@ -4,8 +4,8 @@
 set -euo pipefail
 
 packages=(
-  # native build
-  build-essential cmake ninja-build pkg-config
+  # native build and the libraries the product uses
+  build-essential cmake ninja-build pkg-config libjpeg62-turbo-dev
   # tests and benchmarks, and the independent readers that check our files
   googletest libgtest-dev libgmock-dev libbenchmark-dev ffmpeg sox
   # the Windows builds and running their tests

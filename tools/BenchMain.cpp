@@ -8,10 +8,12 @@
 //
 // Kernels: convert (RGB to YUV 4:2:0), tmb2 (the whole job of the "fast"
 // encoder: conversion and coding; with --pix-fmt yuv420p the coder alone, on
-// planes), copy (a plain memcpy of each frame: the memory-speed yardstick).
+// planes), mjpeg (one baseline JPEG a frame, as the "mjpeg" encoder makes them;
+// --quality 1..100, --subsample 444|420), copy (a plain memcpy of each frame:
+// the memory-speed yardstick).
 // Input frames are rgb24, rows top-down, red first, as ffmpeg writes them; they
 // are put into the order the server receives them in (rows bottom-up, blue
-// first) before timing starts, unless --as-is. Frames are taken in turn, so a
+// first; for mjpeg top-down, blue first) before timing starts, unless --as-is. Frames are taken in turn, so a
 // file larger than the caches makes every frame come from memory. mb_per_s
 // counts input bytes. `pattern` writes the game-like frames the benchmarks use.
 
@@ -31,6 +33,9 @@
 #include "codecs/ColorConvert.h"
 #include "codecs/CpuFeatures.h"
 #include "codecs/Tmb2FrameEncoder.h"
+#if KESTRIUM_WITH_MJPEG
+#include "codecs/jpeg/JPEGEncoder.h"
+#endif
 #include "tools/GameFrames.h"
 
 using namespace kestrium;
@@ -38,8 +43,9 @@ using namespace kestrium;
 namespace {
 
 int usage() {
-  std::cerr << "usage: kestrium-bench convert|tmb2|copy --input FILE --size WxH [--frames N] [--threads N]\n"
+  std::cerr << "usage: kestrium-bench convert|tmb2|mjpeg|copy --input FILE --size WxH [--frames N] [--threads N]\n"
                "                      [--cpu c|sse2|ssse3|avx2] [--pix-fmt rgb24|yuv420p] [--as-is]\n"
+               "                      [--quality 1..100] [--subsample 444|420]   (mjpeg)\n"
                "       kestrium-bench pattern --out FILE --size WxH --frames N\n";
   return 2;
 }
@@ -52,6 +58,8 @@ struct Options {
   bool asIs = false;
   bool cpuSet = false;
   uint32_t cpuMask = ~0u;
+  int quality = 85;
+  bool subsample = false;  // 4:2:0 instead of 4:4:4
 };
 
 bool parseSize(const std::string& s, uint32_t& w, uint32_t& h) {
@@ -68,9 +76,19 @@ bool parseSize(const std::string& s, uint32_t& w, uint32_t& h) {
 // One worker's state, made before the clock starts.
 struct Worker {
   std::unique_ptr<tmb2::FrameEncoder> encoder;
+#if KESTRIUM_WITH_MJPEG
+  std::unique_ptr<CJPEGEncoder> jpeg;
+  CJPGOutput jpegOut;
+  JpegSource jpegSource;
+#endif
   AlignedBuffer out;
   uint64_t outBytes = 0;
 };
+
+// Blue first, rows as they are: the frame as the client hands it to "mjpeg".
+void swapRedAndBlue(uint8_t* frame, uint32_t width, uint32_t height) {
+  for (size_t i = 0; i < size_t{width} * height * 3; i += 3) std::swap(frame[i], frame[i + 2]);
+}
 
 int writePattern(const Options& o) {
   std::ofstream out(o.out, std::ios::binary | std::ios::trunc);
@@ -129,6 +147,13 @@ int main(int argc, char** argv) {
       if (o.pixFmt != "rgb24" && o.pixFmt != "yuv420p") return usage();
     } else if (a == "--as-is") {
       o.asIs = true;
+    } else if (a == "--quality" && hasValue) {
+      o.quality = std::atoi(args[++i].c_str());
+      if (o.quality < 1 || o.quality > 100) return usage();
+    } else if (a == "--subsample" && hasValue) {
+      const std::string v = args[++i];
+      if (v != "444" && v != "420") return usage();
+      o.subsample = v == "420";
     } else {
       std::cerr << "unknown option " << a << "\n";
       return usage();
@@ -139,7 +164,15 @@ int main(int argc, char** argv) {
     if (o.out.empty() || o.frames == 0) return usage();
     return writePattern(o);
   }
-  if (o.input.empty() || (o.kernel != "convert" && o.kernel != "tmb2" && o.kernel != "copy")) return usage();
+  if (o.input.empty() || (o.kernel != "convert" && o.kernel != "tmb2" && o.kernel != "mjpeg" && o.kernel != "copy")) {
+    return usage();
+  }
+#if !KESTRIUM_WITH_MJPEG
+  if (o.kernel == "mjpeg") {
+    std::cerr << "this build has no JPEG engine\n";
+    return 1;
+  }
+#endif
   const bool planar = o.pixFmt == "yuv420p";
   if (planar && (o.kernel != "tmb2" || o.width % 2 != 0 || o.height % 2 != 0)) {
     std::cerr << "--pix-fmt yuv420p is for the tmb2 kernel and an even size\n";
@@ -169,7 +202,13 @@ int main(int argc, char** argv) {
   }
   auto* frames = reinterpret_cast<uint8_t*>(input.data());
   if (!planar && !o.asIs) {
-    for (size_t f = 0; f < inputFrames; ++f) toServerOrder(frames + f * frameBytes, o.width, o.height);
+    for (size_t f = 0; f < inputFrames; ++f) {
+      if (o.kernel == "mjpeg") {
+        swapRedAndBlue(frames + f * frameBytes, o.width, o.height);
+      } else {
+        toServerOrder(frames + f * frameBytes, o.width, o.height);
+      }
+    }
   }
   const size_t total = o.frames != 0 ? o.frames : inputFrames;
 
@@ -179,6 +218,19 @@ int main(int argc, char** argv) {
       w.encoder = std::make_unique<tmb2::FrameEncoder>(o.width, o.height, processCpuFlags());
       w.out = AlignedBuffer(pixels * 4 + 64);
       if (!w.encoder->valid()) return 1;
+#if KESTRIUM_WITH_MJPEG
+    } else if (o.kernel == "mjpeg") {
+      // Prepared once, as each worker of the encoder is.
+      w.out = AlignedBuffer(pixels * 3);
+      w.jpeg = std::make_unique<CJPEGEncoder>();
+      w.jpegSource.data = input.data();
+      w.jpegSource.width = static_cast<int>(o.width);
+      w.jpegSource.height = static_cast<int>(o.height);
+      w.jpegSource.lineStep = static_cast<int>(o.width * 3);
+      w.jpeg->SetSource(w.jpegSource, 1);
+      w.jpeg->SetParameters(o.subsample ? CJPEGEncoder::kSampling2x2 : CJPEGEncoder::kSampling444, o.quality);
+      if (w.jpeg->Prepare(&w.jpegOut) != CJPEGEncoder::kOk) return 1;
+#endif
     } else {
       w.out = AlignedBuffer(frameBytes + 64);
     }
@@ -198,6 +250,14 @@ int main(int argc, char** argv) {
       rgbToYuv420Stepped(convert, frame, 3 * static_cast<ptrdiff_t>(o.width), planes, steps,
                          static_cast<int32_t>(o.width), static_cast<int32_t>(o.height));
       w.outBytes += pixels + pixels / 2;
+#if KESTRIUM_WITH_MJPEG
+    } else if (o.kernel == "mjpeg") {
+      w.jpegSource.data = reinterpret_cast<const std::byte*>(frame);
+      w.jpeg->SetSource(w.jpegSource, 1);
+      w.jpegOut.attach(w.out.span());
+      if (w.jpeg->WriteHeader() == CJPEGEncoder::kOk) w.jpeg->WriteData();
+      w.outBytes += w.jpegOut.count();
+#endif
     } else if (planar) {
       w.outBytes += w.encoder->encodePlanes(frame, out, w.out.size());
     } else {

@@ -4,6 +4,9 @@
 #include "server/Log.h"
 #include "videoEncoder/VidEncoderFast.h"
 #include "videoEncoder/VidEncoderLoseless.h"
+#if KESTRIUM_WITH_MJPEG
+#include "videoEncoder/VidEncoderMJPEG.h"
+#endif
 
 namespace kestrium {
 
@@ -30,6 +33,9 @@ int IVidEncoder::Init(const OptionList& options) {
 std::unique_ptr<IVidEncoder> CreateVideoEncoder(std::u16string_view name) {
   if (name == u"no_compression") return std::make_unique<VidEncoderLoseless>();
   if (name == u"fast") return std::make_unique<VidEncoderFast>();
+#if KESTRIUM_WITH_MJPEG
+  if (name == u"mjpeg") return std::make_unique<VidEncoderMJPEG>();
+#endif
   logLine(u"[Error]   Cannot create video encoder %s\n", name);
   return nullptr;
 }

@@ -177,6 +177,33 @@ TEST_F(RecordingEndToEndTest, FastRecordingDecodesToTheConversionOfTheClientsFra
   }
 }
 
+TEST_F(RecordingEndToEndTest, MjpegRecordingIsReadAndDecodedWhole) {
+#if !KESTRIUM_WITH_MJPEG
+  GTEST_SKIP() << "this build has no JPEG engine";
+#endif
+  if (!haveTools()) {
+    GTEST_SKIP() << "ffprobe and ffmpeg are not available in this build";
+  }
+  ASSERT_EQ(harness.client({"record", "--dir", dir().string(), "--encoder", "mjpeg", "--size", "1280x720", "--frames",
+                            "60", "--pace", "realtime"}),
+            0)
+      << harness.clientOutput;
+  EXPECT_EQ(field(harness.clientOutput, "frames_skipped"), "0");
+  const auto files = filesIn(harness.clientOutput);
+  ASSERT_EQ(files.size(), 1u);
+  const std::string info = probe(files[0]);
+  EXPECT_NE(info.find("nb_frames=60"), std::string::npos) << info;
+  EXPECT_NE(info.find("nb_read_packets=60"), std::string::npos) << info;
+  std::string out;
+  EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", files[0].string(), "-f", "framecrc", "-"}, out), 0) << out;
+  size_t decoded = 0;
+  std::istringstream lines(out);
+  for (std::string line; std::getline(lines, line);) decoded += !line.empty() && line[0] != '#';
+  EXPECT_EQ(decoded, 60u) << out;
+  EXPECT_EQ(out.find("rror"), std::string::npos) << out;
+  EXPECT_NE(harness.log().find("Frames encoded 60, refused 0"), std::string::npos);
+}
+
 // As fast as the server takes frames: refused frames leave gaps, which the
 // frame grid fills, and every frame that is there is the one it stands for.
 TEST_F(RecordingEndToEndTest, MaxPaceRecordingPutsEveryTakenFrameOnItsGridPlace) {
