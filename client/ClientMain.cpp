@@ -62,16 +62,6 @@ int send(const CommandBlock& block) {
   return kExitNoReply;
 }
 
-// The three commands that carry a recorder name and one word after it.
-CommandBlock namedCommand(uint32_t command, std::u16string_view name, uint32_t word) {
-  CommandBlock block{};
-  block.command = command;
-  block.replyWanted = 1;
-  setWireString(block.stop.recorderName, name);
-  block.stop.deleteFiles = word;  // the word at offset 2048 of every named command
-  return block;
-}
-
 int features() {
   platform::SharedMapping mapping(std::u16string(kFeaturesName), sizeof(FeaturesBlock));
   FeaturesBlock block{};

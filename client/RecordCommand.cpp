@@ -253,15 +253,6 @@ std::unique_ptr<CommandBlock> startBlock(const RecordOptions& o, const std::file
   return block;
 }
 
-CommandBlock namedCommand(uint32_t command, const std::u16string& name, uint32_t word) {
-  CommandBlock block{};
-  block.command = command;
-  block.replyWanted = 1;
-  setWireString(block.stop.recorderName, name);
-  block.stop.deleteFiles = word;
-  return block;
-}
-
 std::string figures(CommonData& c) {
   char line[256];
   std::snprintf(line, sizeof line, "recorded_seconds=%.2f buffered_seconds=%.2f mb_written=%u free_mb=%u bytes_sent=%u",

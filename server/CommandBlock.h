@@ -168,4 +168,15 @@ void setWireString(char16_t (&field)[N], std::u16string_view text) {
   field[n] = u'\0';
 }
 
+// A command of those that carry a recorder name and one word after it (stop's
+// delete flag, pause's wanted state), asking for a reply.
+inline CommandBlock namedCommand(uint32_t command, std::u16string_view name, uint32_t word) {
+  CommandBlock block{};
+  block.command = command;
+  block.replyWanted = 1;
+  setWireString(block.stop.recorderName, name);
+  block.stop.deleteFiles = word;  // the word at offset 2048 of every named command
+  return block;
+}
+
 }  // namespace kestrium

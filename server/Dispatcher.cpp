@@ -158,12 +158,8 @@ void Dispatcher::handlePause(const PauseParameters& params) {
 void Dispatcher::SendStopCommand(const Recorder& recorder) {
   if (!recorder.hasWriter()) return;
   logLine(u"[Warning] Emergency stop for %s\n", recorder.name());
-  CommandBlock block{};
-  block.command = kCommandStop;
-  block.replyWanted = 1;
-  setWireString(block.stop.recorderName, recorder.name());
   // A capture that never left pre-recording is thrown away; one that was writing is kept.
-  block.stop.deleteFiles = recorder.writerPrerecording() ? 1 : 0;
+  const CommandBlock block = namedCommand(kCommandStop, recorder.name(), recorder.writerPrerecording() ? 1 : 0);
 
   platform::NamedMutex mutex;
   const bool created = mutex.create(kCommandMutexName, false);

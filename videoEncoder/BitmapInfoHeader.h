@@ -28,4 +28,19 @@ constexpr uint32_t makeFourcc(char a, char b, char c, char d) {
          (static_cast<uint32_t>(static_cast<uint8_t>(c)) << 16) | (static_cast<uint32_t>(static_cast<uint8_t>(d)) << 24);
 }
 
+// The header every encoder here describes its output with; they differ in the
+// bits a pixel, the compression and the image size only.
+constexpr BitmapInfoHeader makeBitmapHeader(int32_t width, int32_t height, uint16_t bitCount, uint32_t compression,
+                                            uint32_t sizeImage) {
+  BitmapInfoHeader h{};
+  h.biSize = sizeof(BitmapInfoHeader);
+  h.biWidth = width;
+  h.biHeight = height;
+  h.biPlanes = 1;
+  h.biBitCount = bitCount;
+  h.biCompression = compression;
+  h.biSizeImage = sizeImage;
+  return h;
+}
+
 }  // namespace kestrium

@@ -11,13 +11,7 @@ namespace kestrium {
 VidEncoderFast::~VidEncoderFast() { StopWorkers(); }
 
 BitmapInfoHeader* VidEncoderFast::GetBitmapFormat(BitmapInfoHeader* header) {
-  *header = {};
-  header->biSize = sizeof(BitmapInfoHeader);
-  header->biWidth = width_;
-  header->biHeight = height_;
-  header->biPlanes = 1;
-  header->biBitCount = 16;
-  header->biCompression = tmb2::kFourcc;
+  *header = makeBitmapHeader(width_, height_, 16, tmb2::kFourcc, 0);
   return header;
 }
 

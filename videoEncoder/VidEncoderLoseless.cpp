@@ -45,14 +45,8 @@ int VidEncoderLoseless::EncodeFrame(std::span<const std::byte> source, uint32_t 
 void VidEncoderLoseless::Close() { objects_.closeAll(); }
 
 BitmapInfoHeader* VidEncoderLoseless::GetBitmapFormat(BitmapInfoHeader* header) {
-  *header = {};
-  header->biSize = sizeof(BitmapInfoHeader);
-  header->biWidth = width_;
-  header->biHeight = height_;
-  header->biPlanes = 1;
-  header->biBitCount = 24;
-  header->biCompression = 0;
-  header->biSizeImage = (((static_cast<uint32_t>(width_) + 1) * 3) & ~3u) * static_cast<uint32_t>(height_);
+  *header = makeBitmapHeader(width_, height_, 24, 0,
+                             (((static_cast<uint32_t>(width_) + 1) * 3) & ~3u) * static_cast<uint32_t>(height_));
   return header;
 }
 

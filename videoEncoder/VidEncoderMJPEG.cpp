@@ -30,13 +30,7 @@ int VidEncoderMJPEG::Init(const OptionList& options) {
 }
 
 BitmapInfoHeader* VidEncoderMJPEG::GetBitmapFormat(BitmapInfoHeader* header) {
-  *header = {};
-  header->biSize = sizeof(BitmapInfoHeader);
-  header->biWidth = width_;
-  header->biHeight = height_;
-  header->biPlanes = 1;
-  header->biBitCount = 24;
-  header->biCompression = makeFourcc('M', 'J', 'P', 'G');
+  *header = makeBitmapHeader(width_, height_, 24, makeFourcc('M', 'J', 'P', 'G'), 0);
   return header;
 }
 

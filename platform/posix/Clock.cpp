@@ -4,6 +4,8 @@
 
 #include <cerrno>
 
+#include "platform/posix/Deadline.h"
+
 namespace kestrium::platform {
 
 LocalTime localTime() {
@@ -33,14 +35,7 @@ uint64_t monotonicNs() {
 uint32_t tickCountMs() { return static_cast<uint32_t>(monotonicNs() / 1000000ull); }
 
 void sleepMs(uint32_t ms) {
-  timespec until{};
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_sec += ms / 1000;
-  until.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-  if (until.tv_nsec >= 1000000000L) {
-    until.tv_sec += 1;
-    until.tv_nsec -= 1000000000L;
-  }
+  const timespec until = posix::deadlineAfter(CLOCK_MONOTONIC, ms);
   while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
   }
 }

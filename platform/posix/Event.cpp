@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 
+#include "platform/posix/Deadline.h"
 #include "platform/posix/KernelObject.h"
 
 namespace kestrium::platform {
@@ -38,18 +39,6 @@ bool tryConsume(const Event::Impl& e) {
 
 long futex(uint32_t* word, int op, uint32_t value, const timespec* timeout, uint32_t value3) {
   return syscall(SYS_futex, word, op, value, timeout, nullptr, value3);
-}
-
-timespec deadlineAfter(uint32_t ms) {
-  timespec t{};
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  t.tv_sec += ms / 1000;
-  t.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-  if (t.tv_nsec >= 1000000000L) {
-    t.tv_sec += 1;
-    t.tv_nsec -= 1000000000L;
-  }
-  return t;
 }
 
 // Sleeps until one of the words may have changed from 0, the deadline passes (a
@@ -149,7 +138,7 @@ uint32_t waitAny(std::span<Event* const> events, uint32_t timeoutMs) {
   for (Event* e : events) {
     if (e == nullptr || !e->valid()) return kWaitFailed;
   }
-  const timespec deadline = deadlineAfter(timeoutMs == kInfinite ? 0 : timeoutMs);
+  const timespec deadline = posix::deadlineAfter(CLOCK_MONOTONIC, timeoutMs == kInfinite ? 0 : timeoutMs);
   for (;;) {
     if (int i = scan(events); i >= 0) return static_cast<uint32_t>(i);
     if (timeoutMs == 0) return kWaitTimeout;

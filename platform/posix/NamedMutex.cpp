@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "platform/posix/Deadline.h"
 #include "platform/posix/KernelObject.h"
 
 namespace kestrium::platform {
@@ -68,14 +69,7 @@ LockStatus NamedMutex::wait(uint32_t timeoutMs) {
   } else {
     // timedlock, not clocklock: gcc 12's ThreadSanitizer does not intercept the
     // latter. A jump of the wall clock can stretch or cut this one wait.
-    timespec deadline{};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += timeoutMs / 1000;
-    deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L) {
-      deadline.tv_sec += 1;
-      deadline.tv_nsec -= 1000000000L;
-    }
+    const timespec deadline = posix::deadlineAfter(CLOCK_REALTIME, timeoutMs);
     r = pthread_mutex_timedlock(impl_->mutex(), &deadline);
   }
   switch (r) {

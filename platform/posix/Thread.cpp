@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/Wait.h"
+#include "platform/posix/Deadline.h"
 
 namespace kestrium::platform {
 
@@ -62,14 +63,7 @@ uint32_t Thread::join(uint32_t timeoutMs) {
   if (timeoutMs == kInfinite) {
     r = pthread_join(impl_->thread, nullptr);
   } else {
-    timespec deadline{};
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += timeoutMs / 1000;
-    deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L) {
-      deadline.tv_sec += 1;
-      deadline.tv_nsec -= 1000000000L;
-    }
+    const timespec deadline = posix::deadlineAfter(CLOCK_MONOTONIC, timeoutMs);
     r = pthread_clockjoin_np(impl_->thread, nullptr, CLOCK_MONOTONIC, &deadline);
   }
   if (r == ETIMEDOUT || r == EBUSY) return kWaitTimeout;

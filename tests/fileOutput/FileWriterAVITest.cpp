@@ -46,14 +46,8 @@ uint32_t decodedChecksum(const std::vector<std::byte>& bitmap, uint32_t width, u
 }
 
 BitmapInfoHeader bitmapHeader(uint32_t width, uint32_t height) {
-  BitmapInfoHeader h{};
-  h.biSize = 40;
-  h.biWidth = static_cast<int32_t>(width);
-  h.biHeight = static_cast<int32_t>(height);
-  h.biPlanes = 1;
-  h.biBitCount = 24;
-  h.biSizeImage = static_cast<uint32_t>(((width * 3 + 3) & ~3u) * height);
-  return h;
+  return makeBitmapHeader(static_cast<int32_t>(width), static_cast<int32_t>(height), 24, 0,
+                          static_cast<uint32_t>(((width * 3 + 3) & ~3u) * height));
 }
 
 class FileWriterAVITest : public ::testing::Test {

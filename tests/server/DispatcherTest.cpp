@@ -26,12 +26,7 @@ class DispatcherTest : public ::testing::Test {
   }
 
   static CommandBlock named(uint32_t command, std::u16string_view name, uint32_t word = 0) {
-    CommandBlock block{};
-    block.command = command;
-    block.replyWanted = 1;
-    setWireString(block.stop.recorderName, name);
-    block.stop.deleteFiles = word;
-    return block;
+    return namedCommand(command, name, word);
   }
 
   Recorder* add(const std::u16string& name) {
