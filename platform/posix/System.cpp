@@ -11,6 +11,7 @@
 #include <fstream>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "platform/Text.h"
 
@@ -33,17 +34,18 @@ const char* nonEmptyEnv(const char* name) {
   return value != nullptr && value[0] != '\0' ? value : nullptr;
 }
 
-// A value of /proc/meminfo in bytes, or 0.
-uint64_t meminfo(const std::string& key) {
+// Available and total memory from /proc/meminfo, in one read.
+MemoryStatus meminfo() {
   std::ifstream in("/proc/meminfo");
-  std::string name;
+  MemoryStatus status;
+  std::string name, rest;
   uint64_t kib = 0;
-  std::string unit;
-  while (in >> name >> kib) {
-    std::getline(in, unit);
-    if (name == key + ":") return kib * 1024;
+  while ((status.availableBytes == 0 || status.totalBytes == 0) && in >> name >> kib) {
+    std::getline(in, rest);
+    if (name == "MemAvailable:") status.availableBytes = kib * 1024;
+    if (name == "MemTotal:") status.totalBytes = kib * 1024;
   }
-  return 0;
+  return status;
 }
 
 uint64_t readNumber(const std::filesystem::path& file) {
@@ -58,22 +60,36 @@ struct CgroupMemory {
   uint64_t limit = 0;
   uint64_t usage = 0;
 };
-CgroupMemory cgroupMemory() {
-  std::ifstream in("/proc/self/cgroup");
-  std::string line;
-  CgroupMemory best;
-  while (std::getline(in, line)) {
-    if (line.rfind("0::", 0) != 0) continue;
-    std::filesystem::path group = std::filesystem::path("/sys/fs/cgroup") / line.substr(4);
-    for (;;) {
-      const uint64_t limit = readNumber(group / "memory.max");
-      if (limit != 0 && (best.limit == 0 || limit - std::min(limit, readNumber(group / "memory.current")) <
-                                                best.limit - std::min(best.limit, best.usage))) {
-        best.limit = limit;
-        best.usage = readNumber(group / "memory.current");
+// The control groups from this process's up to the root that can limit its
+// memory. The hierarchy stays as it is while the process runs, so it is looked
+// up once: the memory rule asks for every pre-recorded packet.
+const std::vector<std::filesystem::path>& limitingGroups() {
+  static const std::vector<std::filesystem::path> groups = [] {
+    std::vector<std::filesystem::path> found;
+    std::ifstream in("/proc/self/cgroup");
+    std::error_code ec;
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind("0::", 0) != 0) continue;
+      std::filesystem::path group = std::filesystem::path("/sys/fs/cgroup") / line.substr(4);
+      for (;;) {
+        if (std::filesystem::exists(group / "memory.max", ec)) found.push_back(group);
+        if (group == "/sys/fs/cgroup" || !group.has_parent_path()) break;
+        group = group.parent_path();
       }
-      if (group == "/sys/fs/cgroup" || !group.has_parent_path()) break;
-      group = group.parent_path();
+    }
+    return found;
+  }();
+  return groups;
+}
+
+CgroupMemory cgroupMemory() {
+  CgroupMemory best;
+  for (const auto& group : limitingGroups()) {
+    const uint64_t limit = readNumber(group / "memory.max");
+    if (limit == 0) continue;
+    const uint64_t usage = readNumber(group / "memory.current");
+    if (best.limit == 0 || limit - std::min(limit, usage) < best.limit - std::min(best.limit, best.usage)) {
+      best = {limit, usage};
     }
   }
   return best;
@@ -106,7 +122,7 @@ bool isFatVolume(const std::filesystem::path& path) {
 MemoryStatus memoryStatus() {
   // A 64-bit process never runs out of address space; physical memory, or the
   // control group's share of it, is what runs out.
-  MemoryStatus status{meminfo("MemAvailable"), meminfo("MemTotal")};
+  MemoryStatus status = meminfo();
   const CgroupMemory group = cgroupMemory();
   if (group.limit != 0 && group.limit < status.totalBytes) {
     status.totalBytes = group.limit;
