@@ -24,6 +24,9 @@ namespace {
 
 constexpr uint32_t kReplyPatienceMs = 10000;
 constexpr uint64_t kComeUpPatienceNs = 5'000'000'000ull;
+// A recorder takes every source frame at once, even one its encoder refuses: a
+// frame not taken for this long means the server ended the capture.
+constexpr uint64_t kTakePatienceNs = 5'000'000'000ull;
 
 struct RecordOptions {
   std::u16string name = u"capture";
@@ -40,7 +43,7 @@ struct RecordOptions {
   bool realtime = true;
   std::string source = "pattern";
   std::optional<double> prerecord, beginAfter, pauseAt, resumeAt, dieAfter, releaseAfter;
-  bool folderByName = false, folderByDate = false, deleteFiles = false, noStop = false;
+  bool folderByName = false, folderByDate = false, deleteFiles = false, noStop = false, stuckEncoded = false;
   uint32_t profile = 0, bitrate = 0, targetUsage = 0, useHw = 0, fullColor = 0, lowLatency = 0;
   uint32_t fullColorRange = 1, fullColorSpace = 1, quality = 85, vfw = 0;
   std::vector<std::pair<std::u16string, uint32_t>> audio;
@@ -72,7 +75,7 @@ std::optional<uint32_t> toWhole(const std::u16string& text) {
 // Reads the options; an empty string when they all made sense, else the problem.
 std::string parse(const std::vector<std::u16string>& args, RecordOptions& o) {
   const std::set<std::u16string> flags = {u"--folder-by-name", u"--folder-by-date", u"--mixer", u"--side-tracks",
-                                          u"--delete", u"--no-stop"};
+                                          u"--delete", u"--no-stop", u"--stuck-encoded"};
   for (size_t i = 1; i < args.size(); ++i) {
     const std::u16string& key = args[i];
     if (flags.count(key) != 0) {
@@ -82,6 +85,7 @@ std::string parse(const std::vector<std::u16string>& args, RecordOptions& o) {
       if (key == u"--side-tracks") o.sideTracks = true;
       if (key == u"--delete") o.deleteFiles = true;
       if (key == u"--no-stop") o.noStop = true;
+      if (key == u"--stuck-encoded") o.stuckEncoded = true;
       continue;
     }
     if (i + 1 >= args.size()) return platform::toUtf8(key) + " needs a value";
@@ -289,15 +293,15 @@ class Session {
     if (!waitForRecorder()) {
       return fail("the recorder did not come up; the server's log says why", kExitRecorderDown);
     }
-    const int fed = feed();
-    if (fed != kExitOk) return fed;
-    if (o_.noStop) {
+    feed();
+    if (o_.noStop && !ended_) {
       // For shutdown tests: hold on to the capture until interrupted.
       for (;;) platform::sleepMs(1000);
     }
-    waitForSourceTaken();
-    if (sendCommand(namedCommand(kCommandStop, o_.name, o_.deleteFiles ? 1 : 0), kReplyPatienceMs) !=
-        SendResult::Replied) {
+    if (!ended_) waitForSourceTaken();
+    // A capture that the server ended is gone: there is nothing left to stop.
+    if (!ended_ && sendCommand(namedCommand(kCommandStop, o_.name, o_.deleteFiles ? 1 : 0), kReplyPatienceMs) !=
+                       SendResult::Replied) {
       return fail("no reply to the stop command within 10 s", kExitNoReply);
     }
     if (platform::stdoutIsTerminal()) std::printf("\n");
@@ -305,6 +309,8 @@ class Session {
     for (const auto& file : filesUnder(destination)) {
       if (before.count(file) == 0) std::printf("%s\n", file.string().c_str());
     }
+    std::fflush(stdout);
+    if (ended_) return fail("the server ended the capture; its log says why", kExitCaptureEnded);
     return kExitOk;
   }
 
@@ -321,14 +327,17 @@ class Session {
     *common_ = {};
     common_->recordedSeconds = -1.0f;
     common_->bufferedSeconds = -1.0f;
-    storeShared(common_->encodedFree, 1u);
+    // A client that never frees the encoded slot, for tests of a stuck consumer.
+    storeShared(common_->encodedFree, o_.stuckEncoded ? 0u : 1u);
     storeShared(common_->sourceFree, 1u);
     return {};
   }
 
+  // Up once it has published its figures: recorded seconds while it writes, or
+  // buffered seconds while it pre-records.
   bool waitForRecorder() {
     const uint64_t until = platform::monotonicNs() + kComeUpPatienceNs;
-    while (loadShared(common_->recordedSeconds) == -1.0f) {
+    while (loadShared(common_->recordedSeconds) == -1.0f && loadShared(common_->bufferedSeconds) == -1.0f) {
       if (platform::monotonicNs() > until) return false;
       platform::sleepMs(10);
     }
@@ -372,10 +381,18 @@ class Session {
     common_->sourcePosition = timedMs ? static_cast<uint32_t>(std::llround(number * 1000.0 / o_.fps)) : number;
     storeShared(common_->sourceFree, 0u);
     objects_.newSource.set();
+    givenAt_ = platform::monotonicNs();
     ++fed_;
   }
 
-  int feed() {
+  // The last frame given was never taken: the recorder is gone.
+  bool recorderGone() {
+    if (loadShared(common_->sourceFree) != 0 || platform::monotonicNs() - givenAt_ < kTakePatienceNs) return false;
+    ended_ = true;
+    return true;
+  }
+
+  void feed() {
     beginAfter_ = o_.beginAfter;
     pauseAt_ = o_.pauseAt;
     resumeAt_ = o_.resumeAt;
@@ -393,12 +410,14 @@ class Session {
         }
         actOnSchedule();
         if (loadShared(common_->sourceFree) == 0) {
+          if (recorderGone()) return;
           ++skipped_;  // due while the server was still busy with the last one
           continue;
         }
         give(number);
       } else {
         for (int round = 0; loadShared(common_->sourceFree) == 0; ++round) {
+          if (recorderGone()) return;
           actOnSchedule();
           platform::sleepMs(round < 100 ? 0 : 1);
         }
@@ -411,7 +430,6 @@ class Session {
       actOnSchedule();
       platform::sleepMs(5);
     }
-    return kExitOk;
   }
 
   void waitForSourceTaken() {
@@ -428,6 +446,8 @@ class Session {
   double nextProgress_ = 0;
   uint32_t fed_ = 0;
   uint32_t skipped_ = 0;
+  uint64_t givenAt_ = 0;
+  bool ended_ = false;  // the server ended the capture
   std::optional<double> beginAfter_, pauseAt_, resumeAt_, releaseAfter_, dieAfter_;
 };
 

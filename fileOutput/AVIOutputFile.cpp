@@ -109,25 +109,50 @@ AVIOutputStream* AVIOutputFile::streamAt(int index) const {
   return index == 0 ? static_cast<AVIOutputStream*>(video_.get()) : audio_[index - 1].get();
 }
 
-void AVIOutputFile::fatal(const char16_t* what) {
-  // The file stays as it stands: every chunk written so far, the header of init.
-  logLine(u"[Error]   *** AVI *** %s: the recording cannot go on\n", what);
-  platform::fatalStop();
+void AVIOutputFile::fail(const char16_t* what, uint32_t error) {
+  if (failed_) return;
+  failed_ = true;
+  // The file keeps every whole chunk written before; finalize makes the rest of
+  // it as readable as the disk allows. The other captures go on.
+  if (error != 0) {
+    logLine(u"[Error]   *** AVI *** %s (error %u): the recording of this file ends\n", what, error);
+  } else {
+    logLine(u"[Error]   *** AVI *** %s: the recording of this file ends\n", what);
+  }
 }
 
 void AVIOutputFile::writeBytes(std::span<const std::byte> bytes) {
-  if (!file_.write(bytes)) fatal(u"write failed");
+  if (failed_) return;
+  if (!file_.write(bytes)) {
+    fail(u"Writing the file failed", platform::lastError());
+    return;
+  }
   position_ += static_cast<int64_t>(bytes.size());
   highest_ = std::max(highest_, position_);
 }
 
 void AVIOutputFile::patch32(int64_t at, uint32_t v) {
-  if (!file_.writeAt(static_cast<uint64_t>(at), std::as_bytes(std::span(&v, 1)))) fatal(u"patching a size failed");
+  // In place: it needs no room, so it is tried even after a failed append.
+  if (!file_.writeAt(static_cast<uint64_t>(at), std::as_bytes(std::span(&v, 1)))) {
+    fail(u"Patching a size failed", platform::lastError());
+  }
 }
 
-int AVIOutputFile::init(const std::filesystem::path& fileName, uint32_t width, uint32_t height, int /*hasVideo*/,
-                        uint32_t audioMask, uint32_t /*bufferSize*/, int interleaved) {
-  if (!video_) return 0;
+int AVIOutputFile::init(const std::filesystem::path& fileName, uint32_t width, uint32_t height, int hasVideo,
+                        uint32_t audioMask, uint32_t bufferSize, int interleaved) {
+  platform::File file;
+  if (!file.open(fileName, platform::File::Mode::CreateAlways, platform::File::Share::Exclusive)) {
+    // The path comes from the client: a folder that cannot be made refuses this
+    // capture, not the server and its other captures.
+    logLine(u"Cannot create file %d\r\n", platform::lastError());
+    return 0;
+  }
+  return init(std::move(file), fileName, width, height, hasVideo, audioMask, bufferSize, interleaved);
+}
+
+int AVIOutputFile::init(platform::File file, const std::filesystem::path& fileName, uint32_t width, uint32_t height,
+                        int /*hasVideo*/, uint32_t audioMask, uint32_t /*bufferSize*/, int interleaved) {
+  if (!video_ || !file.isOpen()) return 0;
   for (int i = 0; i < kAudioStreams; ++i) {
     if ((audioMask >> i) & 1) {
       if (!audio_[i]) return 0;
@@ -136,12 +161,8 @@ int AVIOutputFile::init(const std::filesystem::path& fileName, uint32_t width, u
     }
   }
   onFat_ = platform::isFatVolume(fileName.parent_path());
-  if (!file_.open(fileName, platform::File::Mode::CreateAlways)) {
-    // The path comes from the client: a folder that cannot be made refuses this
-    // capture, not the server and its other captures.
-    logLine(u"Cannot create file %d\r\n", platform::lastError());
-    return 0;
-  }
+  file_ = std::move(file);
+  failed_ = false;
 
   mainHeader_ = {};
   mainHeader_.dwMicroSecPerFrame = mulDiv(video_->header.dwScale, 1000000, video_->header.dwRate);
@@ -153,9 +174,14 @@ int AVIOutputFile::init(const std::filesystem::path& fileName, uint32_t width, u
 
   buildHeader();
   writeBytes(header_);
+  if (failed_) {
+    file_.close();
+    return 0;
+  }
   open_ = true;
   legacyIndex_ = std::make_unique<AVIIndex>();
   openSegment();
+  wholeEnd_ = position_;
   sizeEstimate_ = file_.size() > 0 ? file_.size() : 0;
   return 1;
 }
@@ -218,7 +244,10 @@ void AVIOutputFile::buildHeader() {
 
 void AVIOutputFile::openSegment() {
   const int k = segmentCount_;
-  if (k >= kMaxSegments) fatal(u"the file would pass 64 segments");
+  if (k >= kMaxSegments) {
+    fail(u"The file would pass 64 segments", 0);
+    return;
+  }
   if (k > 0) {
     riffPosition_[k] = position_;
     std::vector<std::byte> head;
@@ -243,13 +272,13 @@ void AVIOutputFile::openSegment() {
   }
 }
 
-void AVIOutputFile::closeSegment() {
+void AVIOutputFile::closeSegment(bool withIndex) {
   const int k = segmentCount_;
   moviSize_[k] = position_ - moviPosition_[k] - 8;
   if (k == 0) {
     // The first RIFF's own frame count; dmlh holds the whole file's.
     mainHeader_.dwTotalFrames = video_->samples;
-    if (legacyIndex_) {
+    if (legacyIndex_ && withIndex) {
       writeLegacyIndex();
       legacyIndex_.reset();
     }
@@ -262,7 +291,10 @@ void AVIOutputFile::closeSegment() {
 void AVIOutputFile::writeLegacyIndex() {
   const uint64_t count = legacyIndex_->count();
   std::vector<AVIIndexEntry> entries = legacyIndex_->flatten();
-  if (entries.size() != count) fatal(u"no memory for the index");
+  if (entries.size() != count) {
+    fail(u"No memory for the index", 0);
+    return;
+  }
   std::vector<std::byte> out;
   out.reserve(8 + 16 * entries.size());
   Bytes b(out);
@@ -289,13 +321,19 @@ void AVIOutputFile::estimateSize(uint32_t size, int64_t position) {
   }
   indexEstimate_ = blocks * 32 + 8 + 16 * entries;
   const int64_t end = indexEstimate_ + size + position + 6166;
-  if (onFat_ && end >= k4GiB) fatal(u"the file would pass 4 GiB on a FAT volume");
+  if (onFat_ && end >= k4GiB) fail(u"The file would pass 4 GiB on a FAT volume", 0);
   if (end > sizeEstimate_) sizeEstimate_ = end & ~int64_t{2047};
 }
 
 void AVIOutputFile::writeChunk(uint32_t chunkId, uint32_t flags, std::span<const std::byte> data) {
+  if (failed_ || !open_) return;
   const int stream = static_cast<int>(secondCharStream(chunkId));
-  if (stream >= kStreams || streamAt(stream) == nullptr) fatal(u"a chunk of a stream the file does not have");
+  if (stream >= kStreams || streamAt(stream) == nullptr) {
+    // A caller's mistake costs that chunk, not the file.
+    if (!warnedStream_) logLine(u"[Error]   *** AVI *** A chunk of a stream the file does not have is left out\n");
+    warnedStream_ = true;
+    return;
+  }
   const uint32_t size = static_cast<uint32_t>(data.size());
   const int64_t share = size + (size & 1) + 16;
   const bool newSegment = segmentBytes_ + share > segmentLimit_;
@@ -307,6 +345,7 @@ void AVIOutputFile::writeChunk(uint32_t chunkId, uint32_t flags, std::span<const
   ++book.count;
   book.last = position;
   estimateSize(size, position);
+  if (failed_) return;
 
   if (newSegment) {
     closeSegment();
@@ -315,21 +354,27 @@ void AVIOutputFile::writeChunk(uint32_t chunkId, uint32_t flags, std::span<const
   const int64_t relative = position_ - moviPosition_[0] - 8;
   const uint32_t chunkHeader[2] = {chunkId, size};
   writeBytes(std::as_bytes(std::span(chunkHeader)));
+  if (size != 0) writeBytes(data);
+  if (size & 1) writeBytes(std::array<std::byte, 1>{});
+  // Only a whole chunk is indexed: finalize cuts the file after the last one.
+  if (failed_) return;
   segmentBytes_ += share;
+  wholeEnd_ = position_;
   AVIStreamHeader& header = streamAt(stream)->header;
   header.dwSuggestedBufferSize = std::max(header.dwSuggestedBufferSize, size);
 
   const AVIIndexEntry entry{relative, chunkId, size | ((flags & kAviKeyFrame) != 0 ? 0 : kAviNotKeyFrameBit)};
-  if (!indexes_[stream].add(entry) || (legacyIndex_ && !legacyIndex_->add(entry))) fatal(u"no memory for the index");
-  if (size != 0) writeBytes(data);
-  if (size & 1) writeBytes(std::array<std::byte, 1>{});
+  if (!indexes_[stream].add(entry) || (legacyIndex_ && !legacyIndex_->add(entry))) fail(u"No memory for the index", 0);
 }
 
 void AVIOutputFile::writeStandardIndexes(int stream, std::vector<std::byte>& superIndex) {
   if (indexes_[stream].count() == 0) return;
   const uint64_t count = indexes_[stream].count();
   std::vector<AVIIndexEntry> entries = indexes_[stream].flatten();
-  if (entries.size() != count) fatal(u"no memory for the index");
+  if (entries.size() != count) {
+    fail(u"No memory for the index", 0);
+    return;
+  }
   const uint32_t chunkId = entries.front().chunkId;
   const AVIOutputStream* owner = streamAt(static_cast<int>(secondCharStream(chunkId)));
   const uint32_t sampleSize = owner->header.dwSampleSize;
@@ -354,7 +399,10 @@ void AVIOutputFile::writeStandardIndexes(int stream, std::vector<std::byte>& sup
   uint32_t blocks = 0;
   size_t next = 0;
   while (next < entries.size()) {
-    if (blocks == kMaxIndexBlocks) fatal(u"a stream would need more than 256 index blocks");
+    if (blocks == kMaxIndexBlocks) {
+      fail(u"A stream would need more than 256 index blocks", 0);
+      return;
+    }
     size_t n = std::min(entries.size() - next, perBlock);
     size_t within = 0;
     while (within < n && entries[next + within].position - entries[next].position < k4GiB) ++within;
@@ -422,14 +470,39 @@ int AVIOutputFile::finalize() {
     if (stream && stream->finalize() == 0) result = 0;
   }
 
+  // After a failed write the file ends at its last whole chunk: whatever a write
+  // left behind it goes, which also gives the indexes back some room.
+  const bool failedBefore = failed_;
+  const int segmentsAtEnd = segmentCount_;
+  position_ = wholeEnd_;
+  if (failedBefore) {
+    file_.seek(position_);
+    file_.setEndOfFile();
+    // The indexes are worth a try: a full disk may have room for them now.
+    failed_ = false;
+  }
   std::array<std::vector<std::byte>, kStreams> superIndexes;
   if (segmentCount_ > 0) {
-    for (int s = 0; s < kStreams; ++s) {
+    for (int s = 0; s < kStreams && !failed_; ++s) {
       if (streamAt(s) != nullptr) writeStandardIndexes(s, superIndexes[s]);
     }
   }
-  closeSegment();
-  if (file_.seek(position_) != position_ || !file_.setEndOfFile()) fatal(u"ending the file failed");
+  if (!failed_) closeSegment();
+  if (failed_) {
+    // No room for the indexes: the file keeps its chunks without them, and
+    // readers find the chunks by walking the movi list.
+    logLine(u"[Warning] *** AVI *** The file is left without its index\n");
+    segmentCount_ = segmentsAtEnd;
+    // A segment whose own header did not fit before the end holds nothing.
+    while (segmentCount_ > 0 && riffPosition_[segmentCount_] + 24 > wholeEnd_) --segmentCount_;
+    position_ = wholeEnd_;
+    closeSegment(false);
+    mainHeader_.dwFlags &= ~kAvifIndexFlags;
+    for (auto& super : superIndexes) super.clear();
+  }
+  failed_ = failed_ || failedBefore;
+  if (failed_) result = 0;
+  if (file_.seek(position_) != position_ || !file_.setEndOfFile()) fail(u"Ending the file failed", platform::lastError());
 
   mainHeader_.dwSuggestedBufferSize = video_->header.dwSuggestedBufferSize;
   std::memcpy(header_.data() + avihAt_, &mainHeader_, sizeof mainHeader_);
@@ -444,7 +517,10 @@ int AVIOutputFile::finalize() {
     }
   }
   std::memcpy(header_.data() + dmlhAt_, &video_->header.dwLength, 4);
-  if (!file_.writeAt(0, header_)) fatal(u"rewriting the header failed");
+  if (!file_.writeAt(0, header_)) {
+    fail(u"Rewriting the header failed", platform::lastError());
+    result = 0;
+  }
 
   for (int k = 0; k < segmentCount_; ++k) {
     patch32(riffPosition_[k] + 4, static_cast<uint32_t>(riffSize_[k]));

@@ -87,8 +87,9 @@ class AVIOutput {
 // further 'AVIX' segments, with a legacy idx1 in the first RIFF and standard
 // index chunks and super-indexes when there is more than one segment. Chunks are
 // written at once and never reordered; only the indexes and the header stay in
-// memory until finalize. A failed write ends the process: a full disk ends the
-// recording with every chunk before it on disk.
+// memory until finalize. A failed write (a full disk) ends this file, not the
+// process: every whole chunk before it stays, later writes are dropped, and
+// finalize makes the file readable as far as the disk allows.
 class AVIOutputFile : public AVIOutput {
  public:
   static constexpr int64_t kSegmentLimit = 0x7F000000;
@@ -103,10 +104,15 @@ class AVIOutputFile : public AVIOutput {
   int initOutputStreams() override;
   int init(const std::filesystem::path& fileName, uint32_t width, uint32_t height, int hasVideo, uint32_t audioMask,
            uint32_t bufferSize, int interleaved) override;
+  // The same on a file the caller has made already (fileName names it).
+  int init(platform::File file, const std::filesystem::path& fileName, uint32_t width, uint32_t height, int hasVideo,
+           uint32_t audioMask, uint32_t bufferSize, int interleaved);
   int finalize() override;
   void writeChunk(uint32_t chunkId, uint32_t flags, std::span<const std::byte> data) override;
 
   int segments() const { return segmentCount_; }
+  // A write failed, or the file reached a limit: nothing more is written to it.
+  bool failed() const { return failed_; }
 
  private:
   static constexpr int kStreams = 1 + kAudioStreams;
@@ -121,10 +127,11 @@ class AVIOutputFile : public AVIOutput {
   AVIOutputStream* streamAt(int index) const;
   void writeBytes(std::span<const std::byte> bytes);
   void patch32(int64_t at, uint32_t v);
-  [[noreturn]] void fatal(const char16_t* what);
+  // Ends the writing of this file with a log line; error is the OS's, or 0.
+  void fail(const char16_t* what, uint32_t error);
   void buildHeader();
   void openSegment();
-  void closeSegment();
+  void closeSegment(bool withIndex = true);
   void writeLegacyIndex();
   void writeStandardIndexes(int stream, std::vector<std::byte>& superIndex);
   void estimateSize(uint32_t size, int64_t position);
@@ -156,6 +163,9 @@ class AVIOutputFile : public AVIOutput {
   bool onFat_ = false;
   int64_t indexEstimate_ = 0;
   int64_t sizeEstimate_ = 0;
+  bool failed_ = false;
+  bool warnedStream_ = false;
+  int64_t wholeEnd_ = 0;  // the end of the last whole chunk (or header) written
 };
 
 }  // namespace kestrium

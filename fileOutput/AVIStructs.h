@@ -51,6 +51,8 @@ inline constexpr uint32_t kAviKeyFrame = 0x10;          // writeChunk flag and i
 inline constexpr uint32_t kAviNotKeyFrameBit = 0x80000000;  // in index entry sizes
 inline constexpr uint32_t kAvifInterleavedFlags = 0x10130;
 inline constexpr uint32_t kAvifFlags = 0x10030;
+// "has an index" and "must use the index": cleared on a file left without one.
+inline constexpr uint32_t kAvifIndexFlags = 0x30;
 
 constexpr uint32_t fourcc(const char (&code)[5]) {
   return static_cast<uint32_t>(static_cast<uint8_t>(code[0])) |

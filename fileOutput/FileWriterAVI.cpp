@@ -9,8 +9,9 @@ namespace kestrium {
 namespace {
 
 // A frame number that jumps further than this many seconds ahead of the grid
-// is a client's mistake, not a pause: filling it all would fill the disk.
-constexpr uint64_t kLongestGapSeconds = 3600;
+// is not a pause but a client that started counting anew (or a broken one):
+// filling it would cost memory and disk for nothing. The grid starts again there.
+constexpr uint64_t kLongestGapSeconds = 300;
 
 constexpr uint16_t kWaveFormatExtensible = 0xFFFE;
 constexpr uint16_t kWaveFormatMp3 = 0x55;
@@ -49,9 +50,7 @@ int FileWriterAVI::open() {
   }
 
   uint32_t audioMask = 0;
-  if (sideTracks_) {
-    openSideTracks();
-  } else {
+  if (!sideTracks_) {
     for (size_t i = 0; i < audioFormats_.size() && i < AVIOutput::kAudioStreams; ++i) {
       const WaveFormat& format = audioFormats_[i];
       AVIAudioOutputStream& audio = *avi_->audioStream(static_cast<int>(i));
@@ -69,10 +68,20 @@ int FileWriterAVI::open() {
     }
   }
 
-  filePath_ = path();
-  filePath_ += ".avi";
+  // Never over an existing file: two captures that start in the same second
+  // with the same name get two files.
+  platform::File file;
+  filePath_ = file.createNumbered(path(), ".avi");
+  if (filePath_.empty()) {
+    logLine(u"Cannot create file %d\r\n", platform::lastError());
+    avi_.reset();
+    return 0;
+  }
+  std::filesystem::path stem = filePath_;
+  setPath(stem.replace_extension());
   logLine(u"  *** AVI *** AVI file    : %s\n", filePath_.u16string());
-  if (avi_->init(filePath_, static_cast<uint16_t>(video.header.rcFrame[2]),
+  if (sideTracks_) openSideTracks();
+  if (avi_->init(std::move(file), filePath_, static_cast<uint16_t>(video.header.rcFrame[2]),
                  static_cast<uint16_t>(video.header.rcFrame[3]), 1, audioMask, 100000, 1) == 0) {
     avi_.reset();
     return 0;
@@ -86,6 +95,7 @@ int FileWriterAVI::write(std::span<const std::byte> data, uint32_t track, uint32
     logLine(u"[Error]   ZERO AVI pointer\n");
     return 0;
   }
+  if (avi_->failed()) return 0;
   if (track == 0) {
     writeVideo(data, position, key);
   } else if (sideTracks_) {
@@ -93,6 +103,11 @@ int FileWriterAVI::write(std::span<const std::byte> data, uint32_t track, uint32
   } else if (track <= AVIOutput::kAudioStreams && avi_->audioStream(static_cast<int>(track) - 1) != nullptr) {
     avi_->audioStream(static_cast<int>(track) - 1)->write(0, data, 0, track);
   } else {
+    return 0;
+  }
+  if (avi_->failed()) {
+    // The file keeps every whole chunk before the failure; the capture ends.
+    markOutputFailed();
     return 0;
   }
   bytesWritten_ += data.size();
@@ -108,12 +123,11 @@ void FileWriterAVI::writeVideo(std::span<const std::byte> data, uint32_t positio
   int64_t missing = int64_t{position} - frameCounters_[2] - 1;
   const int64_t longest = static_cast<int64_t>(kLongestGapSeconds * frameRate_ / 1000);
   if (missing > longest) {
-    if (!warnedJump_) {
-      logLine(u"[Warning] *** AVI *** Frame number %u jumps %I64d frames ahead; the gap is cut to %I64d\n", position,
-              missing, longest);
-      warnedJump_ = true;
+    if (jumps_++ == 0) {
+      logLine(u"[Warning] *** AVI *** Frame number %u jumps %I64d frames ahead; the frame grid starts again there\n",
+              position, missing);
     }
-    missing = longest;
+    missing = 0;
   }
   for (; missing > 0; --missing) {
     video.write(0, {}, 1, 0);
@@ -126,6 +140,8 @@ void FileWriterAVI::writeVideo(std::span<const std::byte> data, uint32_t positio
 }
 
 void FileWriterAVI::close(bool discard) {
+  if (jumps_ > 1) logLine(u"[Warning] *** AVI *** The frame grid started again %u times\n", jumps_);
+  jumps_ = 0;
   if (avi_) {
     avi_->finalize();
     avi_.reset();

@@ -33,7 +33,7 @@ class FileWriterAVI : public IFileWriter {
   std::unique_ptr<AVIOutputFile> avi_;
   std::filesystem::path filePath_;
   int64_t segmentLimit_;
-  bool warnedJump_ = false;
+  uint32_t jumps_ = 0;  // frame numbers that jumped too far ahead
 };
 
 }  // namespace kestrium

@@ -1,6 +1,8 @@
 // The parts of File that do not depend on the OS; each backend has the rest.
 #include "platform/File.h"
 
+#include <string>
+#include <system_error>
 #include <utility>
 
 namespace kestrium::platform {
@@ -15,6 +17,23 @@ File& File::operator=(File&& other) noexcept {
     handle_ = std::exchange(other.handle_, kInvalid);
   }
   return *this;
+}
+
+std::filesystem::path File::createNumbered(const std::filesystem::path& stem, std::string_view extension) {
+  // Enough for any real folder; a bound keeps a folder of a million names from
+  // turning one start into a million system calls.
+  constexpr int kMostNumbers = 1000;
+  for (int n = 1; n <= kMostNumbers; ++n) {
+    std::filesystem::path name = stem;
+    if (n > 1) name += " (" + std::to_string(n) + ")";
+    name += std::string(extension);
+    if (open(name, Mode::CreateNew, Share::Exclusive)) return name;
+    // Only a name that is taken sends us to the next number; any other failure
+    // (no folder, no rights, a full disk) would fail there too.
+    std::error_code ec;
+    if (!std::filesystem::exists(std::filesystem::symlink_status(name, ec))) return {};
+  }
+  return {};
 }
 
 }  // namespace kestrium::platform

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <span>
+#include <string_view>
 
 namespace kestrium::platform {
 
@@ -13,11 +14,17 @@ class File {
  public:
   enum class Mode {
     CreateAlways,  // create or truncate, read and write
+    CreateNew,     // create a file that must not exist yet, read and write
     OpenExisting,  // read and write an existing file
     OpenAlways,    // open or create, keep the contents, read and write
     ReadOnly,      // read an existing file
   };
   enum class Origin { Begin, Current, End };
+  // Who else may open the file while this handle lives. Exclusive is Windows'
+  // "no sharing": a second exclusive open of the same file fails, and a file
+  // that is in use is never truncated by it. (Readers that ask for nothing, such
+  // as other programs on POSIX, are not kept out.)
+  enum class Share { All, Exclusive };
 
   File() = default;
   ~File();
@@ -26,7 +33,7 @@ class File {
   File(const File&) = delete;
   File& operator=(const File&) = delete;
 
-  bool open(const std::filesystem::path& path, Mode mode);
+  bool open(const std::filesystem::path& path, Mode mode, Share share = Share::All);
   bool isOpen() const { return handle_ != kInvalid; }
   void close();
 
@@ -48,6 +55,12 @@ class File {
   bool flush();
 
   static bool remove(const std::filesystem::path& path);
+
+  // Creates stem + extension as a new file for this handle alone; when that
+  // name is taken, stem + " (2)" + extension, " (3)" and so on. Never truncates
+  // an existing file. The name it made, or empty when no file could be made
+  // (lastError() tells why).
+  std::filesystem::path createNumbered(const std::filesystem::path& stem, std::string_view extension);
 
  private:
   // A POSIX descriptor or a Win32 HANDLE, whichever the backend uses.

@@ -101,4 +101,29 @@ std::u16string toUtf16(std::string_view text) {
   return out;
 }
 
+std::u16string validUtf16(std::u16string_view text) {
+  std::u16string out(text);
+  for (size_t i = 0; i < out.size(); ++i) {
+    if (isHighSurrogate(out[i]) && i + 1 < out.size() && isLowSurrogate(out[i + 1])) {
+      ++i;
+    } else if (isHighSurrogate(out[i]) || isLowSurrogate(out[i])) {
+      out[i] = static_cast<char16_t>(kReplacement);
+    }
+  }
+  return out;
+}
+
+std::optional<std::filesystem::path> toPath(std::u16string_view text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == u'\0') return std::nullopt;
+    if (isHighSurrogate(text[i]) && i + 1 < text.size() && isLowSurrogate(text[i + 1])) {
+      ++i;
+    } else if (isHighSurrogate(text[i]) || isLowSurrogate(text[i])) {
+      return std::nullopt;
+    }
+  }
+  // Valid UTF-16 converts to the OS's encoding without fail.
+  return std::filesystem::path(std::u16string(text));
+}
+
 }  // namespace kestrium::platform

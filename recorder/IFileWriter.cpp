@@ -18,6 +18,16 @@ std::u16string cutName(const std::u16string& baseName) {
   return dot == std::u16string::npos || dot == 0 ? baseName : baseName.substr(0, dot);
 }
 
+// The file name part of a base name. Clients send a program's name, but one
+// that holds a folder ("..\\..\\x.exe", "/tmp/x.exe", "C:x.exe") must never
+// place the recording outside its destination folder.
+std::u16string fileNamePart(const std::u16string& baseName) {
+  const size_t cut = baseName.find_last_of(u"/\\:");
+  std::u16string name = cut == std::u16string::npos ? baseName : baseName.substr(cut + 1);
+  if (name == u"." || name == u"..") name.clear();
+  return name;
+}
+
 std::u16string dateText(const platform::LocalTime& t) {
   return formatWide(u"%04d-%02d-%02d", t.year, t.month, t.day);
 }
@@ -30,7 +40,11 @@ IFileWriter::IFileWriter(bool sideTracks, float prerecordLimit, std::filesystem:
 IFileWriter::~IFileWriter() = default;
 
 void IFileWriter::setNames(std::u16string baseName, bool folderByName, bool folderByDate, uint32_t reservedFlag) {
-  baseName_ = std::move(baseName);
+  baseName_ = fileNamePart(baseName);
+  if (baseName_ != baseName) {
+    logLine(u"[Warning] *** CAP *** Base name %s names a folder; the recording is named by \"%s\"\n", baseName,
+            baseName_);
+  }
   folderByName_ = folderByName;
   folderByDate_ = folderByDate;
   reservedFlag_ = reservedFlag;
@@ -61,6 +75,7 @@ void IFileWriter::addAudioFormat(const WaveFormat& format, uint16_t configuratio
 }
 
 int IFileWriter::begin() {
+  std::lock_guard beginGuard(beginLock_);
   idle_ = false;
   logLine(u"  \n");
   const platform::LocalTime now = clock_();
@@ -77,25 +92,64 @@ int IFileWriter::begin() {
   path_ = folder / (name + formatWide(u"_%04d-%02d-%02d_%02d-%02d-%02d", now.year, now.month, now.day, now.hour,
                                       now.minute, now.second));
 
-  if (open() == 0) return 0;
-  std::lock_guard guard(lock_);
-  opened_ = true;
-  prerecording_ = false;
-  skipToKey();
-  if (!list_.empty()) baseTime_ = list_.front().position;
+  if (!opened_) {
+    // Until pre-recording ends every packet goes to the list, so nothing is
+    // written while the file opens and the recorder's thread never waits for it.
+    if (open() == 0) return 0;
+    std::lock_guard guard(lock_);
+    opened_ = true;
+    prerecording_ = false;
+    skipToKey();
+    if (!list_.empty()) baseTime_ = list_.front().position;
+    return 1;
+  }
+
+  // Already writing: the recorder's thread waits at outputLock_ while the file
+  // it was writing is finished and the next one is opened.
+  std::lock_guard output(outputLock_);
+  {
+    std::lock_guard guard(lock_);
+    while (drainOne()) {
+    }
+    rebase_ = true;
+  }
+  close(false);
+  frameCounters_[0] = frameCounters_[1] = frameCounters_[2] = 0;
+  recordedSeconds_ = -1.0f;
+  if (open() == 0) {
+    // The finished file is whole; with nowhere to write, the capture ends.
+    markOutputFailed();
+    return 0;
+  }
   return 1;
 }
 
 void IFileWriter::writeWrapper(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position,
                                uint32_t key) {
+  std::lock_guard output(outputLock_);
   std::unique_lock guard(lock_);
   if (!prerecording_ && list_.empty()) {
+    if (rebase_) {
+      // A new file starts its grid at the first video frame it gets; a timed
+      // packet before that has no time in it yet.
+      if (track != 0 && timed != 0) return;
+      if (track == 0) {
+        baseTime_ = position;
+        rebase_ = false;
+      }
+    }
     guard.unlock();
-    if (timed != 0 && position < baseTime_) return;
-    write(data, track, timed, position - baseTime_, key);
+    writeDirect(data, track, timed, position, key);
     return;
   }
   addLocked(data, track, timed, position, key);
+}
+
+void IFileWriter::writeDirect(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position,
+                              uint32_t key) {
+  if (outputFailed_) return;
+  if (timed != 0 && position < baseTime_) return;
+  write(data, track, timed, position - baseTime_, key);
 }
 
 void IFileWriter::addLocked(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position,
@@ -143,9 +197,7 @@ void IFileWriter::addLocked(std::span<const std::byte> data, uint32_t track, uin
 bool IFileWriter::drainOne() {
   if (list_.empty()) return false;
   const PrerecordEntry& head = list_.front();
-  if (head.position >= baseTime_ || head.timed == 0) {
-    write({head.data.data(), head.size}, head.track, head.timed, head.position - baseTime_, head.key);
-  }
+  writeDirect({head.data.data(), head.size}, head.track, head.timed, head.position, head.key);
   popOldest();
   return !list_.empty();
 }
@@ -161,6 +213,8 @@ void IFileWriter::skipToKey() {
 }
 
 void IFileWriter::finish(bool deleteFiles) {
+  std::lock_guard begin(beginLock_);
+  std::lock_guard output(outputLock_);
   {
     std::lock_guard guard(lock_);
     // Without an open file there is nowhere to write the backlog to.
@@ -172,6 +226,31 @@ void IFileWriter::finish(bool deleteFiles) {
   }
   if (idle_) return;
   close(deleteFiles);
+}
+
+uint64_t IFileWriter::bytesWritten() {
+  std::lock_guard output(outputLock_);
+  return bytesWritten_;
+}
+
+float IFileWriter::recordedSeconds() {
+  std::lock_guard output(outputLock_);
+  return recordedSeconds_;
+}
+
+uint32_t IFileWriter::baseTime() {
+  std::lock_guard guard(lock_);
+  return baseTime_;
+}
+
+size_t IFileWriter::listSize() {
+  std::lock_guard guard(lock_);
+  return list_.size();
+}
+
+uint32_t IFileWriter::videoEntries() {
+  std::lock_guard guard(lock_);
+  return videoEntries_;
 }
 
 float IFileWriter::bufferedSeconds() {
@@ -208,8 +287,9 @@ void IFileWriter::openSideTracks() {
 void IFileWriter::closeSideTracks(bool discard) {
   for (auto& writer : sideWriters_) {
     if (writer) writer->close(discard);
-    writer.reset();
   }
+  // A following file opens its own tracks from index 0 again.
+  sideWriters_.clear();
 }
 
 }  // namespace kestrium

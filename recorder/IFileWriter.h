@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <filesystem>
@@ -74,6 +75,8 @@ class IFileWriter {
 
   // From pre-recording to writing: builds the path, opens the file and starts
   // the list at its first video key frame. 0 when the file cannot be opened.
+  // Called again while writing, it finishes the file being written (whole, with
+  // everything it was given) and goes on in a new one from the next video frame.
   int begin();
 
   // The way in for every packet: into the list while it holds anything or
@@ -88,23 +91,21 @@ class IFileWriter {
   // The length of the list, for the client's figures.
   float bufferedSeconds();
 
-  // The one lock of the writer, for callers that must decide and add under it.
-  std::mutex& lock() { return lock_; }
-  // Adds a packet to the list; the caller holds lock().
-  void addLocked(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position, uint32_t key);
-
   bool prerecording() const { return prerecording_; }
-  bool listEmpty() const { return list_.empty(); }
-  uint32_t baseTime() const { return baseTime_; }
+  uint32_t baseTime();
   bool delayed() const { return delayed_; }
   bool idle() const { return idle_; }
   bool takesTimeStamps() const { return takesTimeStamps_; }
   const std::filesystem::path& destination() const { return destination_; }
+  // The output's path without its extension, as the subclass really made it.
   const std::filesystem::path& path() const { return path_; }
-  uint64_t bytesWritten() const { return bytesWritten_; }
-  float recordedSeconds() const { return recordedSeconds_; }
-  size_t listSize() const { return list_.size(); }
-  uint32_t videoEntries() const { return videoEntries_; }
+  uint64_t bytesWritten();
+  float recordedSeconds();
+  size_t listSize();
+  uint32_t videoEntries();
+  // The file could not be written: the recording cannot go on, and what it
+  // holds is all there will be.
+  bool outputFailed() const { return outputFailed_; }
 
   // For tests: the clock of the path's time stamp and the memory measure of the
   // pre-recording rule.
@@ -114,6 +115,9 @@ class IFileWriter {
  protected:
   void openSideTracks();
   void closeSideTracks(bool discard);
+  // The subclass names the path it really used (a taken name gets a number).
+  void setPath(std::filesystem::path path) { path_ = std::move(path); }
+  void markOutputFailed() { outputFailed_ = true; }
 
   bool takesTimeStamps_ = false;
   uint32_t width_ = 0;
@@ -132,18 +136,27 @@ class IFileWriter {
   float recordedSeconds_ = -1.0f;
   uint32_t frameCounters_[3] = {0, 0, 0};
 
- private:
+  void addLocked(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position, uint32_t key);
   bool drainOne();
   void popOldest();
   void skipToKey();
+  void writeDirect(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position, uint32_t key);
 
   std::deque<PrerecordEntry> list_;
+  // Lock order: beginLock_, outputLock_, lock_. beginLock_ keeps two begins (the
+  // client's and a delayed one) apart; outputLock_ is held for every write and
+  // while begin replaces the output, so no packet reaches a closed file; lock_
+  // guards the list, the pre-recording flag and the base time.
+  std::mutex beginLock_;
+  std::mutex outputLock_;
   std::mutex lock_;
-  bool prerecording_ = true;
+  std::atomic<bool> prerecording_{true};
   bool opened_ = false;  // begin opened the file
+  bool rebase_ = false;  // the next video frame starts the grid of a new file
   uint32_t baseTime_ = 0;
-  bool delayed_ = false;
-  bool idle_ = true;
+  std::atomic<bool> delayed_{false};
+  std::atomic<bool> idle_{true};
+  std::atomic<bool> outputFailed_{false};
   std::u16string baseName_;
   std::filesystem::path destination_;
   float prerecordLimit_;

@@ -1,5 +1,8 @@
 #include "recorder/Recorder.h"
 
+#include <algorithm>
+
+#include "platform/Clock.h"
 #include "platform/System.h"
 #include "recorder/BroadcastInfo.h"
 #include "server/Log.h"
@@ -8,8 +11,11 @@ namespace kestrium {
 
 namespace {
 
-constexpr uint32_t kPassMs = 500;
-constexpr uint32_t kThreadPatienceMs = 10000;
+// A request to end that was delivered but not acted on may have been overwritten
+// by another sender: it is sent again after this long.
+constexpr uint64_t kEndRequestRepeatNs = 2'000'000'000;
+// One that could not be delivered (the channel was busy) is tried again sooner.
+constexpr uint64_t kEndRequestRetryNs = 500'000'000;
 
 }  // namespace
 
@@ -26,14 +32,15 @@ bool Recorder::Start(EmergencyStop emergencyStop) {
 }
 
 bool Recorder::setUp() {
-  objects_.openClientAlive(true);
-  objects_.openNewSource();
-  objects_.openNewEncoded();
-  objects_.openCommonData();
-  if (encoder) objects_.openEncoderBuffer(static_cast<uint32_t>(encoder->width()), static_cast<uint32_t>(encoder->height()));
+  // A client may have made any of these names as something else: a capture
+  // whose objects are not what they should be ends here, with its reason.
+  const bool opened = objects_.openClientAlive(true) && objects_.openNewSource() && objects_.openNewEncoded() &&
+                      objects_.openCommonData() &&
+                      (!encoder || objects_.openEncoderBuffer(static_cast<uint32_t>(encoder->width()),
+                                                              static_cast<uint32_t>(encoder->height())));
   CommonData* common = objects_.common();
-  if (common == nullptr) {
-    logLine(u"[Error]   *** CAP *** Cannot open the shared record of %s\n", name_);
+  if (!opened || common == nullptr) {
+    logLine(u"[Error]   *** CAP *** Cannot open the shared objects of %s; the capture ends\n", name_);
     return false;
   }
   common->topDownRows = encoder ? static_cast<uint32_t>(encoder->WantsTopDownRows()) : 0;
@@ -47,11 +54,28 @@ bool Recorder::setUp() {
 }
 
 void Recorder::run() {
-  const bool ready = setUp();
+  if (!setUp()) {
+    waitsFailed_ = true;
+    endWanted_ = true;
+  }
   platform::Event* events[] = {&stopEvent_, &objects_.newSource, &objects_.newEncoded, &pauseEvent_};
   for (;;) {
-    const uint32_t result = ready ? platform::waitAny(events, kPassMs) : stopEvent_.wait(platform::kInfinite);
-    if (!ready) break;
+    if (waitsFailed_) {
+      // Nothing but the stop is left to wait for; until it comes, the server is
+      // asked for it on every pass.
+      if (stopEvent_.wait(kPassMs) == platform::kWaitObject0) break;
+      askToEnd();
+      continue;
+    }
+    const uint32_t result = platform::waitAny(events, kPassMs);
+    if (result == platform::kWaitFailed) {
+      // A wait that fails at once would fail on every pass: the thread would spin
+      // and never see its stop.
+      logLine(u"[Error]   *** CAP *** Waiting for the events of %s failed; the capture ends\n", name_);
+      waitsFailed_ = true;
+      endWanted_ = true;
+      continue;
+    }
     CommonData* common = objects_.common();
     if (result == 0 || result == 3) {
       pumpAudio(common->audioPosition, true);
@@ -64,8 +88,13 @@ void Recorder::run() {
       onNewEncoded();
     }
     if (started_) pumpAudio(common->audioPosition, false);
+    if (writer && writer->outputFailed() && !endWanted_) {
+      logLine(u"[Error]   *** CAP *** The file of %s cannot be written any more; the capture ends\n", name_);
+      endWanted_ = true;
+    }
     publishFigures();
     checkClient();
+    askToEnd();
   }
   tearDown();
 }
@@ -112,7 +141,8 @@ void Recorder::onNewEncoded() {
       shared.info.sps = std::move(sps);
       shared.info.pps = std::move(pps);
     }
-    if (writer->delayed() && !writer->idle()) writer->begin();
+    // Only while still waiting: a client's begin may have opened the file first.
+    if (writer->delayed() && !writer->idle() && writer->prerecording()) writer->begin();
   }
   started_ = true;
   const uint32_t key = encoder->HasKeyFrameFlags() != 0 ? common->encodedKey : 1;
@@ -151,17 +181,9 @@ void Recorder::pumpAudio(uint32_t position, bool flush) {
     }
     for (int32_t size; (size = audio->GetEncoded(track, audioPacket_, &timeStamp)) > 0;) {
       const std::span<const std::byte> packet(audioPacket_.data(), std::min<size_t>(static_cast<size_t>(size), audioPacket_.size()));
-      std::unique_lock guard(writer->lock());
-      if (writer->prerecording() || !writer->listEmpty()) {
-        writer->addLocked(packet, writerTrack, timed ? 1 : 0, timeStamp, 1);
-        guard.unlock();
-      } else {
-        guard.unlock();
-        // A packet from before the file's first frame has no place in it.
-        if (!timed || timeStamp >= writer->baseTime()) {
-          writer->write(packet, writerTrack, timed ? 1 : 0, timeStamp - writer->baseTime(), 1);
-        }
-      }
+      // Into the list while it holds anything, else into the file; a packet from
+      // before the file's first frame has no place in it.
+      writer->writeWrapper(packet, writerTrack, timed ? 1 : 0, timeStamp, 1);
       if (publisher) publisher->sendFrame(packet, timeStamp, NetworkStream::kAudio);
     }
   }
@@ -171,7 +193,10 @@ void Recorder::publishFigures() {
   CommonData* common = objects_.common();
   if (writer) {
     storeShared(common->bufferedSeconds, writer->bufferedSeconds());
-    storeShared(common->recordedSeconds, writer->recordedSeconds() < 0.0f ? 0.0f : writer->recordedSeconds());
+    // -1.0 until the file is being written: a client tells a running
+    // pre-recording by its buffered seconds.
+    const float recorded = writer->prerecording() ? -1.0f : std::max(writer->recordedSeconds(), 0.0f);
+    storeShared(common->recordedSeconds, recorded);
     storeShared(common->megabytesWritten, static_cast<uint32_t>(writer->bytesWritten() >> 20));
     const auto free = platform::diskFreeBytes(writer->destination());
     storeShared(common->freeMegabytes, free ? static_cast<uint32_t>(*free >> 20) : 0u);
@@ -185,10 +210,21 @@ void Recorder::checkClient() {
   // client let go or died. A dead client's mutex comes back abandoned first,
   // which gives it to this thread, and the next pass finds it free.
   if (objects_.clientAlive.wait(0) != platform::LockStatus::Acquired) return;
-  if (emergencyStop_) emergencyStop_(*this);
+  endWanted_ = true;
   while (objects_.clientAlive.release()) {
   }
   objects_.clientAlive.close();
+}
+
+void Recorder::askToEnd() {
+  if (!endWanted_ || stopping_ || !emergencyStop_) return;
+  const uint64_t now = platform::monotonicNs();
+  if (now < nextEndRequestNs_) return;
+  // The request goes through the command channel like any client's, and can be
+  // lost there (the channel busy, or the block overwritten by the next sender
+  // before the server read it): it is repeated until the stop has begun.
+  const bool delivered = emergencyStop_(*this);
+  nextEndRequestNs_ = now + (delivered ? kEndRequestRepeatNs : kEndRequestRetryNs);
 }
 
 void Recorder::tearDown() {
@@ -205,7 +241,8 @@ void Recorder::tearDown() {
   }
 }
 
-void Recorder::Stop(bool deleteFiles) {
+bool Recorder::Stop(bool deleteFiles) {
+  stopping_ = true;
   // The thread still runs here and takes the last encoded frames.
   if (encoder) encoder->Close();
   if (thread_.joinable()) {
@@ -214,11 +251,19 @@ void Recorder::Stop(bool deleteFiles) {
     if (result != platform::kWaitObject0) {
       logLine(u"[Warning] Problems waiting recorder shutdown %s:%d\n", name_, result);
       thread_.terminate();
+      // Where the thread could only be abandoned it may still be using the
+      // encoder, the writer and this object: none of them may go.
+      logLine(u"[Error]   *** CAP *** The thread of %s did not end; its file is left as it stands\n", name_);
+      return false;
     }
   }
   stopEvent_.close();
   if (framesEncoded_ != 0 || framesRefused_ != 0) {
     logLine(u"  *** CAP *** Frames encoded %u, refused %u for %s\n", framesEncoded_.load(), framesRefused_.load(), name_);
+  }
+  if (encoder && encoder->AbandonedThreads()) {
+    // A worker that would not end still runs in the encoder's code.
+    static_cast<void>(encoder.release());
   }
   encoder.reset();
   audio.reset();
@@ -226,6 +271,11 @@ void Recorder::Stop(bool deleteFiles) {
   if (writer) writer->finish(deleteFiles);
   writer.reset();
   publisher.reset();
+  return true;
+}
+
+void Recorder::Retire(std::unique_ptr<Recorder> recorder, bool deleteFiles) {
+  if (recorder && !recorder->Stop(deleteFiles)) static_cast<void>(recorder.release());
 }
 
 }  // namespace kestrium

@@ -23,8 +23,10 @@ namespace kestrium {
 // the client. Encoding runs on the encoder's threads; the file is written here.
 class Recorder {
  public:
-  // How the recorder's thread asks its server to stop it when the client has gone.
-  using EmergencyStop = std::function<void(const Recorder&)>;
+  // How the recorder's thread asks its server to stop it when the capture cannot
+  // go on (its client has gone, its file cannot be written); true when the
+  // request was delivered.
+  using EmergencyStop = std::function<bool(const Recorder&)>;
 
   explicit Recorder(std::u16string name);
   ~Recorder();
@@ -43,8 +45,18 @@ class Recorder {
   bool Start(EmergencyStop emergencyStop);
 
   // Ends the capture, on the command thread: the encoder delivers what it took,
-  // the thread ends, the file is finished, or discarded with deleteFiles.
-  void Stop(bool deleteFiles);
+  // the thread ends, the file is finished, or discarded with deleteFiles. False
+  // when the thread would not end and had to be abandoned: everything it can
+  // reach, this object included, must then stay alive.
+  bool Stop(bool deleteFiles);
+
+  // Stops the recorder and frees it, unless its thread had to be abandoned: the
+  // recorder is then left alive for that thread, and the log says so.
+  static void Retire(std::unique_ptr<Recorder> recorder, bool deleteFiles);
+
+  // The period of the thread's passes, and how long a stop waits for it to end.
+  static constexpr uint32_t kPassMs = 500;
+  static constexpr uint32_t kThreadPatienceMs = 10000;
 
   // Flipped only by the recorder's own thread, when its pause event rings.
   bool paused() const { return paused_; }
@@ -66,6 +78,7 @@ class Recorder {
   void pumpAudio(uint32_t position, bool flush);
   void publishFigures();
   void checkClient();
+  void askToEnd();
   void tearDown();
 
   std::u16string name_;
@@ -75,6 +88,10 @@ class Recorder {
   platform::Event pauseEvent_;
   EmergencyStop emergencyStop_;
   std::atomic<bool> paused_{false};
+  std::atomic<bool> stopping_{false};  // Stop has begun: no more requests to end
+  bool waitsFailed_ = false;           // the events cannot be waited on: only the stop is
+  bool endWanted_ = false;             // the capture cannot go on: ask the server to stop it
+  uint64_t nextEndRequestNs_ = 0;
   bool started_ = false;  // the first encoded frame came: audio may be read
   std::vector<std::byte> audioBuffer_;
   std::vector<std::byte> audioPacket_;

@@ -1,8 +1,12 @@
 #include "server/CaptureStart.h"
 
+#include <algorithm>
 #include <cmath>
+#include <optional>
 #include <string>
 
+#include "platform/NamedMutex.h"
+#include "platform/System.h"
 #include "platform/Text.h"
 #include "recorder/BroadcastInfo.h"
 #include "server/Dispatcher.h"
@@ -14,6 +18,14 @@ namespace {
 
 constexpr uint32_t kLargestSide = 16384;
 constexpr uint32_t kMostThreads = 64;
+// Far above any client's rate (thousandths of a frame per second); a rate
+// beyond it only makes every grid computation overflow.
+constexpr uint32_t kFastestRate = 1000 * 1000;
+// What one encoder worker holds per pixel: the source copy (3 bytes), the
+// largest encoded frame (4) and the encoder's own planes; plus the two shared
+// slots of the capture (4 each).
+constexpr uint64_t kWorkerBytesPerPixel = 10;
+constexpr uint64_t kSharedBytesPerPixel = 8;
 constexpr uint32_t kDibFourcc = 0x20424944;  // "DIB ": uncompressed
 
 std::string decimal(uint32_t v) { return std::to_string(static_cast<int32_t>(v)); }
@@ -71,6 +83,10 @@ bool acceptable(const StartParameters& p) {
     logLine(u"[Error]   *** CAP *** Frame rate 0 cannot be recorded\n");
     return false;
   }
+  if (p.frameRate > kFastestRate) {
+    logLine(u"[Error]   *** CAP *** Frame rate %.3f fps is above %u fps\n", p.frameRate / 1000.0, kFastestRate / 1000);
+    return false;
+  }
   if (p.threads > kMostThreads) {
     logLine(u"[Error]   *** CAP *** %u encoder threads are more than %u\n", p.threads, kMostThreads);
     return false;
@@ -79,7 +95,39 @@ bool acceptable(const StartParameters& p) {
     logLine(u"[Error]   *** CAP *** Pre-record limit %f is not a time\n", static_cast<double>(p.prerecordLimit));
     return false;
   }
+  // Refused before anything is allocated: on a system that overcommits, a start
+  // that does not fit would not fail, it would have the server killed later.
+  const uint64_t pixels = uint64_t{p.width} * p.height;
+  const uint64_t needed = pixels * (std::max(p.threads, 1u) * kWorkerBytesPerPixel + kSharedBytesPerPixel);
+  const uint64_t available = platform::memoryStatus().availableBytes;
+  if (available != 0 && needed > available) {
+    logLine(u"[Error]   *** CAP *** The capture needs about %I64u MB of memory and %I64u MB are free\n", needed >> 20,
+            available >> 20);
+    return false;
+  }
   return true;
+}
+
+// The text of the client as a path, or nothing with a log line.
+std::optional<std::filesystem::path> pathOf(std::u16string_view text, const char16_t* what) {
+  std::optional<std::filesystem::path> path = platform::toPath(text);
+  if (!path) logLine(u"[Error]   *** CAP *** The %s \"%s\" cannot name a file\n", what, text);
+  return path;
+}
+
+// Any program of the user can make a capture's names first, as something else:
+// a capture whose objects are not what they must be is refused before it runs.
+bool captureObjectsUsable(const StartParameters& p, std::u16string_view name) {
+  CaptureObjects objects{std::u16string(name)};
+  platform::NamedMutex clientAlive;  // only looked at: the client owns it
+  const bool usable = clientAlive.create(objects.name(kClientAliveSuffix), false) && objects.openNewSource() &&
+                      objects.openNewEncoded() && objects.openCommonData() &&
+                      objects.openEncoderBuffer(p.width, p.height) &&
+                      objects.encoderBuffer.size() >= encoderBufferSize(p.width, p.height);
+  if (!usable) {
+    logLine(u"[Error]   *** CAP *** The shared objects of capture %s are missing or not what they should be\n", name);
+  }
+  return usable;
 }
 
 void fillBroadcastInfo(const StartParameters& p, IVidEncoder& encoder) {
@@ -104,7 +152,7 @@ void fillBroadcastInfo(const StartParameters& p, IVidEncoder& encoder) {
 
 std::unique_ptr<Recorder> fail(std::unique_ptr<Recorder> recorder) {
   // Whatever was recorded is discarded: a failed start leaves no file.
-  if (recorder) recorder->Stop(true);
+  Recorder::Retire(std::move(recorder), true);
   logLine(u"[Error]   *** CAP *** Error starting capture\n");
   return nullptr;
 }
@@ -129,6 +177,10 @@ std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
   logLine(u"  *** CAP *** Frame rate:            %.2f fps\n", params.frameRate / 1000.0);
   logLine(u"  \n");
   if (!acceptable(params)) return fail(nullptr);
+  const auto destination = pathOf(wireString(params.destinationFolder), u"destination folder");
+  const std::u16string_view baseName = wireString(params.baseName);
+  if (!destination || !pathOf(baseName, u"base name")) return fail(nullptr);
+  if (!captureObjectsUsable(params, name)) return fail(nullptr);
 
   auto recorder = std::make_unique<Recorder>(std::u16string(name));
   std::unique_ptr<IVidEncoder> encoder = CreateVideoEncoder(encoderName);
@@ -144,12 +196,10 @@ std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
     logLine(u"[Warning] *** CAP *** This server records no audio yet: the audio sources are left out\n");
   }
 
-  std::unique_ptr<IFileWriter> writer =
-      IFileWriter::Create(params.sideTracks != 0, params.prerecordLimit, params.container != 0 ? u"MP4" : u"AVI",
-                          std::filesystem::path(std::u16string(wireString(params.destinationFolder))));
+  std::unique_ptr<IFileWriter> writer = IFileWriter::Create(params.sideTracks != 0, params.prerecordLimit,
+                                                            params.container != 0 ? u"MP4" : u"AVI", *destination);
   if (!writer) return fail(std::move(recorder));
-  writer->setNames(std::u16string(wireString(params.baseName)), params.folderByName != 0, params.folderByDate != 0,
-                   params.reservedFlag);
+  writer->setNames(std::u16string(baseName), params.folderByName != 0, params.folderByDate != 0, params.reservedFlag);
   if (video.HasBitmapFormat() != 0) {
     BitmapInfoHeader header{};
     video.GetBitmapFormat(&header);
@@ -166,7 +216,7 @@ std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
     fillBroadcastInfo(params, video);
   }
 
-  if (!recorder->Start([](const Recorder& r) { Dispatcher::SendStopCommand(r); })) {
+  if (!recorder->Start([](const Recorder& r) { return Dispatcher::SendStopCommand(r); })) {
     logLine(u"[Error]   *** CAP *** Cannot start the recorder thread\n");
     return fail(std::move(recorder));
   }

@@ -1,6 +1,7 @@
 #include "server/Dispatcher.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 #include "platform/Clock.h"
@@ -32,19 +33,36 @@ Dispatcher::Dispatcher() {
 }
 
 Dispatcher::~Dispatcher() {
+  if (!shutDown_) Shutdown();
+}
+
+bool Dispatcher::Shutdown() {
+  shutDown_ = true;
   logLine(u"  *** CAP *** Stopping dispatcher...\n");
   stopEvent_.set();
+  bool ended = true;
   if (thread_.joinable()) {
     const uint32_t result = thread_.join(kThreadPatienceMs);
     if (result != platform::kWaitObject0) {
       logLine(u"[Warning] Problem with waiting dispatcher thread %d\n", result);
       thread_.terminate();
+      ended = false;
     }
   }
-  stopEvent_.close();
-  std::lock_guard guard(lock_);
-  for (auto& recorder : recorders_) recorder->Stop(false);
-  recorders_.clear();
+  if (ended) stopEvent_.close();
+  // A command thread that was given up on may hold the lock for ever (on Windows
+  // it is terminated wherever it stood): its recorders are then left to it.
+  std::unique_lock guard(lock_, std::defer_lock);
+  if (!guard.try_lock_for(std::chrono::milliseconds(kThreadPatienceMs))) {
+    logLine(u"[Error]   *** CAP *** The recorders could not be stopped: the command thread holds them\n");
+    return false;
+  }
+  while (!recorders_.empty()) {
+    std::unique_ptr<Recorder> recorder = std::move(recorders_.front());
+    recorders_.pop_front();
+    Recorder::Retire(std::move(recorder), false);
+  }
+  return ended;
 }
 
 void Dispatcher::addRecorder(std::unique_ptr<Recorder> recorder) {
@@ -111,6 +129,12 @@ std::list<std::unique_ptr<Recorder>>::iterator Dispatcher::find(std::u16string_v
 
 void Dispatcher::handleStart(const StartParameters& params) {
   std::lock_guard guard(lock_);
+  if (recorders_.size() >= kMostCaptures) {
+    logLine(u"[Error]   *** CAP *** %u captures run already; no more are started\n",
+            static_cast<uint32_t>(recorders_.size()));
+    logLine(u"[Error]   *** CAP *** Error starting capture\n");
+    return;
+  }
   if (auto recorder = startCapture(params)) recorders_.push_back(std::move(recorder));
 }
 
@@ -124,8 +148,9 @@ void Dispatcher::handleStop(const StopParameters& params) {
   }
   logLine(u"  *** CAP *** Stopping capture, recorder name    %s\n", name);
   if (params.deleteFiles != 0) logLine(u"  *** CAP *** Deleting recorded files...\n");
-  (*it)->Stop(params.deleteFiles != 0);
+  std::unique_ptr<Recorder> recorder = std::move(*it);
   recorders_.erase(it);
+  Recorder::Retire(std::move(recorder), params.deleteFiles != 0);
 }
 
 void Dispatcher::handleEndPrerecording(const EndPrerecordingParameters& params) {
@@ -155,20 +180,21 @@ void Dispatcher::handlePause(const PauseParameters& params) {
   logLine(params.paused != 0 ? u"  *** CAP *** ** PAUSED ** for %s\n" : u"  *** CAP *** ** UNPAUSED ** for %s\n", name);
 }
 
-void Dispatcher::SendStopCommand(const Recorder& recorder) {
-  if (!recorder.hasWriter()) return;
+bool Dispatcher::SendStopCommand(const Recorder& recorder) {
+  if (!recorder.hasWriter()) return false;
   logLine(u"[Warning] Emergency stop for %s\n", recorder.name());
   // A capture that never left pre-recording is thrown away; one that was writing is kept.
   const CommandBlock block = namedCommand(kCommandStop, recorder.name(), recorder.writerPrerecording() ? 1 : 0);
 
   platform::NamedMutex mutex;
   const bool created = mutex.create(kCommandMutexName, false);
-  if (!created || mutex.wait(kCommandMutexPatienceMs) != platform::LockStatus::Acquired ||
-      !deliverCommand(block, true)) {
-    logLine(u"[Error]   Error sending command to capture server\n");
-  }
+  // An abandoned mutex is owned all the same: its sender died, the channel is free.
+  const bool delivered =
+      created && platform::owns(mutex.wait(kCommandMutexPatienceMs)) && deliverCommand(block, true);
+  if (!delivered) logLine(u"[Error]   Error sending command to capture server\n");
   // Also after a time-out, when it is not held: that release fails harmlessly.
   if (created) mutex.release();
+  return delivered;
 }
 
 }  // namespace kestrium

@@ -16,8 +16,16 @@ namespace kestrium {
 // events, runs each command a client sends, and owns the running recorders.
 class Dispatcher {
  public:
+  // More captures than anyone records at once: the next start is refused, so
+  // that a client that starts without end cannot exhaust the machine.
+  static constexpr size_t kMostCaptures = 16;
+
   Dispatcher();
-  // Stops the command thread, then every recorder, keeping their files.
+  // Stops the command thread, then every recorder, keeping their files. False
+  // when the command thread would not end: it was abandoned and may still use
+  // this object, which must then never be destroyed.
+  bool Shutdown();
+  // Shuts down, if that was not done.
   ~Dispatcher();
   Dispatcher(const Dispatcher&) = delete;
   Dispatcher& operator=(const Dispatcher&) = delete;
@@ -25,7 +33,8 @@ class Dispatcher {
   // Asks this server, through its own command channel, to stop recorder: the
   // recorder's thread calls it when its client has gone. It does not wait for
   // the reply, so the calling thread stays free to be stopped.
-  static void SendStopCommand(const Recorder& recorder);
+  // True when the command was delivered.
+  static bool SendStopCommand(const Recorder& recorder);
 
   // Appends a running recorder to the list.
   void addRecorder(std::unique_ptr<Recorder> recorder);
@@ -44,8 +53,11 @@ class Dispatcher {
   platform::Thread thread_;
   platform::Event stopEvent_;
   platform::Event ready_;  // the command thread has made its objects
-  std::mutex lock_;        // guards recorders_
+  // Guards recorders_. Timed, so that a command thread abandoned while it held
+  // the lock cannot hang the shutdown.
+  std::timed_mutex lock_;
   std::list<std::unique_ptr<Recorder>> recorders_;
+  bool shutDown_ = false;
 };
 
 }  // namespace kestrium

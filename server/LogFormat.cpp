@@ -58,7 +58,7 @@ std::u16string formatOne(const Spec& spec, const LogArg& arg) {
                  : widen(cFormat(spec, "", spec.conversion, static_cast<uint32_t>(arg.integer())));
     case 'c':
       if (!isInteger) return u"?";
-      return std::u16string(1, static_cast<char16_t>(arg.integer()));
+      return platform::validUtf16(std::u16string(1, static_cast<char16_t>(arg.integer())));
     case 'f':
     case 'F':
     case 'e':
@@ -71,10 +71,15 @@ std::u16string formatOne(const Spec& spec, const LogArg& arg) {
     case 's':
     case 'S': {
       std::u16string text;
-      if (arg.kind() == LogArg::Kind::Wide) text = arg.wide();
+      // Names come from clients: the log stays valid UTF-16 whatever they hold.
+      if (arg.kind() == LogArg::Kind::Wide) text = platform::validUtf16(arg.wide());
       else if (arg.kind() == LogArg::Kind::Narrow) text = platform::toUtf16(arg.narrow());
       else return u"?";
-      if (spec.precision >= 0 && text.size() > static_cast<size_t>(spec.precision)) text.resize(spec.precision);
+      if (spec.precision >= 0 && text.size() > static_cast<size_t>(spec.precision)) {
+        text.resize(spec.precision);
+        // Never half a pair at the cut.
+        if (!text.empty() && text.back() >= 0xD800 && text.back() <= 0xDBFF) text.pop_back();
+      }
       return text;
     }
     default:

@@ -100,6 +100,8 @@ int runServer(int argc, char** argv) {
 
   const int exitCode = window.run();
 
+  // A dispatcher whose command thread would not end is left to that thread.
+  if (!dispatcher->Shutdown()) static_cast<void>(dispatcher.release());
   dispatcher.reset();
   objects.instanceMutex.release();
   logLine(u"  Shutdown completed\n");

@@ -29,8 +29,12 @@ class IVidEncoder {
   // Offers one source frame: 1 when taken (the source may be reused at once),
   // 0 when not. timed and position are handed on with the frame.
   virtual int EncodeFrame(std::span<const std::byte> source, uint32_t timed, uint32_t position) = 0;
-  // Delivers every frame taken, then stops.
+  // Delivers every frame taken, then stops. Bounded: a consumer that stops
+  // taking encoded frames costs the frames still in flight, never a hang.
   virtual void Close() = 0;
+  // True when Close had to leave a thread of the encoder running: the encoder
+  // must then never be destroyed, since that thread still uses it.
+  virtual bool AbandonedThreads() const { return false; }
 
   // 1: the stream is described by GetBitmapFormat; 0: by GetStreamHeader.
   virtual int HasBitmapFormat() { return 1; }

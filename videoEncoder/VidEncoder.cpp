@@ -48,7 +48,8 @@ int VidEncoder::Open() {
     idle_.push_back(raw);
     workers_.push_back(std::move(worker));
   }
-  return 1;
+  // Without a single worker every frame would be refused: better no capture.
+  return count == 0 || !workers_.empty() ? 1 : 0;
 }
 
 int VidEncoder::EncodeFrame(std::span<const std::byte> source, uint32_t timed, uint32_t position) {
@@ -104,13 +105,22 @@ void VidEncoder::DeliverEncoded(EncodeWorker& worker) {
 }
 
 void VidEncoder::Close() {
-  // Every frame that was taken is delivered, not thrown away: the consumer must
-  // still be running.
+  // Every frame that was taken is delivered, not thrown away, while the consumer
+  // takes them. One that stopped taking them (a client that never frees the
+  // encoded slot) costs those frames, not a server that hangs.
+  const uint64_t until = platform::monotonicNs() + uint64_t{kDrainPatienceMs} * 1000000;
   for (;;) {
+    size_t left = 0;
     {
       std::lock_guard guard(lock_);
       stopping_ = true;
-      if (inFlight_.empty()) break;
+      left = inFlight_.size();
+    }
+    if (left == 0) break;
+    if (platform::monotonicNs() >= until) {
+      logLine(u"[Warning] Encoder of %s: the encoded slot was not freed for %u ms; %u frames in flight are dropped\n",
+              sessionName_, kDrainPatienceMs, static_cast<uint32_t>(left));
+      break;
     }
     platform::sleepMs(10);
   }
@@ -135,9 +145,10 @@ void VidEncoder::StopWorkers() {
     if (result != platform::kWaitObject0) {
       logLine(u"[Warning] Problems waiting encoder thread to exit: %d\n", result);
       worker->thread.terminate();
-      // Where the thread could only be abandoned it still uses its record, which
-      // must then outlive it.
+      // Where the thread could only be abandoned it still uses its record and
+      // this encoder, which must then outlive it.
       static_cast<void>(worker.release());
+      abandoned_ = true;
     }
   }
 }

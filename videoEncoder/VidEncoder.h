@@ -44,6 +44,10 @@ class VidEncoder : public IVidEncoder {
   int Open() override;
   int EncodeFrame(std::span<const std::byte> source, uint32_t timed, uint32_t position) override;
   void Close() override;
+  bool AbandonedThreads() const override { return abandoned_; }
+
+  // How long Close waits for the consumer to take the frames still in flight.
+  static constexpr uint32_t kDrainPatienceMs = 3000;
 
  protected:
   // Runs on each worker's thread: set up, then encode frames until told to stop:
@@ -69,6 +73,7 @@ class VidEncoder : public IVidEncoder {
   CaptureObjects objects_{u""};
   std::mutex lock_;  // the lists, the stopping flag and the encoded slot
   bool stopping_ = false;
+  std::atomic<bool> abandoned_{false};
   std::vector<std::unique_ptr<EncodeWorker>> workers_;
   // Both lists hold at most all workers and are reserved for that, so moving a
   // worker between them never allocates.

@@ -1,6 +1,7 @@
 #include "platform/File.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,11 +16,15 @@ int fdOf(intptr_t handle) { return static_cast<int>(handle); }
 
 }  // namespace
 
-bool File::open(const std::filesystem::path& path, Mode mode) {
+bool File::open(const std::filesystem::path& path, Mode mode, Share share) {
   close();
   int flags = O_CLOEXEC;
+  // An exclusive open truncates only once it holds the file, so that it never
+  // empties a file that someone else is writing.
+  const bool truncate = mode == Mode::CreateAlways;
   switch (mode) {
-    case Mode::CreateAlways: flags |= O_RDWR | O_CREAT | O_TRUNC; break;
+    case Mode::CreateAlways: flags |= O_RDWR | O_CREAT | (share == Share::Exclusive ? 0 : O_TRUNC); break;
+    case Mode::CreateNew: flags |= O_RDWR | O_CREAT | O_EXCL; break;
     case Mode::OpenExisting: flags |= O_RDWR; break;
     case Mode::OpenAlways: flags |= O_RDWR | O_CREAT; break;
     case Mode::ReadOnly: flags |= O_RDONLY; break;
@@ -29,6 +34,20 @@ bool File::open(const std::filesystem::path& path, Mode mode) {
     fd = ::open(path.c_str(), flags, 0666);
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) return false;
+  if (share == Share::Exclusive) {
+    // Windows refuses a second open of a file opened without sharing; a lock
+    // that lives as long as the descriptor does the same between our opens.
+    int r;
+    do {
+      r = flock(fd, LOCK_EX | LOCK_NB);
+    } while (r != 0 && errno == EINTR);
+    if (r != 0 || (truncate && ftruncate(fd, 0) != 0)) {
+      const int error = r != 0 ? EBUSY : errno;
+      ::close(fd);
+      errno = error;
+      return false;
+    }
+  }
   handle_ = fd;
   return true;
 }

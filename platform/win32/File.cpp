@@ -54,13 +54,16 @@ auto atOffset(HANDLE h, uint64_t offset, Io io, decltype(io()) failure) {
 
 }  // namespace
 
-bool File::open(const std::filesystem::path& path, Mode mode) {
+bool File::open(const std::filesystem::path& path, Mode mode, Share share) {
   close();
   DWORD access = GENERIC_READ | GENERIC_WRITE;
   DWORD disposition = OPEN_EXISTING;
   switch (mode) {
     case Mode::CreateAlways:
       disposition = CREATE_ALWAYS;
+      break;
+    case Mode::CreateNew:
+      disposition = CREATE_NEW;
       break;
     case Mode::OpenExisting:
       disposition = OPEN_EXISTING;
@@ -73,9 +76,8 @@ bool File::open(const std::filesystem::path& path, Mode mode) {
       disposition = OPEN_EXISTING;
       break;
   }
-  // Full sharing: a recording may be read, renamed or deleted while it is written.
-  HANDLE h = CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                         disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const DWORD sharing = share == Share::Exclusive ? 0 : FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  HANDLE h = CreateFileW(path.c_str(), access, sharing, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (h == INVALID_HANDLE_VALUE) return false;
   handle_ = reinterpret_cast<intptr_t>(h);
   return true;
