@@ -298,7 +298,8 @@ class Session {
       // For shutdown tests: hold on to the capture until interrupted.
       for (;;) platform::sleepMs(1000);
     }
-    if (!ended_) waitForSourceTaken();
+    // A last frame never taken means the capture ended under it.
+    if (!ended_ && !waitForSourceTaken()) ended_ = true;
     // A capture that the server ended is gone: there is nothing left to stop.
     if (!ended_ && sendCommand(namedCommand(kCommandStop, o_.name, o_.deleteFiles ? 1 : 0), kReplyPatienceMs) !=
                        SendResult::Replied) {
@@ -432,9 +433,10 @@ class Session {
     }
   }
 
-  void waitForSourceTaken() {
-    const uint64_t until = platform::monotonicNs() + kComeUpPatienceNs;
+  bool waitForSourceTaken() {
+    const uint64_t until = platform::monotonicNs() + kTakePatienceNs;
     while (loadShared(common_->sourceFree) == 0 && platform::monotonicNs() < until) platform::sleepMs(1);
+    return loadShared(common_->sourceFree) != 0;
   }
 
   const RecordOptions& o_;

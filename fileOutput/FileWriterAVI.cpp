@@ -27,6 +27,7 @@ FileWriterAVI::FileWriterAVI(bool sideTracks, float prerecordLimit, std::filesys
 FileWriterAVI::~FileWriterAVI() = default;
 
 int FileWriterAVI::open() {
+  gridOrigin_ = 0;
   avi_ = std::make_unique<AVIOutputFile>(segmentLimit_);
   if (avi_->initOutputStreams() == 0) {
     avi_.reset();
@@ -120,13 +121,16 @@ void FileWriterAVI::writeVideo(std::span<const std::byte> data, uint32_t positio
   // shown a little early, and the length stays right.
   video.write(key != 0 ? kAviKeyFrame : 0, data, 1, 0);
   ++frameCounters_[0];
-  int64_t missing = int64_t{position} - frameCounters_[2] - 1;
+  const int64_t grid = frameCounters_[2];
+  int64_t missing = static_cast<int64_t>(position - gridOrigin_) - grid - 1;
   const int64_t longest = static_cast<int64_t>(kLongestGapSeconds * frameRate_ / 1000);
-  if (missing > longest) {
+  if (missing > longest || missing < -longest) {
     if (jumps_++ == 0) {
       logLine(u"[Warning] *** AVI *** Frame number %u jumps %I64d frames ahead; the frame grid starts again there\n",
-              position, missing);
+              position, missing + 1);
     }
+    // This frame takes the place it was written to; later numbers count from it.
+    gridOrigin_ = position - static_cast<uint32_t>(grid);
     missing = 0;
   }
   for (; missing > 0; --missing) {

@@ -33,7 +33,8 @@ class FileWriterAVI : public IFileWriter {
   std::unique_ptr<AVIOutputFile> avi_;
   std::filesystem::path filePath_;
   int64_t segmentLimit_;
-  uint32_t jumps_ = 0;  // frame numbers that jumped too far ahead
+  uint32_t jumps_ = 0;       // frame numbers that jumped too far
+  uint32_t gridOrigin_ = 0;  // the frame number of grid place 0 after the last jump
 };
 
 }  // namespace kestrium

@@ -30,6 +30,8 @@ class ChildProcess {
              const Environment& extraEnv = {}, const std::filesystem::path& outputFile = {});
 
   bool running() const { return handle_ != kNone; }
+  // The OS's process id, or 0 without a child.
+  uint32_t id() const;
 
   // The exit status once the child has ended (it is then collected), or nothing if
   // it still runs after timeoutMs.

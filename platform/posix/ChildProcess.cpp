@@ -109,6 +109,8 @@ std::optional<int> ChildProcess::wait(uint32_t timeoutMs) {
 
 bool ChildProcess::kill() { return running() && ::kill(pidOf(handle_), SIGKILL) == 0; }
 
+uint32_t ChildProcess::id() const { return running() ? static_cast<uint32_t>(pidOf(handle_)) : 0; }
+
 bool ChildProcess::requestStop() { return running() && ::kill(pidOf(handle_), SIGTERM) == 0; }
 
 }  // namespace kestrium::platform

@@ -166,6 +166,8 @@ std::optional<int> ChildProcess::wait(uint32_t timeoutMs) {
   return static_cast<int>(code);
 }
 
+uint32_t ChildProcess::id() const { return running() ? GetProcessId(toHandle(handle_)) : 0; }
+
 bool ChildProcess::kill() {
   if (!running()) return false;
   HANDLE h = toHandle(handle_);

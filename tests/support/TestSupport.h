@@ -106,4 +106,33 @@ inline int runTool(const std::filesystem::path& tool, const std::vector<std::str
   return status;
 }
 
+// A small file system of its own at folder, for tests of a full disk: a tmpfs
+// mounted for the test's life where that is allowed (root on Linux).
+class SmallVolume {
+ public:
+  SmallVolume(const std::filesystem::path& folder, uint64_t bytes) : folder_(folder) {
+    std::string out;
+    const int status =
+        runTool("/bin/mount", {"-t", "tmpfs", "-o", "size=" + std::to_string(bytes), "kestrium-test", folder.string()},
+                out);
+    mounted_ = status == 0;
+    if (!mounted_) why_ = "a small tmpfs cannot be mounted here (it needs root on Linux): " + out;
+  }
+  ~SmallVolume() {
+    if (!mounted_) return;
+    std::string out;
+    // Lazily: a file a test still holds open must not keep the volume mounted.
+    runTool("/bin/umount", {"-l", folder_.string()}, out);
+  }
+  SmallVolume(const SmallVolume&) = delete;
+  SmallVolume& operator=(const SmallVolume&) = delete;
+  bool mounted() const { return mounted_; }
+  const std::string& why() const { return why_; }
+
+ private:
+  std::filesystem::path folder_;
+  bool mounted_ = false;
+  std::string why_;
+};
+
 }  // namespace kestrium::test

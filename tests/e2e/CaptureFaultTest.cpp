@@ -1,0 +1,335 @@
+// Captures that go wrong, one at a time or several at once, against the real
+// server and client: each ends alone (or is refused) with its reason in the log,
+// the files that were made are whole, and the server and its other captures go on.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <functional>
+#include <set>
+
+#include "fileOutput/FileWriterAVI.h"
+#include "platform/SharedMapping.h"
+#include "server/Dispatcher.h"
+#include "tests/e2e/E2ESupport.h"
+#include "tests/e2e/ServerHarness.h"
+#include "tests/fileOutput/AviParser.h"
+
+namespace kestrium::test {
+namespace {
+
+constexpr uint32_t kWidth = 320, kHeight = 180;
+constexpr size_t kFrameBytes = size_t{kWidth} * kHeight * 3;
+
+std::string sizeText() { return std::to_string(kWidth) + "x" + std::to_string(kHeight); }
+
+// The encoded-frame count the server logs for a capture at its stop.
+int64_t framesEncoded(const std::string& log, const std::string& name) {
+  const std::string tail = " for " + name + "\r\n";
+  for (size_t end = log.find(tail); end != std::string::npos; end = log.find(tail, end + 1)) {
+    const size_t start = log.rfind("Frames encoded ", end);
+    if (start != std::string::npos && log.find('\n', start) > end) {
+      const std::string count = log.substr(start + 15, log.find(',', start) - start - 15);
+      return wholeNumber(count);
+    }
+  }
+  return -1;
+}
+
+// Non-empty video chunks of an AVI, whatever their stream's code.
+std::vector<std::string> videoChunks(const std::filesystem::path& avi) {
+  const AviFile file(avi);
+  std::vector<std::string> chunks;
+  for (const auto& riff : file.top) {
+    const AviChunk* movi = riff.find("LIST", "movi");
+    if (movi == nullptr) continue;
+    for (const auto& c : movi->children) {
+      if (c.code.rfind("00d", 0) == 0 && c.size != 0) chunks.push_back(file.text(c.position + 8, c.size));
+    }
+  }
+  return chunks;
+}
+
+class CaptureFaultTest : public ::testing::Test {
+ protected:
+  void SetUp() override { server_ = harness.startServer(); }
+  void TearDown() override {
+    platform::ChildProcess request;
+    if (request.start(harness.binary(KESTRIUM_SERVER), {"/shutdown"})) request.wait(kPatience);
+    EXPECT_TRUE(server_.wait(kPatience).has_value()) << "the server ends on /shutdown";
+  }
+
+  std::filesystem::path dir() const { return harness.folder() / "recordings"; }
+
+  // rgb24 frames, each stamped with its number so that no two are alike.
+  std::filesystem::path stampedFrames(uint32_t n) {
+    const auto path = harness.folder() / "frames.rgb";
+    std::ofstream out(path, std::ios::binary);
+    std::vector<char> frame(kFrameBytes);
+    for (uint32_t f = 0; f < n; ++f) {
+      for (size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<char>((i * 7 + f) & 0xFF);
+      std::memcpy(frame.data(), &f, sizeof f);
+      out.write(frame.data(), static_cast<std::streamsize>(frame.size()));
+    }
+    return path;
+  }
+
+  std::vector<std::string> recordArgs(const std::string& name, const std::vector<std::string>& extra) const {
+    std::vector<std::string> args = {"record", "--name", name, "--dir", dir().string(), "--encoder", "no_compression",
+                                     "--size", sizeText(), "--threads", "2"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return args;
+  }
+
+  // Runs a client to its end in the background of the test, with its output kept.
+  struct Background {
+    platform::ChildProcess process;
+    std::filesystem::path output;
+    int finish() { return process.wait(kClientPatience).value_or(-1); }
+    std::string text() const {
+      const std::vector<char> bytes = readBytes(output);
+      return {bytes.begin(), bytes.end()};
+    }
+  };
+  Background startRecording(const std::string& name, const std::vector<std::string>& extra) {
+    Background b;
+    b.output = harness.folder() / (name + "-output.txt");
+    b.process = harness.startClient(recordArgs(name, extra), b.output);
+    return b;
+  }
+
+  std::optional<uint64_t> serverThreads() const { return processStatus(server_.id(), "Threads"); }
+  std::optional<uint64_t> serverResidentKb() const { return processStatus(server_.id(), "VmRSS"); }
+
+  // Waits until the server's threads are back to what they were.
+  void expectThreadsBackTo(std::optional<uint64_t> before) const {
+    if (!before) return;
+    const uint64_t until = platform::monotonicNs() + uint64_t{kPatience} * 1000000;
+    while (serverThreads() != before && platform::monotonicNs() < until) platform::sleepMs(20);
+    EXPECT_EQ(serverThreads(), before) << "threads left running";
+  }
+
+  ServerHarness harness;
+  platform::ChildProcess server_;
+};
+
+// Pressing record again and again while recording: each press finishes the file
+// being written, whole, and the recording goes on in a new one. Every frame the
+// server encoded is in exactly one file.
+TEST_F(CaptureFaultTest, BeginsWhileWritingLeaveEveryFileWholeAndEveryFrameOnce) {
+  const auto raw = stampedFrames(200);
+  Background rec = startRecording("begins", {"--seconds", "6", "--fps", "30", "--source", "raw:" + raw.string()});
+  ASSERT_TRUE(harness.waitForLog("AVI file"));
+  platform::sleepMs(500);  // frames are coming
+  int begun = 0;
+  for (int i = 0; i < 40; ++i) {
+    begun += harness.client({"begin", "begins"}) == 0 ? 1 : 0;
+    platform::sleepMs(100);
+  }
+  EXPECT_EQ(begun, 40);
+  ASSERT_EQ(rec.finish(), 0) << rec.text();
+
+  const std::string log = harness.log();
+  EXPECT_EQ(countOf(log, "** PRE-RECORDING IS OFF ** for begins"), 40u) << log;
+  const auto files = filesIn(rec.text());
+  EXPECT_EQ(files.size(), 41u) << rec.text();
+  std::multiset<std::string> seen;
+  for (const auto& file : files) {
+    std::vector<std::string> chunks = videoChunks(file);
+    if (haveTools()) {
+      // A file that got no frame between two presses is still a file ffprobe reads.
+      const Probe p = probeVideo(file);
+      EXPECT_EQ(p.frames, std::max<int64_t>(static_cast<int64_t>(chunks.size()), 1)) << file << " " << p.text;
+      if (!chunks.empty()) {
+        EXPECT_EQ(p.packets, static_cast<int64_t>(chunks.size())) << file << " is read whole";
+      }
+    }
+    for (auto& chunk : chunks) seen.insert(std::move(chunk));
+  }
+  EXPECT_EQ(static_cast<int64_t>(seen.size()), framesEncoded(log, "begins")) << "every encoded frame is in a file";
+  EXPECT_EQ(std::set<std::string>(seen.begin(), seen.end()).size(), seen.size()) << "no frame is in two files";
+}
+
+// A client that never frees the encoded slot costs its own frames in flight,
+// not the server: its stop is answered, the capture beside it records every
+// frame, and the server still shuts down.
+TEST_F(CaptureFaultTest, StuckEncodedSlotEndsThatCaptureAlone) {
+  // Encoders whose workers wait for the slot: frames are in flight when it stops.
+  Background normal = startRecording("normal", {"--frames", "150", "--fps", "30", "--encoder", "fast"});
+  Background stuck = startRecording(
+      "stuck", {"--frames", "30", "--fps", "30", "--encoder", "fast", "--stuck-encoded", "--dir", (harness.folder() / "stuck").string()});
+  EXPECT_EQ(stuck.finish(), 0) << "the stop is answered: " << stuck.text();
+  ASSERT_EQ(normal.finish(), 0) << normal.text();
+
+  const std::string log = harness.log();
+  EXPECT_NE(log.find("Encoder of stuck: the encoded slot was not freed"), std::string::npos) << log;
+  const auto files = filesIn(normal.text());
+  ASSERT_EQ(files.size(), 1u) << normal.text();
+  EXPECT_EQ(static_cast<int64_t>(videoChunks(files[0]).size()), wholeNumber(field(normal.text(), "frames_fed")));
+  EXPECT_EQ(framesEncoded(log, "normal"), wholeNumber(field(normal.text(), "frames_fed")));
+}
+
+// Two captures that start together with one base name into one folder each
+// get a file of their own.
+TEST_F(CaptureFaultTest, SameBaseNameInOneFolderGivesTwoFiles) {
+  Background a = startRecording("first", {"--frames", "45", "--base", "same.exe"});
+  Background b = startRecording("second", {"--frames", "45", "--base", "same.exe"});
+  ASSERT_EQ(a.finish(), 0) << a.text();
+  ASSERT_EQ(b.finish(), 0) << b.text();
+  std::set<std::filesystem::path> files;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir())) files.insert(entry.path());
+  ASSERT_EQ(files.size(), 2u);
+  const std::string log = harness.log();
+  for (const auto& file : files) {
+    EXPECT_EQ(videoChunks(file).size(), 45u) << file;
+    EXPECT_NE(log.find(file.filename().string()), std::string::npos) << "the log names " << file;
+    if (haveTools()) {
+      EXPECT_EQ(probeVideo(file).packets, 45) << file;
+    }
+  }
+}
+
+// A base name that holds folders cannot place the recording elsewhere.
+TEST_F(CaptureFaultTest, BaseNameCannotLeaveTheDestination) {
+  ASSERT_EQ(harness.client(recordArgs("escape", {"--frames", "5", "--base", "../../escape.exe"})), 0)
+      << harness.clientOutput;
+  const auto files = filesIn(harness.clientOutput);
+  ASSERT_EQ(files.size(), 1u) << harness.clientOutput;
+  EXPECT_EQ(files[0].parent_path(), std::filesystem::absolute(dir()));
+  EXPECT_EQ(files[0].filename().string().rfind("escape_", 0), 0u) << files[0];
+}
+
+// A frame number far ahead of the last is a new start of the frame grid, never
+// hours of empty frames: the file holds the frames given and the stop comes at once.
+class FrameJumpTest : public CaptureFaultTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(FrameJumpTest, FarJumpRestartsTheGrid) {
+  const bool prerecord = GetParam();
+  const auto residentBefore = serverResidentKb();
+  RawCapture capture(u"jump", 64, 48);
+  ASSERT_TRUE(capture.open());
+  setWireString(capture.params().destinationFolder, dir().u16string());
+  capture.params().writeAtOnce = prerecord ? 0 : 1;
+  capture.params().prerecordLimit = 30.0f;
+  ASSERT_EQ(capture.start(), SendResult::Replied);
+  for (uint32_t position : {0u, 4000000000u, 4000000001u, 4000000004u}) {
+    ASSERT_TRUE(capture.give(position, static_cast<uint8_t>(position)));
+  }
+  ASSERT_TRUE(capture.waitFree(5000));
+  platform::sleepMs(200);  // the last frame through the encoder
+  if (prerecord) {
+    EXPECT_EQ(capture.begin(), SendResult::Replied);
+  }
+  EXPECT_EQ(capture.stop(), SendResult::Replied);
+
+  const std::string log = harness.log();
+  EXPECT_NE(log.find("Frame number 4000000000 jumps 3999999999 frames ahead; the frame grid starts again there"),
+            std::string::npos)
+      << log;
+  std::vector<std::filesystem::path> files;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir())) files.push_back(entry.path());
+  ASSERT_EQ(files.size(), 1u);
+  // 0, then 4000000000 on the next place and the grid from there: 4000000004
+  // comes after one empty frame.
+  EXPECT_EQ(videoChunks(files[0]).size(), 4u);
+  if (haveTools()) {
+    // ffmpeg reads an empty chunk as a dropped frame: counted, not a packet.
+    const Probe p = probeVideo(files[0]);
+    EXPECT_EQ(p.frames, 5) << p.text;
+    EXPECT_EQ(p.packets, 4) << p.text;
+  }
+  if (residentBefore) {
+    EXPECT_LT(*serverResidentKb(), *residentBefore + 64 * 1024) << "no gap was filled in memory";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Writing, FrameJumpTest, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "InPrerecording" : "WhileWriting"; });
+
+// Starts whose clients are gone before their recorders run stop themselves,
+// even when the channel is crowded: a sender that asks for no reply may
+// overwrite a recorder's stop before the server read it, and the recorder must
+// ask again. At most a bounded number of captures run at once, and the threads
+// they took are all given back.
+TEST_F(CaptureFaultTest, BurstOfDeadClientsEndsEveryCapture) {
+  const auto threadsBefore = serverThreads();
+  constexpr int kStarts = 200;
+  std::vector<std::unique_ptr<RawCapture>> captures;
+  for (int i = 0; i < kStarts; ++i) {
+    auto capture = std::make_unique<RawCapture>(u"dead" + platform::toUtf16(std::to_string(i)), 64, 48);
+    ASSERT_TRUE(capture->open(false));
+    setWireString(capture->params().destinationFolder, dir().u16string());
+    capture->params().threads = 2;
+    capture->params().writeAtOnce = i % 2;  // kept and thrown away alike
+    EXPECT_NE(capture->start(0), SendResult::NoServer);
+    captures.push_back(std::move(capture));
+    platform::sleepMs(1);
+  }
+  // Every start the server took ends in a stop; the others were refused.
+  const auto settled = [](const std::string& log, size_t& running) {
+    const size_t started = countOf(log, "Starting capture, recorder name dead") -
+                           (countOf(log, "Error starting capture") - countOf(log, "no more are started"));
+    const size_t stopped = countOf(log, "Stopping capture, recorder name    dead");
+    running = started - stopped;
+    return started > 0 && stopped == started;
+  };
+  const uint64_t until = platform::monotonicNs() + uint64_t{kPatience} * 1000000;
+  std::string log;
+  size_t running = 0;
+  while (!settled(log = harness.log(), running) && platform::monotonicNs() < until) platform::sleepMs(50);
+  EXPECT_EQ(running, 0u) << "captures left running:\n" << log;
+  expectThreadsBackTo(threadsBefore);
+  EXPECT_EQ(harness.client({"stop", "nobody"}), 0) << "the server still answers";
+}
+
+TEST_F(CaptureFaultTest, SeventeenthLiveCaptureIsRefused) {
+  std::vector<std::unique_ptr<RawCapture>> captures;
+  for (size_t i = 0; i <= Dispatcher::kMostCaptures; ++i) {
+    auto capture = std::make_unique<RawCapture>(u"live" + platform::toUtf16(std::to_string(i)), 32, 32);
+    ASSERT_TRUE(capture->open());
+    setWireString(capture->params().destinationFolder, dir().u16string());
+    capture->params().writeAtOnce = 0;  // pre-recording: no files
+    ASSERT_EQ(capture->start(), SendResult::Replied);
+    captures.push_back(std::move(capture));
+  }
+  EXPECT_NE(harness.log().find("[Error]   *** CAP *** 16 captures run already; no more are started\r\n"),
+            std::string::npos);
+  for (auto& capture : captures) EXPECT_EQ(capture->stop(true), SendResult::Replied);
+  EXPECT_EQ(countOf(harness.log(), "Stopping capture, recorder name    live"), Dispatcher::kMostCaptures);
+}
+
+// A full disk ends the capture that writes to it, with its file readable up to
+// the failure; a capture on another file system goes on to its end.
+TEST_F(CaptureFaultTest, FullDiskEndsOneCaptureAndTheOtherRecordsWhole) {
+  const auto small = harness.folder() / "small";
+  std::filesystem::create_directories(small);
+  SmallVolume volume(small, 4 << 20);
+  if (!volume.mounted()) GTEST_SKIP() << volume.why();
+
+  Background whole = startRecording("whole", {"--frames", "120", "--fps", "30"});
+  Background full = startRecording("full", {"--frames", "120", "--fps", "30", "--dir", (small / "rec").string()});
+  EXPECT_EQ(full.finish(), 5) << "the client sees its capture end: " << full.text();
+  ASSERT_EQ(whole.finish(), 0) << whole.text();
+
+  const std::string log = harness.log();
+  EXPECT_NE(log.find("*** AVI *** Writing the file failed (error "), std::string::npos) << log;
+  EXPECT_NE(log.find("The file of full cannot be written any more; the capture ends"), std::string::npos) << log;
+  const auto fullFiles = filesIn(full.text());
+  ASSERT_EQ(fullFiles.size(), 1u) << full.text();
+  const size_t kept = videoChunks(fullFiles[0]).size();
+  EXPECT_GT(kept, 5u);
+  EXPECT_LT(kept, 120u);
+  if (haveTools()) {
+    EXPECT_EQ(probeVideo(fullFiles[0]).packets, static_cast<int64_t>(kept));
+  }
+
+  const auto wholeFiles = filesIn(whole.text());
+  ASSERT_EQ(wholeFiles.size(), 1u);
+  EXPECT_EQ(videoChunks(wholeFiles[0]).size(), 120u);
+  if (haveTools()) {
+    EXPECT_EQ(probeVideo(wholeFiles[0]).packets, 120);
+  }
+}
+
+}  // namespace
+}  // namespace kestrium::test

@@ -1,0 +1,156 @@
+#pragma once
+
+// What the end-to-end suites share: reading the client's output, probing files
+// with ffprobe, the server's own figures, and a capture client written by hand,
+// which can do what any program of the user could do to a capture's objects.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "recorder/CaptureObjects.h"
+#include "server/CommandBlock.h"
+#include "server/CommandChannel.h"
+#include "tests/support/TestSupport.h"
+
+namespace kestrium::test {
+
+inline bool haveTools() { return !std::string(KESTRIUM_FFPROBE).empty(); }
+
+// Every file the client says it made, from the end of its output.
+inline std::vector<std::filesystem::path> filesIn(const std::string& clientOutput) {
+  std::vector<std::filesystem::path> files;
+  std::istringstream lines(clientOutput);
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();  // text mode on Windows
+    if (!line.empty() && line.find('=') == std::string::npos && line.rfind("kestrium-client:", 0) != 0) {
+      files.emplace_back(line);
+    }
+  }
+  return files;
+}
+
+inline std::string field(const std::string& text, const std::string& name) {
+  const size_t at = text.find(name + "=");
+  if (at == std::string::npos) return {};
+  const size_t start = at + name.size() + 1;
+  return text.substr(start, text.find_first_of(" \n", start) - start);
+}
+
+// A decimal number in a tool's output, or -1 where there is none.
+inline int64_t wholeNumber(const std::string& text) {
+  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return -1;
+  return std::stoll(text);
+}
+
+// ffprobe's count of the video stream's packets and frames, read whole; -1 when
+// it cannot read the file.
+struct Probe {
+  int64_t frames = -1;
+  int64_t packets = -1;
+  std::string text;
+};
+inline Probe probeVideo(const std::filesystem::path& file) {
+  Probe p;
+  if (runTool(KESTRIUM_FFPROBE,
+              {"-v", "error", "-count_packets", "-select_streams", "v:0", "-show_entries",
+               "stream=nb_frames,nb_read_packets", "-of", "default=nw=1", file.string()},
+              p.text) != 0) {
+    return p;
+  }
+  p.frames = wholeNumber(field(p.text, "nb_frames"));
+  p.packets = wholeNumber(field(p.text, "nb_read_packets"));
+  return p;
+}
+
+// Threads and resident memory of a process, where the OS tells (Linux).
+inline std::optional<uint64_t> processStatus(uint32_t pid, const std::string& key) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind(key + ":", 0) == 0) return std::stoull(line.substr(key.size() + 1));
+  }
+  return std::nullopt;
+}
+
+// The client side of one capture, made by hand.
+class RawCapture {
+ public:
+  RawCapture(std::u16string name, uint32_t width, uint32_t height)
+      : objects_(name), width_(width), height_(height), block_(std::make_unique<CommandBlock>()) {
+    *block_ = {};
+    block_->command = kCommandStart;
+    block_->replyWanted = 1;
+    StartParameters& p = block_->start;
+    setWireString(p.recorderName, name);
+    setWireString(p.baseName, u"game.exe");
+    setWireString(p.encoder, u"no_compression");
+    p.width = width;
+    p.height = height;
+    p.frameRate = 30000;
+    p.threads = 1;
+    p.writeAtOnce = 1;
+  }
+
+  StartParameters& params() { return block_->start; }
+
+  // Makes the objects as a client does; without holdClientAlive the capture
+  // looks like one whose client died before the start.
+  bool open(bool holdClientAlive = true) {
+    if (holdClientAlive && (!objects_.openClientAlive(true) || !platform::owns(objects_.clientAlive.wait(0)))) {
+      return false;
+    }
+    if (!objects_.openCommonData() || !objects_.openNewSource() || !objects_.openNewEncoded() ||
+        !objects_.openSourceBuffer(uint64_t{width_} * height_ * 3)) {
+      return false;
+    }
+    CommonData* c = objects_.common();
+    *c = {};
+    c->recordedSeconds = c->bufferedSeconds = -1.0f;
+    storeShared(c->encodedFree, 1u);
+    storeShared(c->sourceFree, 1u);
+    return true;
+  }
+
+  SendResult start(uint32_t replyMs = 10000) { return sendCommand(*block_, replyMs); }
+  SendResult stop(bool deleteFiles = false) {
+    return sendCommand(namedCommand(kCommandStop, objects_.session(), deleteFiles ? 1 : 0), 10000);
+  }
+  SendResult begin() { return sendCommand(namedCommand(kCommandEndPrerecording, objects_.session(), 0), 10000); }
+
+  // One frame at that position, once the slot is free; false if the slot stays
+  // busy for ms.
+  bool give(uint32_t position, uint8_t fill, uint32_t ms = 5000) {
+    CommonData* c = objects_.common();
+    if (!waitFree(ms)) return false;
+    std::memset(objects_.sourceBuffer.view(), fill, size_t{width_} * height_ * 3);
+    c->sourceSize = width_ * height_ * 3;
+    c->sourceTimed = 0;
+    c->sourcePosition = position;
+    storeShared(c->sourceFree, 0u);
+    objects_.newSource.set();
+    return true;
+  }
+
+  bool waitFree(uint32_t ms) {
+    const uint64_t until = platform::monotonicNs() + uint64_t{ms} * 1000000;
+    while (loadShared(objects_.common()->sourceFree) == 0) {
+      if (platform::monotonicNs() > until) return false;
+      platform::sleepMs(1);
+    }
+    return true;
+  }
+
+  CaptureObjects& objects() { return objects_; }
+
+ private:
+  CaptureObjects objects_;
+  uint32_t width_, height_;
+  std::unique_ptr<CommandBlock> block_;
+};
+
+}  // namespace kestrium::test
