@@ -10,6 +10,9 @@
 #include "client/FrameSource.h"
 #include "codecs/ColorConvert.h"
 #include "server/CommandChannel.h"
+#include "platform/SharedMapping.h"
+#include "platform/Text.h"
+#include "tests/e2e/E2ESupport.h"
 #include "tests/e2e/ServerHarness.h"
 #include "tests/fileOutput/AviParser.h"
 
@@ -18,26 +21,6 @@ namespace {
 
 constexpr uint32_t kWidth = 640, kHeight = 360;
 constexpr size_t kFrameBytes = size_t{kWidth} * kHeight * 3;
-
-bool haveTools() { return !std::string(KESTRIUM_FFPROBE).empty(); }
-
-// Every file the client says it made, from the end of its output.
-std::vector<std::filesystem::path> filesIn(const std::string& clientOutput) {
-  std::vector<std::filesystem::path> files;
-  std::istringstream lines(clientOutput);
-  for (std::string line; std::getline(lines, line);) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();  // text mode on Windows
-    if (!line.empty() && line.find('=') == std::string::npos) files.emplace_back(line);
-  }
-  return files;
-}
-
-std::string field(const std::string& text, const std::string& name) {
-  const size_t at = text.find(name + "=");
-  if (at == std::string::npos) return {};
-  const size_t start = at + name.size() + 1;
-  return text.substr(start, text.find_first_of(" \n", start) - start);
-}
 
 class RecordingEndToEndTest : public ::testing::Test {
  protected:
@@ -380,6 +363,10 @@ TEST_F(RecordingEndToEndTest, FiguresComeUpAndGrow) {
   EXPECT_EQ(field(last, "buffered_seconds"), "0.00");
 }
 
+// A program of the user that made one of a capture's names first, as
+// something else; it holds the object until the start was answered.
+std::unique_ptr<platform::SharedMapping> squatter;
+
 struct BadStart {
   const char* what;
   void (*spoil)(StartParameters&, const std::filesystem::path& folder);
@@ -391,6 +378,7 @@ class BadStartTest : public RecordingEndToEndTest, public ::testing::WithParamIn
 // A start the server cannot honour is refused with its reason in the log,
 // leaves no recorder and no file, and the next good capture records.
 TEST_P(BadStartTest, BadStartIsRefusedAndTheServerGoesOn) {
+  const auto threadsBefore = processStatus(server_.id(), "Threads");
   auto block = std::make_unique<CommandBlock>();
   *block = {};
   block->command = kCommandStart;
@@ -407,6 +395,7 @@ TEST_P(BadStartTest, BadStartIsRefusedAndTheServerGoesOn) {
   p.writeAtOnce = 1;
   GetParam().spoil(p, harness.folder());
   ASSERT_EQ(sendCommand(*block, kPatience), SendResult::Replied);
+  squatter.reset();
 
   const std::string log = harness.log();
   EXPECT_NE(log.find(GetParam().line), std::string::npos) << GetParam().what << "\n" << log;
@@ -421,6 +410,17 @@ TEST_P(BadStartTest, BadStartIsRefusedAndTheServerGoesOn) {
 
   ASSERT_EQ(record({"--seconds", "1", "--size", "160x90"}), 0) << harness.clientOutput;
   EXPECT_EQ(filesIn(harness.clientOutput).size(), 1u);
+  if (threadsBefore) {
+    const uint64_t until = platform::monotonicNs() + uint64_t{kPatience} * 1000000;
+    while (processStatus(server_.id(), "Threads") != threadsBefore && platform::monotonicNs() < until) {
+      platform::sleepMs(20);
+    }
+    EXPECT_EQ(processStatus(server_.id(), "Threads"), threadsBefore) << "no thread is left behind";
+  }
+  // Written by the server, read by other programs: no text from a client may
+  // leave it unreadable as UTF-16.
+  const std::u16string text = readUtf16(harness.logPath());
+  EXPECT_EQ(platform::validUtf16(text), text);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -445,6 +445,36 @@ INSTANTIATE_TEST_SUITE_P(
                    setWireString(p.destinationFolder, (folder / "plain-file" / "rec").u16string());
                  },
                  "Cannot create file "},
+        BadStart{"unpaired surrogate in the folder",
+                 [](StartParameters& p, const std::filesystem::path& folder) {
+                   setWireString(p.destinationFolder, (folder / "rec").u16string() + u"\xD800x");
+                 },
+                 "[Error]   *** CAP *** The destination folder \""},
+        BadStart{"unpaired surrogate in the base name",
+                 [](StartParameters& p, const auto&) { setWireString(p.baseName, u"game\xDC00.exe"); },
+                 "[Error]   *** CAP *** The base name \"game\xEF\xBF\xBD.exe\" cannot name a file\r\n"},
+        BadStart{"surrogate in pre-recording",
+                 [](StartParameters& p, const auto&) {
+                   p.writeAtOnce = 0;
+                   p.prerecordLimit = 5.0f;
+                   setWireString(p.baseName, u"\xD83D.exe");
+                 },
+                 "cannot name a file\r\n"},
+        BadStart{"frame rate above 1000 fps", [](StartParameters& p, const auto&) { p.frameRate = 1000001; },
+                 "[Error]   *** CAP *** Frame rate 1000.001 fps is above 1000 fps\r\n"},
+        BadStart{"more memory than the machine has",
+                 [](StartParameters& p, const auto&) {
+                   p.width = p.height = 16384;
+                   p.threads = 64;
+                 },
+                 "[Error]   *** CAP *** The capture needs about 165888 MB of memory and "},
+        BadStart{"an object of the wrong kind",
+                 [](StartParameters& p, const auto&) {
+                   squatter = std::make_unique<platform::SharedMapping>(u"bad_new_source", 64);
+                   squatter->open();
+                   static_cast<void>(p);
+                 },
+                 "[Error]   *** CAP *** The shared objects of capture bad are missing or not what they should be\r\n"},
         BadStart{"encoder that cannot open",
                  [](StartParameters& p, const auto&) { setWireString(p.encoder, u"h264.nvenc"); },
                  "[Error]   Cannot create video encoder h264.nvenc\r\n"}),
