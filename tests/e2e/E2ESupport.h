@@ -77,6 +77,19 @@ inline std::optional<uint64_t> processStatus(uint32_t pid, const std::string& ke
   return std::nullopt;
 }
 
+// A process's thread count once it has stopped changing (a server that has just
+// opened its command channel is still starting its last threads).
+inline std::optional<uint64_t> settledThreads(uint32_t pid) {
+  std::optional<uint64_t> last = processStatus(pid, "Threads");
+  for (int round = 0; round < 50; ++round) {
+    platform::sleepMs(50);
+    const std::optional<uint64_t> now = processStatus(pid, "Threads");
+    if (now == last) return now;
+    last = now;
+  }
+  return last;
+}
+
 // The client side of one capture, made by hand.
 class RawCapture {
  public:

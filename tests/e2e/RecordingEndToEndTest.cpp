@@ -378,7 +378,7 @@ class BadStartTest : public RecordingEndToEndTest, public ::testing::WithParamIn
 // A start the server cannot honour is refused with its reason in the log,
 // leaves no recorder and no file, and the next good capture records.
 TEST_P(BadStartTest, BadStartIsRefusedAndTheServerGoesOn) {
-  const auto threadsBefore = processStatus(server_.id(), "Threads");
+  const auto threadsBefore = settledThreads(server_.id());
   auto block = std::make_unique<CommandBlock>();
   *block = {};
   block->command = kCommandStart;
