@@ -1,5 +1,6 @@
 #include "platform/posix/KernelObject.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -73,6 +74,9 @@ bool ownedPrivately(int fd) {
   return fstat(fd, &st) == 0 && st.st_uid == geteuid() && (st.st_mode & 077) == 0;
 }
 
+// Where shm_open keeps its objects, as files named after them.
+constexpr const char* kShmDirectory = "/dev/shm";
+
 class NamespaceLock {
  public:
   explicit NamespaceLock(const std::string& lockName) {
@@ -96,6 +100,35 @@ class NamespaceLock {
  private:
   int fd_ = -1;
 };
+
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  ~UniqueFd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+struct DirectoryCloser {
+  void operator()(DIR* dir) const { closedir(dir); }
+};
+using Directory = std::unique_ptr<DIR, DirectoryCloser>;
+
+// The objects of a namespace are the files whose names extend the name of its
+// lock file. No other namespace's names do: the namespace is escaped so that it
+// never holds a dot, and the dot that ends it is part of the lock file's name.
+bool isObjectOf(std::string_view fileName, std::string_view lockFile) {
+  return fileName.size() > lockFile.size() && fileName.starts_with(lockFile);
+}
+
+std::string_view fileNameOf(const std::string& shmName) { return std::string_view(shmName).substr(1); }
 
 // Segments this process holds, by shm name. Guarded by registryMutex, which is
 // always taken before the namespace lock. Never destroyed: handles in static
@@ -269,4 +302,38 @@ void releaseSegment(std::shared_ptr<Segment>& segment) {
   ::close(seg->fd);
 }
 
+// An object whose file can be locked exclusively has no live holder: every holder
+// keeps a shared lock on its own open file, this process's handles included, and
+// makes or attaches only under the namespace lock, which is held here.
+ReclaimedObjects reclaimAbandoned() {
+  const std::string lockName = namespaceLockName();
+  std::lock_guard guard(registryMutex);
+  NamespaceLock nsLock(lockName);
+  if (!nsLock.held()) return {};
+  const Directory dir(opendir(kShmDirectory));
+  if (!dir) return {};
+  const uid_t uid = geteuid();
+  ReclaimedObjects reclaimed;
+  while (const dirent* entry = readdir(dir.get())) {
+    if (!isObjectOf(entry->d_name, fileNameOf(lockName))) continue;
+    // O_NOFOLLOW: a link planted under one of our names is never followed to what
+    // it points at. O_NONBLOCK: a FIFO planted there cannot hang the open.
+    const UniqueFd fd(openat(dirfd(dir.get()), entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != uid) continue;
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) continue;
+    if (unlinkat(dirfd(dir.get()), entry->d_name, 0) != 0) continue;
+    ++reclaimed.count;
+    // The pages the file held: what its removal gives back to memory.
+    reclaimed.bytes += static_cast<uint64_t>(st.st_blocks) * 512;
+  }
+  return reclaimed;
+}
+
 }  // namespace kestrium::platform::posix
+
+namespace kestrium::platform {
+
+ReclaimedObjects reclaimAbandonedObjects() { return posix::reclaimAbandoned(); }
+
+}  // namespace kestrium::platform

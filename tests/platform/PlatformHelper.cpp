@@ -102,6 +102,17 @@ int fillHold() {
   sleepUntilKilled();
 }
 
+// Makes a mapping of 1 MiB and an event, says so on ".ready", then ends without
+// closing them: by exit (how 1) or killed while it waits (how 0).
+int leave(int how) {
+  SharedMapping map(name(".left.map"), 1 << 20);
+  Event e;
+  if (!map.open() || !e.create(name(".left.e"))) return 60;
+  if (!openEvent(".ready").set()) return 61;
+  if (how == 1) std::exit(0);  // the handles above are never closed
+  sleepUntilKilled();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -119,6 +130,7 @@ int main(int argc, char** argv) {
   if (scenario == "holdmutex") return holdMutex();
   if (scenario == "exists") return exists();
   if (scenario == "fillhold") return fillHold();
+  if (scenario == "leave") return leave(arg);
   std::fprintf(stderr, "platform_helper: unknown scenario %s\n", scenario.c_str());
   return 2;
 }

@@ -1,5 +1,6 @@
 // What only the POSIX emulation of named objects has to get right: file modes and
-// owners in /dev/shm, names that fit a file system, and fork.
+// owners in /dev/shm, names that fit a file system, fork, and what is left in
+// /dev/shm when processes end.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -14,7 +15,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
+#include <string>
+#include <vector>
 
+#include "platform/ChildProcess.h"
 #include "platform/Event.h"
 #include "platform/NamedMutex.h"
 #include "platform/SharedMapping.h"
@@ -33,6 +37,35 @@ std::optional<struct stat> statOf(const std::string& shmName) {
   struct stat st {};
   if (stat(shmFile(shmName).c_str(), &st) != 0) return std::nullopt;
   return st;
+}
+
+bool exists(const std::string& shmName) {
+  struct stat st {};
+  return lstat(shmFile(shmName).c_str(), &st) == 0;
+}
+
+// A namespace of this test's own, for this process and the helpers it starts, so
+// that what is found in it was made here.
+class OwnNamespace {
+ public:
+  OwnNamespace() : saved_(objectNamespace()), name_(toUtf8(test::uniquePrefix())) {
+    setObjectNamespace(toUtf16(name_));
+  }
+  ~OwnNamespace() { setObjectNamespace(saved_); }
+  OwnNamespace(const OwnNamespace&) = delete;
+  OwnNamespace& operator=(const OwnNamespace&) = delete;
+
+  ChildProcess::Environment environment() const { return {{"KESTRIUM_NAMESPACE", name_}}; }
+
+ private:
+  std::u16string saved_;
+  std::string name_;
+};
+
+ChildProcess startHelper(const std::string& scenario, const std::string& arg, const ChildProcess::Environment& env) {
+  ChildProcess child;
+  EXPECT_TRUE(child.start(executablePath().parent_path() / KESTRIUM_PLATFORM_HELPER, {scenario, "t", arg}, env));
+  return child;
 }
 
 TEST(PosixObjectTest, ObjectsAndTheNamespaceLockAreReadableOnlyByTheirUser) {
@@ -177,6 +210,65 @@ TEST(PosixObjectTest, AForkedChildCannotTouchOrKeepAnObject) {
   close(pipeFds[0]);
   ASSERT_EQ(waitpid(sleeper, &status, 0), sleeper);
 }
+
+// How a process ends without closing its objects; both leave their names behind.
+enum class Ending { Killed, Exited };
+
+class ReclaimTest : public ::testing::TestWithParam<Ending> {};
+
+TEST_P(ReclaimTest, RemovesExactlyTheObjectsNoLiveProcessHolds) {
+  OwnNamespace ns;
+  constexpr uint32_t kPatience = 20000;
+  Event ready;
+  ASSERT_TRUE(ready.create(u"t.ready"));
+  SharedMapping own(u"t.own", 8192);
+  ASSERT_TRUE(own.open());
+  ChildProcess holder = startHelper("fillhold", {}, ns.environment());
+  ASSERT_EQ(ready.wait(kPatience), kWaitObject0);
+
+  ChildProcess leaver = startHelper("leave", GetParam() == Ending::Exited ? "1" : "0", ns.environment());
+  ASSERT_EQ(ready.wait(kPatience), kWaitObject0);
+  if (GetParam() == Ending::Killed) {
+    ASSERT_TRUE(leaver.kill());
+  }
+  ASSERT_TRUE(leaver.wait(kPatience).has_value());
+  const std::string leftMap = posix::objectShmName(u"t.left.map"), leftEvent = posix::objectShmName(u"t.left.e");
+  ASSERT_TRUE(exists(leftMap) && exists(leftEvent)) << "an ended process leaves its names";
+
+  // Unheld files just outside the namespace: a neighbour whose name only extends
+  // this namespace's, and a link in this namespace that points at it.
+  const std::string lockName = posix::namespaceLockName();
+  const std::string neighbour = lockName.substr(0, lockName.size() - 1) + "x.dead";
+  const std::string link = lockName + "link";
+  const int fd = shm_open(neighbour.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  ASSERT_EQ(symlink(shmFile(neighbour).c_str(), shmFile(link).c_str()), 0);
+
+  const ReclaimedObjects reclaimed = reclaimAbandonedObjects();
+  EXPECT_EQ(reclaimed.count, 2);
+  EXPECT_EQ(reclaimed.bytes, (1u << 20) + 2 * posix::kHeaderSize) << "the mapping's bytes and two headers";
+  EXPECT_FALSE(exists(leftMap));
+  EXPECT_FALSE(exists(leftEvent));
+  for (const char16_t* held : {u"t.ready", u"t.own", u"t.stale", u"t.stale.m", u"t.stale.e"}) {
+    EXPECT_TRUE(exists(posix::objectShmName(held))) << toUtf8(held) << " is held by a live process";
+  }
+  EXPECT_TRUE(exists(neighbour));
+  EXPECT_TRUE(exists(link));
+  shm_unlink(neighbour.c_str());
+  unlink(shmFile(link).c_str());
+
+  // Once the holder dies too, its objects are what keeps the namespace, until
+  // they are reclaimed.
+  ASSERT_TRUE(holder.kill());
+  ASSERT_TRUE(holder.wait(kPatience).has_value());
+  own.close();
+  ready.close();
+  EXPECT_EQ(reclaimAbandonedObjects().count, 3);
+}
+
+INSTANTIATE_TEST_SUITE_P(Endings, ReclaimTest, ::testing::Values(Ending::Killed, Ending::Exited),
+                         [](const auto& info) { return info.param == Ending::Killed ? "Killed" : "Exited"; });
 
 TEST(PosixSystemTest, DocumentsFolderFollowsXdgThenHome) {
   const auto keep = [](const char* var) {
