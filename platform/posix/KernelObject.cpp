@@ -77,14 +77,32 @@ bool ownedPrivately(int fd) {
 // Where shm_open keeps its objects, as files named after them.
 constexpr const char* kShmDirectory = "/dev/shm";
 
+std::string shmPath(const std::string& shmName) { return kShmDirectory + shmName; }
+
+// The lock of a namespace is a file too, and the last process to leave the
+// namespace removes it. A process that opened the old file before then and waits
+// in flock wins a lock on a file no one else will ever take, while a third makes
+// a new file under the name and locks that: two holders at once. So whoever gets
+// the lock checks that its file is still the one under the name, and starts again
+// on the new one if not. Only a holder removes the file, so a check passed while
+// holding stays true until the lock is given up.
 class NamespaceLock {
  public:
-  explicit NamespaceLock(const std::string& lockName) {
-    fd_ = shm_open(lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd_ < 0) return;
-    if (!ownedPrivately(fd_) || retryEintr([this] { return flock(fd_, LOCK_EX); }) != 0) {
-      ::close(fd_);
-      fd_ = -1;
+  explicit NamespaceLock(std::string lockName) : name_(std::move(lockName)) {
+    for (;;) {
+      const int fd = shm_open(name_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+      if (fd < 0) return;
+      if (!ownedPrivately(fd) || retryEintr([fd] { return flock(fd, LOCK_EX); }) != 0) {
+        ::close(fd);
+        return;
+      }
+      const Naming naming = stillNamed(fd);
+      if (naming == Naming::Current) {
+        fd_ = fd;
+        return;
+      }
+      ::close(fd);
+      if (naming == Naming::Unknown) return;
     }
   }
   // Closing drops the lock; never LOCK_UN, which in a forked child would drop the
@@ -97,7 +115,23 @@ class NamespaceLock {
 
   bool held() const { return fd_ >= 0; }
 
+  // Removes the lock file; the lock itself is held until this object goes.
+  void removeFile() {
+    if (fd_ >= 0) shm_unlink(name_.c_str());
+  }
+
  private:
+  enum class Naming { Current, Replaced, Unknown };
+
+  Naming stillNamed(int fd) const {
+    struct stat locked {}, named {};
+    if (fstat(fd, &locked) != 0) return Naming::Unknown;
+    if (locked.st_nlink == 0) return Naming::Replaced;
+    if (lstat(shmPath(name_).c_str(), &named) != 0) return errno == ENOENT ? Naming::Replaced : Naming::Unknown;
+    return locked.st_dev == named.st_dev && locked.st_ino == named.st_ino ? Naming::Current : Naming::Replaced;
+  }
+
+  std::string name_;
   int fd_ = -1;
 };
 
@@ -129,6 +163,17 @@ bool isObjectOf(std::string_view fileName, std::string_view lockFile) {
 }
 
 std::string_view fileNameOf(const std::string& shmName) { return std::string_view(shmName).substr(1); }
+
+// True when /dev/shm holds any object of the namespace, also when that cannot be
+// told: the lock file then stays, which costs a few bytes and nothing else.
+bool namespaceHasObjects(const std::string& lockName) {
+  const Directory dir(opendir(kShmDirectory));
+  if (!dir) return true;
+  while (const dirent* entry = readdir(dir.get())) {
+    if (isObjectOf(entry->d_name, fileNameOf(lockName))) return true;
+  }
+  return false;
+}
 
 // Segments this process holds, by shm name. Guarded by registryMutex, which is
 // always taken before the namespace lock. Never destroyed: handles in static
@@ -208,6 +253,21 @@ bool attachExisting(Segment& seg) {
   return true;
 }
 
+bool holdsObjectOf(const std::string& lockName) {
+  for (const auto& [name, seg] : registry()) {
+    if (seg->lockName == lockName) return true;
+  }
+  return false;
+}
+
+// The last object of a namespace to go takes the namespace's lock file with it, so
+// that namespaces used once (every test's) leave nothing behind. The scan of
+// /dev/shm is done only when this process holds nothing else in the namespace,
+// and objects are made and closed a few times per capture, never per frame.
+void removeLockIfLast(NamespaceLock& nsLock, const std::string& lockName) {
+  if (!holdsObjectOf(lockName) && !namespaceHasObjects(lockName)) nsLock.removeFile();
+}
+
 void unmap(Segment& seg) {
   // A mutex that a thread of this process still holds stays mapped: glibc's robust
   // list points into it. The page is given up rather than risking a crash.
@@ -260,7 +320,11 @@ OpenedSegment openSegment(std::u16string_view name, ObjectKind kind, uint64_t da
   seg->dataSize = dataSize;
   seg->ownerPid = getpid();
   seg->fd = shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (seg->fd < 0) return {};
+  if (seg->fd < 0) {
+    // The lock file may have been made for this call alone.
+    removeLockIfLast(nsLock, seg->lockName);
+    return {};
+  }
   bool existed = false;
   bool ok = ownedPrivately(seg->fd);
   if (ok) {
@@ -276,6 +340,7 @@ OpenedSegment openSegment(std::u16string_view name, ObjectKind kind, uint64_t da
   if (!ok) {
     if (seg->base != nullptr) munmap(seg->base, seg->length);
     ::close(seg->fd);
+    removeLockIfLast(nsLock, seg->lockName);
     return {};
   }
   seg->refs = 1;
@@ -295,11 +360,11 @@ void releaseSegment(std::shared_ptr<Segment>& segment) {
   registry().erase(seg->shmName);
   NamespaceLock nsLock(seg->lockName);
   // In a forked child the descriptor shares its lock with the parent: only close.
-  if (nsLock.held() && seg->ownerPid == getpid() && flock(seg->fd, LOCK_EX | LOCK_NB) == 0) {
-    shm_unlink(seg->shmName.c_str());
-  }
+  const bool last = nsLock.held() && seg->ownerPid == getpid() && flock(seg->fd, LOCK_EX | LOCK_NB) == 0;
+  if (last) shm_unlink(seg->shmName.c_str());
   unmap(*seg);
   ::close(seg->fd);
+  if (last) removeLockIfLast(nsLock, seg->lockName);
 }
 
 // An object whose file can be locked exclusively has no live holder: every holder
@@ -327,6 +392,7 @@ ReclaimedObjects reclaimAbandoned() {
     // The pages the file held: what its removal gives back to memory.
     reclaimed.bytes += static_cast<uint64_t>(st.st_blocks) * 512;
   }
+  removeLockIfLast(nsLock, lockName);
   return reclaimed;
 }
 

@@ -9,7 +9,8 @@
 // How: every process that holds an object keeps a shared flock on its descriptor.
 // Creating or opening runs under a per-namespace lock file; whoever can take the
 // object's flock exclusively there knows no one else holds it and initialises it
-// anew. The last handle to close unlinks the name. A process that ends without closing
+// anew. The last handle to close unlinks the name, and the namespace's lock file
+// when it was the namespace's last object. A process that ends without closing
 // leaves its names behind, which reclaimAbandoned() removes.
 
 #include <pthread.h>

@@ -3,6 +3,7 @@
 // reports through its exit status.
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include "platform/Event.h"
 #include "platform/NamedMutex.h"
 #include "platform/SharedMapping.h"
+#include "platform/System.h"
 #include "platform/Text.h"
 
 using namespace kestrium::platform;
@@ -113,6 +115,31 @@ int leave(int how) {
   sleepUntilKilled();
 }
 
+// Takes and gives back one named mutex, making it and closing it each round, so
+// that the namespace empties whenever no process is inside a round. Two
+// processes inside at once, seen on a counter in a namespace that stays open,
+// means two objects answered to one name.
+int churn(int rounds) {
+  const std::u16string churnNamespace = objectNamespace();
+  setObjectNamespace(churnNamespace + u"-referee");
+  SharedMapping referee(name(".referee"), 64);
+  if (!referee.open() || !referee.existed()) return 70;
+  setObjectNamespace(churnNamespace);
+  std::atomic_ref<uint32_t> inside(*referee.as<uint32_t>());
+  for (int i = 0; i < rounds; ++i) {
+    NamedMutex m;
+    if (!m.create(name(".churn"), false)) return 71;
+    if (m.wait(kPatience) != LockStatus::Acquired) return 72;
+    if (inside.fetch_add(1) != 0) return 73;
+    SharedMapping inner(name(".churn.map"), 64);
+    if (!inner.open() || inner.existed()) return 74;
+    inner.close();
+    inside.fetch_sub(1);
+    if (!m.release()) return 75;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -131,6 +158,7 @@ int main(int argc, char** argv) {
   if (scenario == "exists") return exists();
   if (scenario == "fillhold") return fillHold();
   if (scenario == "leave") return leave(arg);
+  if (scenario == "churn") return churn(arg);
   std::fprintf(stderr, "platform_helper: unknown scenario %s\n", scenario.c_str());
   return 2;
 }

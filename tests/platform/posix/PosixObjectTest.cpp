@@ -44,6 +44,17 @@ bool exists(const std::string& shmName) {
   return lstat(shmFile(shmName).c_str(), &st) == 0;
 }
 
+// The files of the current namespace in /dev/shm, its lock file included.
+std::vector<std::string> namespaceFiles() {
+  const std::string prefix = posix::namespaceLockName().substr(1);
+  std::vector<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+    const std::string file = entry.path().filename().string();
+    if (file.starts_with(prefix)) found.push_back(file);
+  }
+  return found;
+}
+
 // A namespace of this test's own, for this process and the helpers it starts, so
 // that what is found in it was made here.
 class OwnNamespace {
@@ -173,6 +184,45 @@ TEST(PosixObjectTest, LongNamesAreCutToAFileNameAndStayDistinct) {
   EXPECT_FALSE(e2.existed());
 }
 
+TEST(PosixObjectTest, TheLastObjectOfANamespaceTakesItsLockFileAlong) {
+  OwnNamespace ns;
+  SharedMapping map(u"map", 64);
+  Event event;
+  ASSERT_TRUE(map.open());
+  ASSERT_TRUE(event.create(u"e"));
+  map.close();
+  EXPECT_TRUE(exists(posix::namespaceLockName())) << "the event still needs it";
+  event.close();
+  EXPECT_EQ(namespaceFiles(), std::vector<std::string>{});
+  // An object that cannot be made (no /dev/shm has a pebibyte to give) leaves
+  // nothing either.
+  SharedMapping huge(u"huge", uint64_t{1} << 50);
+  EXPECT_FALSE(huge.open());
+  EXPECT_EQ(namespaceFiles(), std::vector<std::string>{});
+}
+
+// Processes that make and close objects of one namespace at the same time, the
+// namespace emptying (and its lock file going) between their rounds: a lock file
+// removed under a waiting process would let two processes make the same object
+// at once, so that two mutexes answer to one name, or an object is half made.
+TEST(PosixObjectTest, NamespaceLockHoldsWhileItsFileComesAndGoes) {
+  constexpr int kChildren = 3;
+  constexpr int kRounds = 2000;
+  OwnNamespace ns;
+  const std::u16string churnNamespace = objectNamespace();
+  setObjectNamespace(churnNamespace + u"-referee");
+  SharedMapping referee(u"t.referee", 64);
+  ASSERT_TRUE(referee.open());
+  setObjectNamespace(churnNamespace);
+
+  std::vector<ChildProcess> children;
+  for (int i = 0; i < kChildren; ++i) {
+    children.push_back(startHelper("churn", std::to_string(kRounds), ns.environment()));
+  }
+  for (auto& child : children) EXPECT_EQ(child.wait(120000), 0);
+  EXPECT_EQ(namespaceFiles(), std::vector<std::string>{});
+}
+
 // A child forked without exec neither sees the mapping nor keeps the name alive
 // after the parent lets go.
 TEST(PosixObjectTest, AForkedChildCannotTouchOrKeepAnObject) {
@@ -265,6 +315,7 @@ TEST_P(ReclaimTest, RemovesExactlyTheObjectsNoLiveProcessHolds) {
   own.close();
   ready.close();
   EXPECT_EQ(reclaimAbandonedObjects().count, 3);
+  EXPECT_EQ(namespaceFiles(), std::vector<std::string>{});
 }
 
 INSTANTIATE_TEST_SUITE_P(Endings, ReclaimTest, ::testing::Values(Ending::Killed, Ending::Exited),
