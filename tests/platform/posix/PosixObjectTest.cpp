@@ -56,10 +56,11 @@ std::vector<std::string> namespaceFiles() {
 }
 
 // A namespace of this test's own, for this process and the helpers it starts, so
-// that what is found in it was made here.
+// that what is found in it was made here. It lies inside the run's namespace, as
+// every test's does, so that a run can tell what it left behind.
 class OwnNamespace {
  public:
-  OwnNamespace() : saved_(objectNamespace()), name_(toUtf8(test::uniquePrefix())) {
+  OwnNamespace() : saved_(objectNamespace()), name_(toUtf8(saved_) + "-" + toUtf8(test::uniquePrefix())) {
     setObjectNamespace(toUtf16(name_));
   }
   ~OwnNamespace() { setObjectNamespace(saved_); }
