@@ -134,6 +134,7 @@ TEST_P(ImpostorTest, ForeignOrOpenObjectIsRefused) {
   if (GetParam().otherOwner && geteuid() != 0) {
     GTEST_SKIP() << "needs root to give a file away";
   }
+  OwnNamespace ns;
   const std::u16string name = test::uniquePrefix();
   const std::string shmName = posix::objectShmName(name);
   const int fd = shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
@@ -149,6 +150,9 @@ TEST_P(ImpostorTest, ForeignOrOpenObjectIsRefused) {
   NamedMutex mutex;
   EXPECT_FALSE(mutex.create(name, false));
   shm_unlink(shmName.c_str());
+  // With the impostor gone the namespace is empty: reclaiming takes its lock file.
+  EXPECT_EQ(reclaimAbandonedObjects().count, 0);
+  EXPECT_EQ(namespaceFiles(), std::vector<std::string>{});
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, ImpostorTest,
