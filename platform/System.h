@@ -45,6 +45,19 @@ uint32_t lastError();
 std::u16string objectNamespace();
 void setObjectNamespace(std::u16string ns);
 
+// What reclaimAbandonedObjects() removed: how many objects, and the memory they held.
+struct ReclaimedObjects {
+  int count = 0;
+  uint64_t bytes = 0;
+};
+
+// Removes the named kernel objects of the current namespace that no live process
+// holds any more. Windows ends an object with its last handle, even when a
+// process is killed, so there this does nothing. The POSIX emulation can only
+// unlink a name at a close, so the objects of a process that ended without
+// closing them keep their memory until someone calls this.
+ReclaimedObjects reclaimAbandonedObjects();
+
 // An environment variable, or nothing when it is not set.
 std::optional<std::u16string> environmentVariable(std::string_view name);
 // Sets one for this process and the children it starts from now on.

@@ -23,9 +23,13 @@ while (($#)); do
 done
 
 # Kernel objects of this run live in a namespace of their own, so that tests
-# never meet a user's server or another run's objects.
+# never meet a user's server or another run's objects. Each test makes its own
+# namespace inside it (named "<this namespace>-<test>").
 export KESTRIUM_NAMESPACE="kestrium-test-$$"
-cleanup() { rm -f /dev/shm/kestrium."$(id -u)"."$KESTRIUM_NAMESPACE".* 2>/dev/null || true; }
+uid=$(id -u)
+run_objects=(/dev/shm/kestrium."$uid"."$KESTRIUM_NAMESPACE".* /dev/shm/kestrium."$uid"."$KESTRIUM_NAMESPACE"-*)
+# A last resort: the check after each part has said what was left by then.
+cleanup() { rm -f "${run_objects[@]}" 2>/dev/null || true; }
 trap cleanup EXIT
 
 jobs=$(nproc)
@@ -53,16 +57,71 @@ run() {
 
 wanted() { [[ -z "$only" || "$only" == *",$1,"* ]]; }
 
+shm_listing() { ls -A /dev/shm | sort; }
+
+# left_behind SHM_BEFORE [TMP]: fails, naming them, when the tests left entries of
+# this run in /dev/shm (each is memory until reboot) or anything in their
+# temporary folder TMP. Other new kestrium entries may be another run's, made
+# while this one ran: they are only shown. What is found is removed, so that the
+# next part is judged on its own.
+left_behind() {
+  local before=$1 tmp=${2:-} status=0 entry ours=() others=()
+  while IFS= read -r entry; do
+    [[ -n $entry ]] || continue
+    case "$entry" in
+      kestrium."$uid"."$KESTRIUM_NAMESPACE".* | kestrium."$uid"."$KESTRIUM_NAMESPACE"-*) ours+=("$entry") ;;
+      kestrium.*) others+=("$entry") ;;
+    esac
+  done < <(comm -13 <(echo "$before") <(shm_listing))
+  if ((${#ours[@]})); then
+    echo "The tests left ${#ours[@]} entries in /dev/shm:"
+    printf '  %s\n' "${ours[@]}"
+    (cd /dev/shm && rm -f -- "${ours[@]}")
+    status=1
+  fi
+  if ((${#others[@]})); then
+    echo "New in /dev/shm but not in this run's namespace (another run's?):"
+    printf '  %s\n' "${others[@]}"
+  fi
+  if [[ -n $tmp ]]; then
+    if [[ -n $(ls -A "$tmp") ]]; then
+      echo "The tests left in their temporary folder $tmp:"
+      (cd "$tmp" && find . -mindepth 1 | sort | sed 's/^/  /')
+      status=1
+    fi
+    rm -rf "$tmp"
+  fi
+  ((status == 0)) && echo "nothing left behind"
+  return "$status"
+}
+
+# run_tests NAME TMP COMMAND...: runs a part's tests, with TMPDIR a fresh folder
+# TMP unless TMP is empty, and then checks that they left nothing behind.
+run_tests() {
+  local name=$1 tmp=$2
+  shift 2
+  local before
+  before=$(shm_listing)
+  if [[ -n $tmp ]]; then
+    rm -rf "$tmp"
+    mkdir -p "$tmp"
+    run "$name" env TMPDIR="$tmp" "$@"
+  else
+    run "$name" "$@"
+  fi
+  run "$name: nothing left behind" left_behind "$before" "$tmp"
+}
+
 run "setup" scripts/setup.sh
 
 if wanted linux; then
   run "linux: build" scripts/build.sh linux
-  run "linux: tests" ctest --test-dir build -j "$jobs" --output-on-failure
+  run_tests "linux: tests" "$root/build/test-tmp" ctest --test-dir build -j "$jobs" --output-on-failure
 fi
 
 if wanted asan; then
   run "asan+ubsan: build" env KESTRIUM_BUILD_DIR=build-asan scripts/build.sh linux -DKESTRIUM_SANITIZE=ON
-  run "asan+ubsan: tests" env ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+  run_tests "asan+ubsan: tests" "$root/build-asan/test-tmp" env ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir build-asan -j "$jobs" --output-on-failure
 fi
@@ -73,7 +132,9 @@ fi
 
 if wanted win64; then
   run "windows-x86_64: build" scripts/build.sh windows-x86_64
-  run "windows-x86_64: tests (wine64)" scripts/wine-ctest.sh build-win64 -j "$jobs" --output-on-failure
+  # The Windows programs keep their temporary files in the wine prefix: only
+  # /dev/shm is checked.
+  run_tests "windows-x86_64: tests (wine64)" "" scripts/wine-ctest.sh build-win64 -j "$jobs" --output-on-failure
 fi
 
 echo

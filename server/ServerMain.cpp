@@ -84,6 +84,14 @@ int runServer(int argc, char** argv) {
     logLine(u"[Error]   %S\n", problem);
   }
 
+  // Objects of servers and clients that were killed, or ended without closing
+  // them, stay in memory until someone removes them; this is the only server of
+  // the namespace, so the one to do it. Objects that a live client holds stay.
+  if (const platform::ReclaimedObjects reclaimed = platform::reclaimAbandonedObjects(); reclaimed.count > 0) {
+    logLine(u"  *** CAP *** Reclaimed %d shared objects (%I64d MB) left by ended processes\n", reclaimed.count,
+            reclaimed.bytes >> 20);
+  }
+
   probeQuickSync();
   probeNvenc();
   probeAmdVce();

@@ -1,5 +1,6 @@
 #include "platform/posix/KernelObject.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -73,14 +74,35 @@ bool ownedPrivately(int fd) {
   return fstat(fd, &st) == 0 && st.st_uid == geteuid() && (st.st_mode & 077) == 0;
 }
 
+// Where shm_open keeps its objects, as files named after them.
+constexpr const char* kShmDirectory = "/dev/shm";
+
+std::string shmPath(const std::string& shmName) { return kShmDirectory + shmName; }
+
+// The lock of a namespace is a file too, and the last process to leave the
+// namespace removes it. A process that opened the old file before then and waits
+// in flock wins a lock on a file no one else will ever take, while a third makes
+// a new file under the name and locks that: two holders at once. So whoever gets
+// the lock checks that its file is still the one under the name, and starts again
+// on the new one if not. Only a holder removes the file, so a check passed while
+// holding stays true until the lock is given up.
 class NamespaceLock {
  public:
-  explicit NamespaceLock(const std::string& lockName) {
-    fd_ = shm_open(lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd_ < 0) return;
-    if (!ownedPrivately(fd_) || retryEintr([this] { return flock(fd_, LOCK_EX); }) != 0) {
-      ::close(fd_);
-      fd_ = -1;
+  explicit NamespaceLock(std::string lockName) : name_(std::move(lockName)) {
+    for (;;) {
+      const int fd = shm_open(name_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+      if (fd < 0) return;
+      if (!ownedPrivately(fd) || retryEintr([fd] { return flock(fd, LOCK_EX); }) != 0) {
+        ::close(fd);
+        return;
+      }
+      const Naming naming = stillNamed(fd);
+      if (naming == Naming::Current) {
+        fd_ = fd;
+        return;
+      }
+      ::close(fd);
+      if (naming == Naming::Unknown) return;
     }
   }
   // Closing drops the lock; never LOCK_UN, which in a forked child would drop the
@@ -93,9 +115,65 @@ class NamespaceLock {
 
   bool held() const { return fd_ >= 0; }
 
+  // Removes the lock file; the lock itself is held until this object goes.
+  void removeFile() {
+    if (fd_ >= 0) shm_unlink(name_.c_str());
+  }
+
  private:
+  enum class Naming { Current, Replaced, Unknown };
+
+  Naming stillNamed(int fd) const {
+    struct stat locked {}, named {};
+    if (fstat(fd, &locked) != 0) return Naming::Unknown;
+    if (locked.st_nlink == 0) return Naming::Replaced;
+    if (lstat(shmPath(name_).c_str(), &named) != 0) return errno == ENOENT ? Naming::Replaced : Naming::Unknown;
+    return locked.st_dev == named.st_dev && locked.st_ino == named.st_ino ? Naming::Current : Naming::Replaced;
+  }
+
+  std::string name_;
   int fd_ = -1;
 };
+
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  ~UniqueFd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+struct DirectoryCloser {
+  void operator()(DIR* dir) const { closedir(dir); }
+};
+using Directory = std::unique_ptr<DIR, DirectoryCloser>;
+
+// The objects of a namespace are the files whose names extend the name of its
+// lock file. No other namespace's names do: the namespace is escaped so that it
+// never holds a dot, and the dot that ends it is part of the lock file's name.
+bool isObjectOf(std::string_view fileName, std::string_view lockFile) {
+  return fileName.size() > lockFile.size() && fileName.starts_with(lockFile);
+}
+
+std::string_view fileNameOf(const std::string& shmName) { return std::string_view(shmName).substr(1); }
+
+// True when /dev/shm holds any object of the namespace, also when that cannot be
+// told: the lock file then stays, which costs a few bytes and nothing else.
+bool namespaceHasObjects(const std::string& lockName) {
+  const Directory dir(opendir(kShmDirectory));
+  if (!dir) return true;
+  while (const dirent* entry = readdir(dir.get())) {
+    if (isObjectOf(entry->d_name, fileNameOf(lockName))) return true;
+  }
+  return false;
+}
 
 // Segments this process holds, by shm name. Guarded by registryMutex, which is
 // always taken before the namespace lock. Never destroyed: handles in static
@@ -175,6 +253,21 @@ bool attachExisting(Segment& seg) {
   return true;
 }
 
+bool holdsObjectOf(const std::string& lockName) {
+  for (const auto& [name, seg] : registry()) {
+    if (seg->lockName == lockName) return true;
+  }
+  return false;
+}
+
+// The last object of a namespace to go takes the namespace's lock file with it, so
+// that namespaces used once (every test's) leave nothing behind. The scan of
+// /dev/shm is done only when this process holds nothing else in the namespace,
+// and objects are made and closed a few times per capture, never per frame.
+void removeLockIfLast(NamespaceLock& nsLock, const std::string& lockName) {
+  if (!holdsObjectOf(lockName) && !namespaceHasObjects(lockName)) nsLock.removeFile();
+}
+
 void unmap(Segment& seg) {
   // A mutex that a thread of this process still holds stays mapped: glibc's robust
   // list points into it. The page is given up rather than risking a crash.
@@ -227,7 +320,11 @@ OpenedSegment openSegment(std::u16string_view name, ObjectKind kind, uint64_t da
   seg->dataSize = dataSize;
   seg->ownerPid = getpid();
   seg->fd = shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (seg->fd < 0) return {};
+  if (seg->fd < 0) {
+    // The lock file may have been made for this call alone.
+    removeLockIfLast(nsLock, seg->lockName);
+    return {};
+  }
   bool existed = false;
   bool ok = ownedPrivately(seg->fd);
   if (ok) {
@@ -243,6 +340,7 @@ OpenedSegment openSegment(std::u16string_view name, ObjectKind kind, uint64_t da
   if (!ok) {
     if (seg->base != nullptr) munmap(seg->base, seg->length);
     ::close(seg->fd);
+    removeLockIfLast(nsLock, seg->lockName);
     return {};
   }
   seg->refs = 1;
@@ -262,11 +360,46 @@ void releaseSegment(std::shared_ptr<Segment>& segment) {
   registry().erase(seg->shmName);
   NamespaceLock nsLock(seg->lockName);
   // In a forked child the descriptor shares its lock with the parent: only close.
-  if (nsLock.held() && seg->ownerPid == getpid() && flock(seg->fd, LOCK_EX | LOCK_NB) == 0) {
-    shm_unlink(seg->shmName.c_str());
-  }
+  const bool last = nsLock.held() && seg->ownerPid == getpid() && flock(seg->fd, LOCK_EX | LOCK_NB) == 0;
+  if (last) shm_unlink(seg->shmName.c_str());
   unmap(*seg);
   ::close(seg->fd);
+  if (last) removeLockIfLast(nsLock, seg->lockName);
+}
+
+// An object whose file can be locked exclusively has no live holder: every holder
+// keeps a shared lock on its own open file, this process's handles included, and
+// makes or attaches only under the namespace lock, which is held here.
+ReclaimedObjects reclaimAbandoned() {
+  const std::string lockName = namespaceLockName();
+  std::lock_guard guard(registryMutex);
+  NamespaceLock nsLock(lockName);
+  if (!nsLock.held()) return {};
+  const Directory dir(opendir(kShmDirectory));
+  if (!dir) return {};
+  const uid_t uid = geteuid();
+  ReclaimedObjects reclaimed;
+  while (const dirent* entry = readdir(dir.get())) {
+    if (!isObjectOf(entry->d_name, fileNameOf(lockName))) continue;
+    // O_NOFOLLOW: a link planted under one of our names is never followed to what
+    // it points at. O_NONBLOCK: a FIFO planted there cannot hang the open.
+    const UniqueFd fd(openat(dirfd(dir.get()), entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != uid) continue;
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) continue;
+    if (unlinkat(dirfd(dir.get()), entry->d_name, 0) != 0) continue;
+    ++reclaimed.count;
+    // The pages the file held: what its removal gives back to memory.
+    reclaimed.bytes += static_cast<uint64_t>(st.st_blocks) * 512;
+  }
+  removeLockIfLast(nsLock, lockName);
+  return reclaimed;
 }
 
 }  // namespace kestrium::platform::posix
+
+namespace kestrium::platform {
+
+ReclaimedObjects reclaimAbandonedObjects() { return posix::reclaimAbandoned(); }
+
+}  // namespace kestrium::platform

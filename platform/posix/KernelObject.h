@@ -9,7 +9,9 @@
 // How: every process that holds an object keeps a shared flock on its descriptor.
 // Creating or opening runs under a per-namespace lock file; whoever can take the
 // object's flock exclusively there knows no one else holds it and initialises it
-// anew. The last handle to close unlinks the name.
+// anew. The last handle to close unlinks the name, and the namespace's lock file
+// when it was the namespace's last object. A process that ends without closing
+// leaves its names behind, which reclaimAbandoned() removes.
 
 #include <pthread.h>
 
@@ -20,6 +22,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
+
+#include "platform/System.h"
 
 namespace kestrium::platform::posix {
 
@@ -73,6 +77,9 @@ OpenedSegment openSegment(std::u16string_view name, ObjectKind kind, uint64_t da
 // Drops one handle; the last one of this process unmaps (unless a thread here
 // still holds its mutex), and the last one anywhere unlinks the name.
 void releaseSegment(std::shared_ptr<Segment>& segment);
+
+// Removes the objects of the current namespace that no live process holds.
+ReclaimedObjects reclaimAbandoned();
 
 // The shm name of an object: "/kestrium.<uid>.<namespace>.<name>", escaped and,
 // past the length limit, cut and hashed.

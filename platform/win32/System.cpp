@@ -88,6 +88,10 @@ void debugOutput(std::u16string_view text) {
 
 uint32_t lastError() { return GetLastError(); }
 
+// The kernel ends every object with its last handle, a killed process's included:
+// nothing is ever left to reclaim.
+ReclaimedObjects reclaimAbandonedObjects() { return {}; }
+
 void fatalStop() {
   TerminateProcess(GetCurrentProcess(), 3);
   // Not reached: terminating the own process does not return.

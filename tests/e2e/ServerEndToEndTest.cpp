@@ -100,12 +100,23 @@ TEST_F(ServerEndToEndTest, StopRequestEndsItLikeAShutdown) {
   EXPECT_EQ(harness.lastLogLine(), "  Shutdown completed");
 }
 
+// The next server also gives back the memory of what the killed one held.
 TEST_F(ServerEndToEndTest, KilledServerLeavesNothingThatBlocksTheNext) {
+  constexpr std::string_view kReclaimed = "  *** CAP *** Reclaimed ";
   platform::ChildProcess first = harness.startServer();
+  EXPECT_EQ(harness.log().find(kReclaimed), std::string::npos) << "nothing was left before";
   ASSERT_TRUE(first.kill());
   ASSERT_TRUE(first.wait(kPatience).has_value());
 
   platform::ChildProcess second = harness.startServer();
+  const std::string log = harness.log();
+  const size_t at = log.find(kReclaimed);
+#ifdef _WIN32
+  EXPECT_EQ(at, std::string::npos) << "Windows ends the objects with their process";
+#else
+  ASSERT_NE(at, std::string::npos) << log;
+  EXPECT_NE(log.find(" MB) left by ended processes\r\n", at), std::string::npos) << log;
+#endif
   EXPECT_EQ(harness.client({"stop", "nosuch"}), 0);
   EXPECT_NE(harness.log().find("Cannot find recorder to delete nosuch"), std::string::npos);
   shutDown(second);

@@ -26,7 +26,7 @@ inline constexpr uint32_t kClientPatience = 60000;
 class ServerHarness {
  public:
   ServerHarness() {
-    namespace_ = uniqueName();
+    namespace_ = platform::toUtf8(uniqueNamespace());
     // This process too: its own senders reach the server, and it finds the log
     // where the server writes it (on Windows the documents folder is the OS's).
     platform::setObjectNamespace(platform::toUtf16(namespace_));

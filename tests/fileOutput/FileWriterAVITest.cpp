@@ -53,7 +53,7 @@ BitmapInfoHeader bitmapHeader(uint32_t width, uint32_t height) {
 class FileWriterAVITest : public ::testing::Test {
  protected:
   void SetUp() override {
-    platform::setObjectNamespace(platform::toUtf16(test::uniqueName()));
+    platform::setObjectNamespace(test::uniqueNamespace());
     processLog().open(folder_.path() / "Kestrium.txt", true);
   }
   void TearDown() override { processLog().close(); }

@@ -170,7 +170,7 @@ class SideTrackOutput : public IFileWriter {
 };
 
 TEST_F(SideTrackTest, TrackThatCannotBeCreatedIsLoggedAndTheOthersGoOn) {
-  platform::setObjectNamespace(platform::toUtf16(test::uniqueName()));
+  platform::setObjectNamespace(test::uniqueNamespace());
   processLog().open(folder_.path() / "Kestrium.txt", true);
   SideTrackOutput output(true, 10.0f, folder_.path());
   output.addAudioFormat(format_, 0);

@@ -3,6 +3,7 @@
 // reports through its exit status.
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include "platform/Event.h"
 #include "platform/NamedMutex.h"
 #include "platform/SharedMapping.h"
+#include "platform/System.h"
 #include "platform/Text.h"
 
 using namespace kestrium::platform;
@@ -102,6 +104,42 @@ int fillHold() {
   sleepUntilKilled();
 }
 
+// Makes a mapping of 1 MiB and an event, says so on ".ready", then ends without
+// closing them: by exit (how 1) or killed while it waits (how 0).
+int leave(int how) {
+  SharedMapping map(name(".left.map"), 1 << 20);
+  Event e;
+  if (!map.open() || !e.create(name(".left.e"))) return 60;
+  if (!openEvent(".ready").set()) return 61;
+  if (how == 1) std::exit(0);  // the handles above are never closed
+  sleepUntilKilled();
+}
+
+// Takes and gives back one named mutex, making it and closing it each round, so
+// that the namespace empties whenever no process is inside a round. Two
+// processes inside at once, seen on a counter in a namespace that stays open,
+// means two objects answered to one name.
+int churn(int rounds) {
+  const std::u16string churnNamespace = objectNamespace();
+  setObjectNamespace(churnNamespace + u"-referee");
+  SharedMapping referee(name(".referee"), 64);
+  if (!referee.open() || !referee.existed()) return 70;
+  setObjectNamespace(churnNamespace);
+  std::atomic_ref<uint32_t> inside(*referee.as<uint32_t>());
+  for (int i = 0; i < rounds; ++i) {
+    NamedMutex m;
+    if (!m.create(name(".churn"), false)) return 71;
+    if (m.wait(kPatience) != LockStatus::Acquired) return 72;
+    if (inside.fetch_add(1) != 0) return 73;
+    SharedMapping inner(name(".churn.map"), 64);
+    if (!inner.open() || inner.existed()) return 74;
+    inner.close();
+    inside.fetch_sub(1);
+    if (!m.release()) return 75;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -119,6 +157,8 @@ int main(int argc, char** argv) {
   if (scenario == "holdmutex") return holdMutex();
   if (scenario == "exists") return exists();
   if (scenario == "fillhold") return fillHold();
+  if (scenario == "leave") return leave(arg);
+  if (scenario == "churn") return churn(arg);
   std::fprintf(stderr, "platform_helper: unknown scenario %s\n", scenario.c_str());
   return 2;
 }

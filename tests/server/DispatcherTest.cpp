@@ -16,7 +16,7 @@ constexpr uint32_t kPatience = 10000;
 class DispatcherTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    platform::setObjectNamespace(platform::toUtf16(test::uniqueName()));
+    platform::setObjectNamespace(test::uniqueNamespace());
     processLog().open(folder_.path() / "Kestrium.txt", true);
     dispatcher_ = std::make_unique<Dispatcher>();
   }

@@ -24,7 +24,7 @@ platform::LocalTime at(uint16_t hour, uint16_t minute, uint16_t second, uint16_t
 
 class LogTest : public ::testing::Test {
  protected:
-  void SetUp() override { platform::setObjectNamespace(platform::toUtf16(test::uniqueName())); }
+  void SetUp() override { platform::setObjectNamespace(test::uniqueNamespace()); }
 
   std::filesystem::path path() const { return folder_.path() / "Kestrium.txt"; }
   std::u16string text() const { return test::readUtf16(path()); }

@@ -14,6 +14,7 @@
 
 #include "platform/ChildProcess.h"
 #include "platform/Clock.h"
+#include "platform/System.h"
 #include "platform/Text.h"
 
 namespace kestrium::test {
@@ -31,6 +32,15 @@ inline std::string uniqueName() {
     if (c == '/') c = '-';
   }
   return name;
+}
+
+// A kernel-object namespace of this test's own, inside the one the run was
+// started with (KESTRIUM_NAMESPACE), so that a run can tell what it left behind
+// in /dev/shm from another run's objects.
+inline std::u16string uniqueNamespace() {
+  // Taken once: the end-to-end harness sets the variable for its servers.
+  static const std::u16string run = platform::environmentVariable("KESTRIUM_NAMESPACE").value_or(u"");
+  return run + u"-" + platform::toUtf16(uniqueName());
 }
 
 // A folder of its own for one test, removed with everything in it at the end.

@@ -92,7 +92,7 @@ void PrintTo(const Case& c, std::ostream* os) { *os << c.width << "x" << c.heigh
 
 class VidEncoderFastTest : public ::testing::TestWithParam<Case> {
  protected:
-  void SetUp() override { platform::setObjectNamespace(platform::toUtf16(test::uniqueName())); }
+  void SetUp() override { platform::setObjectNamespace(test::uniqueNamespace()); }
 };
 
 // Frames go in bottom-up and blue first, as the client sends them for "fast";
@@ -147,7 +147,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, VidEncoderFastTest,
 // A picture so small that the code tables outweigh the encoder buffer of
 // width x height x 4 bytes cannot be delivered: it goes out empty, in its place.
 TEST(VidEncoderFastEdgeTest, FrameLargerThanTheEncoderBufferIsDeliveredEmpty) {
-  platform::setObjectNamespace(platform::toUtf16(test::uniqueName()));
+  platform::setObjectNamespace(test::uniqueNamespace());
   Consumer consumer(u"cap", 4, 4);
   auto encoder = openFast(4, 4, 1);
   const std::vector<uint8_t> source = test::picture(test::Picture::Noise, 4, 4);
@@ -169,7 +169,7 @@ TEST(VidEncoderFastFormatTest, DescribesATmb2StreamOfKeyFramesFromBottomUpBgr) {
 }
 
 TEST(VidEncoderFastFormatTest, BitmapFormat) {
-  platform::setObjectNamespace(platform::toUtf16(test::uniqueName()));
+  platform::setObjectNamespace(test::uniqueNamespace());
   auto encoder = openFast(1280, 720, 0);
   BitmapInfoHeader header;
   std::memset(&header, 0xCC, sizeof(header));

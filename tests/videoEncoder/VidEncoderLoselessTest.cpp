@@ -26,7 +26,7 @@ std::unique_ptr<IVidEncoder> openLoseless(int width, int height, const std::stri
 
 class LoselessTest : public ::testing::TestWithParam<int> {
  protected:
-  void SetUp() override { platform::setObjectNamespace(platform::toUtf16(test::uniqueName())); }
+  void SetUp() override { platform::setObjectNamespace(test::uniqueNamespace()); }
 };
 
 // Rows arrive packed; the bitmap spaces them at 3 x width rounded up to 4 bytes,
@@ -133,7 +133,7 @@ class EncoderFactoryTest : public ::testing::TestWithParam<FactoryCase> {};
 
 TEST_P(EncoderFactoryTest, OnlyTheExactNameMakesAnEncoder) {
   test::TempFolder folder;
-  platform::setObjectNamespace(platform::toUtf16(test::uniqueName()));
+  platform::setObjectNamespace(test::uniqueNamespace());
   processLog().open(folder.path() / "Kestrium.txt", true);
   const auto encoder = CreateVideoEncoder(GetParam().name);
   processLog().close();

@@ -31,7 +31,7 @@ std::vector<std::byte> takeEncoded(CaptureObjects& objects) {
 class VidEncoderMJPEGTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    platform::setObjectNamespace(platform::toUtf16(test::uniqueName()));
+    platform::setObjectNamespace(test::uniqueNamespace());
     processLog().open(folder_.path() / "Kestrium.txt", true);
     ASSERT_TRUE(objects_.openCommonData());
     ASSERT_TRUE(objects_.openNewEncoded());

@@ -110,7 +110,7 @@ class Consumer {
 
 class VidEncoderTest : public ::testing::TestWithParam<int> {
  protected:
-  void SetUp() override { platform::setObjectNamespace(platform::toUtf16(test::uniqueName())); }
+  void SetUp() override { platform::setObjectNamespace(test::uniqueNamespace()); }
 
   std::unique_ptr<ShuffleEncoder> open(int threads) {
     auto encoder = std::make_unique<ShuffleEncoder>();

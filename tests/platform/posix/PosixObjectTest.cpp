@@ -1,5 +1,6 @@
 // What only the POSIX emulation of named objects has to get right: file modes and
-// owners in /dev/shm, names that fit a file system, and fork.
+// owners in /dev/shm, names that fit a file system, fork, and what is left in
+// /dev/shm when processes end.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -14,7 +15,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
+#include <string>
+#include <vector>
 
+#include "platform/ChildProcess.h"
 #include "platform/Event.h"
 #include "platform/NamedMutex.h"
 #include "platform/SharedMapping.h"
@@ -33,6 +37,47 @@ std::optional<struct stat> statOf(const std::string& shmName) {
   struct stat st {};
   if (stat(shmFile(shmName).c_str(), &st) != 0) return std::nullopt;
   return st;
+}
+
+bool exists(const std::string& shmName) {
+  struct stat st {};
+  return lstat(shmFile(shmName).c_str(), &st) == 0;
+}
+
+// The files of the current namespace in /dev/shm, its lock file included.
+std::vector<std::string> namespaceFiles() {
+  const std::string prefix = posix::namespaceLockName().substr(1);
+  std::vector<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+    const std::string file = entry.path().filename().string();
+    if (file.starts_with(prefix)) found.push_back(file);
+  }
+  return found;
+}
+
+// A namespace of this test's own, for this process and the helpers it starts, so
+// that what is found in it was made here. It lies inside the run's namespace, as
+// every test's does, so that a run can tell what it left behind.
+class OwnNamespace {
+ public:
+  OwnNamespace() : saved_(objectNamespace()), name_(toUtf8(saved_) + "-" + toUtf8(test::uniquePrefix())) {
+    setObjectNamespace(toUtf16(name_));
+  }
+  ~OwnNamespace() { setObjectNamespace(saved_); }
+  OwnNamespace(const OwnNamespace&) = delete;
+  OwnNamespace& operator=(const OwnNamespace&) = delete;
+
+  ChildProcess::Environment environment() const { return {{"KESTRIUM_NAMESPACE", name_}}; }
+
+ private:
+  std::u16string saved_;
+  std::string name_;
+};
+
+ChildProcess startHelper(const std::string& scenario, const std::string& arg, const ChildProcess::Environment& env) {
+  ChildProcess child;
+  EXPECT_TRUE(child.start(executablePath().parent_path() / KESTRIUM_PLATFORM_HELPER, {scenario, "t", arg}, env));
+  return child;
 }
 
 TEST(PosixObjectTest, ObjectsAndTheNamespaceLockAreReadableOnlyByTheirUser) {
@@ -89,6 +134,7 @@ TEST_P(ImpostorTest, ForeignOrOpenObjectIsRefused) {
   if (GetParam().otherOwner && geteuid() != 0) {
     GTEST_SKIP() << "needs root to give a file away";
   }
+  OwnNamespace ns;
   const std::u16string name = test::uniquePrefix();
   const std::string shmName = posix::objectShmName(name);
   const int fd = shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
@@ -104,6 +150,9 @@ TEST_P(ImpostorTest, ForeignOrOpenObjectIsRefused) {
   NamedMutex mutex;
   EXPECT_FALSE(mutex.create(name, false));
   shm_unlink(shmName.c_str());
+  // With the impostor gone the namespace is empty: reclaiming takes its lock file.
+  EXPECT_EQ(reclaimAbandonedObjects().count, 0);
+  EXPECT_EQ(namespaceFiles(), std::vector<std::string>{});
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, ImpostorTest,
@@ -138,6 +187,45 @@ TEST(PosixObjectTest, LongNamesAreCutToAFileNameAndStayDistinct) {
   ASSERT_TRUE(e1.create(base + u"_new_source"));
   ASSERT_TRUE(e2.create(base + u"_new_encoded"));
   EXPECT_FALSE(e2.existed());
+}
+
+TEST(PosixObjectTest, TheLastObjectOfANamespaceTakesItsLockFileAlong) {
+  OwnNamespace ns;
+  SharedMapping map(u"map", 64);
+  Event event;
+  ASSERT_TRUE(map.open());
+  ASSERT_TRUE(event.create(u"e"));
+  map.close();
+  EXPECT_TRUE(exists(posix::namespaceLockName())) << "the event still needs it";
+  event.close();
+  EXPECT_EQ(namespaceFiles(), std::vector<std::string>{});
+  // An object that cannot be made (no /dev/shm has a pebibyte to give) leaves
+  // nothing either.
+  SharedMapping huge(u"huge", uint64_t{1} << 50);
+  EXPECT_FALSE(huge.open());
+  EXPECT_EQ(namespaceFiles(), std::vector<std::string>{});
+}
+
+// Processes that make and close objects of one namespace at the same time, the
+// namespace emptying (and its lock file going) between their rounds: a lock file
+// removed under a waiting process would let two processes make the same object
+// at once, so that two mutexes answer to one name, or an object is half made.
+TEST(PosixObjectTest, NamespaceLockHoldsWhileItsFileComesAndGoes) {
+  constexpr int kChildren = 3;
+  constexpr int kRounds = 2000;
+  OwnNamespace ns;
+  const std::u16string churnNamespace = objectNamespace();
+  setObjectNamespace(churnNamespace + u"-referee");
+  SharedMapping referee(u"t.referee", 64);
+  ASSERT_TRUE(referee.open());
+  setObjectNamespace(churnNamespace);
+
+  std::vector<ChildProcess> children;
+  for (int i = 0; i < kChildren; ++i) {
+    children.push_back(startHelper("churn", std::to_string(kRounds), ns.environment()));
+  }
+  for (auto& child : children) EXPECT_EQ(child.wait(120000), 0);
+  EXPECT_EQ(namespaceFiles(), std::vector<std::string>{});
 }
 
 // A child forked without exec neither sees the mapping nor keeps the name alive
@@ -177,6 +265,66 @@ TEST(PosixObjectTest, AForkedChildCannotTouchOrKeepAnObject) {
   close(pipeFds[0]);
   ASSERT_EQ(waitpid(sleeper, &status, 0), sleeper);
 }
+
+// How a process ends without closing its objects; both leave their names behind.
+enum class Ending { Killed, Exited };
+
+class ReclaimTest : public ::testing::TestWithParam<Ending> {};
+
+TEST_P(ReclaimTest, RemovesExactlyTheObjectsNoLiveProcessHolds) {
+  OwnNamespace ns;
+  constexpr uint32_t kPatience = 20000;
+  Event ready;
+  ASSERT_TRUE(ready.create(u"t.ready"));
+  SharedMapping own(u"t.own", 8192);
+  ASSERT_TRUE(own.open());
+  ChildProcess holder = startHelper("fillhold", {}, ns.environment());
+  ASSERT_EQ(ready.wait(kPatience), kWaitObject0);
+
+  ChildProcess leaver = startHelper("leave", GetParam() == Ending::Exited ? "1" : "0", ns.environment());
+  ASSERT_EQ(ready.wait(kPatience), kWaitObject0);
+  if (GetParam() == Ending::Killed) {
+    ASSERT_TRUE(leaver.kill());
+  }
+  ASSERT_TRUE(leaver.wait(kPatience).has_value());
+  const std::string leftMap = posix::objectShmName(u"t.left.map"), leftEvent = posix::objectShmName(u"t.left.e");
+  ASSERT_TRUE(exists(leftMap) && exists(leftEvent)) << "an ended process leaves its names";
+
+  // Unheld files just outside the namespace: a neighbour whose name only extends
+  // this namespace's, and a link in this namespace that points at it.
+  const std::string lockName = posix::namespaceLockName();
+  const std::string neighbour = lockName.substr(0, lockName.size() - 1) + "x.dead";
+  const std::string link = lockName + "link";
+  const int fd = shm_open(neighbour.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  ASSERT_EQ(symlink(shmFile(neighbour).c_str(), shmFile(link).c_str()), 0);
+
+  const ReclaimedObjects reclaimed = reclaimAbandonedObjects();
+  EXPECT_EQ(reclaimed.count, 2);
+  EXPECT_EQ(reclaimed.bytes, (1u << 20) + 2 * posix::kHeaderSize) << "the mapping's bytes and two headers";
+  EXPECT_FALSE(exists(leftMap));
+  EXPECT_FALSE(exists(leftEvent));
+  for (const char16_t* held : {u"t.ready", u"t.own", u"t.stale", u"t.stale.m", u"t.stale.e"}) {
+    EXPECT_TRUE(exists(posix::objectShmName(held))) << toUtf8(held) << " is held by a live process";
+  }
+  EXPECT_TRUE(exists(neighbour));
+  EXPECT_TRUE(exists(link));
+  shm_unlink(neighbour.c_str());
+  unlink(shmFile(link).c_str());
+
+  // Once the holder dies too, its objects are what keeps the namespace, until
+  // they are reclaimed.
+  ASSERT_TRUE(holder.kill());
+  ASSERT_TRUE(holder.wait(kPatience).has_value());
+  own.close();
+  ready.close();
+  EXPECT_EQ(reclaimAbandonedObjects().count, 3);
+  EXPECT_EQ(namespaceFiles(), std::vector<std::string>{});
+}
+
+INSTANTIATE_TEST_SUITE_P(Endings, ReclaimTest, ::testing::Values(Ending::Killed, Ending::Exited),
+                         [](const auto& info) { return info.param == Ending::Killed ? "Killed" : "Exited"; });
 
 TEST(PosixSystemTest, DocumentsFolderFollowsXdgThenHome) {
   const auto keep = [](const char* var) {
