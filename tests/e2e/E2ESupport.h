@@ -129,7 +129,11 @@ class RawCapture {
     return true;
   }
 
-  SendResult start(uint32_t replyMs = 10000) { return sendCommand(*block_, replyMs); }
+  // With replyMs 0 the start asks for no reply, as a sender that cannot wait.
+  SendResult start(uint32_t replyMs = 10000) {
+    block_->replyWanted = replyMs != 0 ? 1 : 0;
+    return sendCommand(*block_, replyMs);
+  }
   SendResult stop(bool deleteFiles = false) {
     return sendCommand(namedCommand(kCommandStop, objects_.session(), deleteFiles ? 1 : 0), 10000);
   }

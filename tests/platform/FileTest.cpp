@@ -2,6 +2,7 @@
 
 #include <array>
 #include <filesystem>
+#include <fstream>
 #include <vector>
 
 #include "platform/File.h"
@@ -78,6 +79,41 @@ TEST_F(FileTest, ModesKeepOrDropWhatIsThere) {
   EXPECT_TRUE(File::remove(path));
   EXPECT_FALSE(File::remove(path));
   EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+// Two captures must never write one file: an exclusive open keeps a second
+// writer out, and never empties the file it could not have.
+TEST_F(FileTest, ExclusiveOpenKeepsOtherWritersOutAndNeverTruncates) {
+  const auto path = dir_ / "held.avi";
+  File first;
+  ASSERT_TRUE(first.open(path, File::Mode::CreateNew, File::Share::Exclusive));
+  ASSERT_TRUE(first.write(bytes("recording")));
+  File second;
+  EXPECT_FALSE(second.open(path, File::Mode::CreateNew, File::Share::Exclusive)) << "the name is taken";
+  EXPECT_FALSE(second.open(path, File::Mode::CreateAlways, File::Share::Exclusive)) << "the file is in use";
+  EXPECT_FALSE(second.open(path, File::Mode::OpenExisting, File::Share::Exclusive));
+  EXPECT_EQ(readAll(first), "recording") << "a refused open truncates nothing";
+  first.close();
+  ASSERT_TRUE(second.open(path, File::Mode::CreateAlways, File::Share::Exclusive)) << "free once closed";
+  EXPECT_EQ(second.size(), 0);
+}
+
+TEST_F(FileTest, CreateNumberedNumbersTakenNamesAndStopsAtRealFailures) {
+  std::vector<File> files(4);
+  const std::vector<std::string> expected = {"rec.avi", "rec (2).avi", "rec (3).avi", "rec (4).avi"};
+  for (size_t i = 0; i < files.size(); ++i) {
+    const auto made = files[i].createNumbered(dir_ / "rec", ".avi");
+    EXPECT_EQ(made, dir_ / expected[i]);
+    EXPECT_TRUE(files[i].isOpen());
+  }
+  // A file that was there before is a taken name too, closed or not.
+  std::ofstream(dir_ / "old.avi") << "keep";
+  File next;
+  EXPECT_EQ(next.createNumbered(dir_ / "old", ".avi"), dir_ / "old (2).avi");
+  EXPECT_EQ(std::filesystem::file_size(dir_ / "old.avi"), 4u);
+  File none;
+  EXPECT_TRUE(none.createNumbered(dir_ / "missing" / "rec", ".avi").empty()) << "no folder is no name to number";
+  EXPECT_FALSE(none.isOpen());
 }
 
 TEST_F(FileTest, ClosedOrMovedFromFileFailsCleanly) {

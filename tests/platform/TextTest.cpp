@@ -30,6 +30,23 @@ TEST(TextTest, UnpairedSurrogatesBecomeReplacementCharacters) {
   EXPECT_EQ(toUtf8(std::u16string{u'\xD800', u'\xD800', u'\xDC00'}), "\xef\xbf\xbd\xf0\x90\x80\x80");
 }
 
+TEST(TextTest, ValidUtf16ReplacesOnlyUnpairedSurrogates) {
+  EXPECT_EQ(validUtf16(u"game \U0001F3AE"), u"game \U0001F3AE");
+  EXPECT_EQ(validUtf16(std::u16string{u'a', u'\xD800'}), u"a\uFFFD");
+  EXPECT_EQ(validUtf16(std::u16string{u'\xDC00', u'\xD800', u'\xDC00'}), u"\uFFFD\U00010000");
+}
+
+// A client's text that no file system can name must be refused, never thrown
+// at the file layer.
+TEST(TextTest, PathsRefuseWhatCannotNameAFile) {
+  EXPECT_TRUE(toPath(u"C:/Videos/Mik\u00e9 \U0001F3AE").has_value());
+  EXPECT_TRUE(toPath(u"").has_value());
+  EXPECT_FALSE(toPath(std::u16string{u'a', u'\xD800'}).has_value()) << "lone high surrogate";
+  EXPECT_FALSE(toPath(std::u16string{u'\xDC00', u'a'}).has_value()) << "lone low surrogate";
+  EXPECT_FALSE(toPath(std::u16string{u'a', u'\0', u'b'}).has_value()) << "a NUL would cut the name";
+  EXPECT_EQ(toPath(u"rec/\u00e9")->u16string(), u"rec/\u00e9");
+}
+
 TEST(TextTest, MalformedUtf8BecomesReplacementCharacters) {
   EXPECT_EQ(toUtf16("\xc0\xaf"), u"\uFFFD\uFFFD") << "overlong";
   EXPECT_EQ(toUtf16("\xed\xa0\x80"), u"\uFFFD\uFFFD\uFFFD") << "encoded surrogate";

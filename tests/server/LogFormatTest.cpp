@@ -38,5 +38,15 @@ INSTANTIATE_TEST_SUITE_P(
         FormatCase{u"cut at end ", formatWide(u"cut at end %")},
         FormatCase{u"Nov  5 2014", formatWide(u"%S", "Nov  5 2014")}));
 
+// The log is read by other programs as UTF-16: text from clients, or a cut
+// through a pair, must not make it invalid.
+TEST(LogFormatWideTest, ClientTextLeavesTheLogValidUtf16) {
+  EXPECT_EQ(formatWide(u"[%s]", std::u16string{u'a', u'\xD800', u'b'}), u"[a\uFFFDb]");
+  EXPECT_EQ(formatWide(u"[%s]", std::u16string{u'\xDC00'}), u"[\uFFFD]");
+  EXPECT_EQ(formatWide(u"[%.2s]", u"a\U0001F3AE"), u"[a]") << "never half a pair at the cut";
+  EXPECT_EQ(formatWide(u"[%c]", 0xD800), u"[\uFFFD]");
+  EXPECT_EQ(formatWide(u"[%s]", u"\U0001F3AE"), u"[\U0001F3AE]");
+}
+
 }  // namespace
 }  // namespace kestrium
