@@ -78,10 +78,11 @@ size_t Dispatcher::recorderCount() {
 void Dispatcher::commandThread() {
   platform::Event command, reply;
   platform::SharedMapping block(std::u16string(kCommandMappingName), sizeof(CommandBlock));
-  if (!command.create(kCommandEventName) || !reply.create(kCommandReplyName) || !block.open() ||
-      block.size() < sizeof(CommandBlock)) {
-    logLine(u"[Error]   *** CAP *** Cannot open the command channel\n");
-  }
+  const bool haveEvents = command.create(kCommandEventName) && reply.create(kCommandReplyName);
+  // A block that could not be made (or that a squatter made too small) is never
+  // read: the channel answers, but carries no command.
+  const bool haveBlock = block.open() && block.size() >= sizeof(CommandBlock);
+  if (!haveEvents || !haveBlock) logLine(u"[Error]   *** CAP *** Cannot open the command channel\n");
   ready_.set();
 
   platform::Event* handles[] = {&stopEvent_, &command};
@@ -96,6 +97,10 @@ void Dispatcher::commandThread() {
     }
     // Work on a copy: a client that rewrites the block while its command runs
     // must not change the command under our feet.
+    if (!haveBlock) {
+      reply.set();
+      continue;
+    }
     CommandBlock copy;
     std::memcpy(&copy, block.view(), sizeof copy);
     handle(copy);

@@ -9,6 +9,7 @@
 #include <set>
 
 #include "fileOutput/FileWriterAVI.h"
+#include "platform/Event.h"
 #include "platform/SharedMapping.h"
 #include "server/Dispatcher.h"
 #include "tests/e2e/E2ESupport.h"
@@ -50,15 +51,8 @@ std::vector<std::string> videoChunks(const std::filesystem::path& avi) {
   return chunks;
 }
 
-class CaptureFaultTest : public ::testing::Test {
+class CaptureFaultTest : public ServerTest {
  protected:
-  void SetUp() override { server_ = harness.startServer(); }
-  void TearDown() override {
-    platform::ChildProcess request;
-    if (request.start(harness.binary(KESTRIUM_SERVER), {"/shutdown"})) request.wait(kPatience);
-    EXPECT_TRUE(server_.wait(kPatience).has_value()) << "the server ends on /shutdown";
-  }
-
   std::filesystem::path dir() const { return harness.folder() / "recordings"; }
 
   // rgb24 frames, each stamped with its number so that no two are alike.
@@ -110,8 +104,6 @@ class CaptureFaultTest : public ::testing::Test {
     EXPECT_EQ(serverThreads(), before) << "threads left running";
   }
 
-  ServerHarness harness;
-  platform::ChildProcess server_;
 };
 
 // Pressing record again and again while recording: each press finishes the file
@@ -330,6 +322,25 @@ TEST_F(CaptureFaultTest, FullDiskEndsOneCaptureAndTheOtherRecordsWhole) {
   if (haveTools()) {
     EXPECT_EQ(probeVideo(wholeFiles[0]).packets, 120);
   }
+}
+
+// A program that made the command block first, too small, leaves the server
+// without a channel to read, never one that reads past the block.
+TEST(CommandChannelFaultTest, CommandBlockTooSmallIsNeverRead) {
+  ServerHarness harness;
+  platform::SharedMapping squatter(std::u16string(kCommandMappingName), 64);
+  ASSERT_TRUE(squatter.open());
+  platform::ChildProcess server = harness.startServerProcess({});
+  ASSERT_TRUE(harness.waitForLog("[Error]   *** CAP *** Cannot open the command channel"));
+  platform::Event command, reply;
+  ASSERT_TRUE(command.create(kCommandEventName));
+  ASSERT_TRUE(reply.create(kCommandReplyName));
+  ASSERT_TRUE(command.set());
+  EXPECT_EQ(reply.wait(kPatience), platform::kWaitObject0) << "the ring is answered";
+  platform::ChildProcess request;
+  ASSERT_TRUE(request.start(harness.binary(KESTRIUM_SERVER), {"/shutdown"}));
+  request.wait(kPatience);
+  EXPECT_EQ(server.wait(kPatience), 0) << "the server ends normally";
 }
 
 }  // namespace

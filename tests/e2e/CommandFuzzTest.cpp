@@ -35,15 +35,8 @@ uint64_t envNumber(const char* name, uint64_t otherwise) {
   return std::strtoull(platform::toUtf8(*value).c_str(), nullptr, 10);
 }
 
-class CommandFuzzTest : public ::testing::Test {
+class CommandFuzzTest : public ServerTest {
  protected:
-  void SetUp() override { server_ = harness.startServer(); }
-  void TearDown() override {
-    platform::ChildProcess request;
-    if (request.start(harness.binary(KESTRIUM_SERVER), {"/shutdown"})) request.wait(kPatience);
-    EXPECT_TRUE(server_.wait(kPatience).has_value()) << "the server ends on /shutdown after the fuzzing";
-  }
-
   std::u16string name() { return u"fz" + platform::toUtf16(std::to_string(pick(0, 5))); }
   uint32_t pick(uint32_t low, uint32_t high) { return std::uniform_int_distribution<uint32_t>(low, high)(random_); }
   bool chance(uint32_t percent) { return pick(0, 99) < percent; }
@@ -122,8 +115,6 @@ class CommandFuzzTest : public ::testing::Test {
     }
   }
 
-  ServerHarness harness;
-  platform::ChildProcess server_;
   std::mt19937_64 random_;
   std::unique_ptr<RawCapture> live_;
   uint32_t position_ = 0;

@@ -22,15 +22,8 @@ namespace {
 constexpr uint32_t kWidth = 640, kHeight = 360;
 constexpr size_t kFrameBytes = size_t{kWidth} * kHeight * 3;
 
-class RecordingEndToEndTest : public ::testing::Test {
+class RecordingEndToEndTest : public ServerTest {
  protected:
-  void SetUp() override { server_ = harness.startServer(); }
-  void TearDown() override {
-    platform::ChildProcess request;
-    if (request.start(harness.binary(KESTRIUM_SERVER), {"/shutdown"})) request.wait(kPatience);
-    server_.wait(kPatience);
-  }
-
   std::filesystem::path dir() const { return harness.folder() / "recordings"; }
 
   // A raw file of n frames of the client's pattern, rgb24 top-down.
@@ -93,8 +86,6 @@ class RecordingEndToEndTest : public ::testing::Test {
     return harness.client(args);
   }
 
-  ServerHarness harness;
-  platform::ChildProcess server_;
 };
 
 TEST_F(RecordingEndToEndTest, RealTimeRecordingHoldsEveryFrameBitExact) {

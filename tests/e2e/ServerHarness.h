@@ -124,4 +124,22 @@ class ServerHarness {
   std::string namespace_;
 };
 
+// A test with a server of its own, started before it and asked to end after it
+// the way a user would, which it must then do.
+class ServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { server_ = harness.startServer(); }
+  void TearDown() override {
+    platform::ChildProcess request;
+    if (request.start(harness.binary(KESTRIUM_SERVER), {"/shutdown"})) request.wait(kPatience);
+    // A test that ended its server itself has collected it already.
+    if (server_.running()) {
+      EXPECT_TRUE(server_.wait(kPatience).has_value()) << "the server ends on /shutdown";
+    }
+  }
+
+  ServerHarness harness;
+  platform::ChildProcess server_;
+};
+
 }  // namespace kestrium::test
