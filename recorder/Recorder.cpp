@@ -30,7 +30,7 @@ bool Recorder::setUp() {
   objects_.openNewSource();
   objects_.openNewEncoded();
   objects_.openCommonData();
-  if (encoder) objects_.openEncoderBuffer(static_cast<uint32_t>(encoder->width()), static_cast<uint32_t>(encoder->height()));
+  if (encoder) objects_.openEncoderBuffer(encoder->EncodedCapacity());
   CommonData* common = objects_.common();
   if (common == nullptr) {
     logLine(u"[Error]   *** CAP *** Cannot open the shared record of %s\n", name_);
