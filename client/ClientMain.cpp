@@ -63,9 +63,17 @@ int send(const CommandBlock& block) {
 }
 
 int features() {
+  // The server makes the features block before it probes the hardware, and
+  // opens its command channel once the probes are done: an open channel says
+  // that a server runs and the figures are in. A features block that nobody
+  // held before us is one we made: no server filled it.
   platform::SharedMapping mapping(std::u16string(kFeaturesName), sizeof(FeaturesBlock));
+  if (!commandChannelIsOpen() || !mapping.open() || !mapping.existed() || mapping.size() < sizeof(FeaturesBlock)) {
+    std::fputs("kestrium-client: no capture server is running\n", stderr);
+    return kExitNoReply;
+  }
   FeaturesBlock block{};
-  if (mapping.open() && mapping.size() >= sizeof block) std::memcpy(&block, mapping.view(), sizeof block);
+  std::memcpy(&block, mapping.view(), sizeof block);
   std::printf("quicksync=%u nvenc=%u amdvce=%u\n", block.quickSync, block.nvenc, block.amdVce);
   return kExitOk;
 }

@@ -54,8 +54,6 @@ uint32_t mulDiv(uint32_t a, uint32_t b, uint32_t c) {
   return static_cast<uint32_t>((uint64_t{a} * b + c / 2) / c);
 }
 
-uint32_t secondCharStream(uint32_t chunkId) { return ((chunkId >> 8) & 0xFF) & 0xCF; }
-
 }  // namespace
 
 void AVIVideoOutputStream::write(uint32_t flags, std::span<const std::byte> data, uint32_t count,
@@ -327,8 +325,8 @@ void AVIOutputFile::estimateSize(uint32_t size, int64_t position) {
 
 void AVIOutputFile::writeChunk(uint32_t chunkId, uint32_t flags, std::span<const std::byte> data) {
   if (failed_ || !open_) return;
-  const int stream = static_cast<int>(secondCharStream(chunkId));
-  if (stream >= kStreams || streamAt(stream) == nullptr) {
+  const int stream = chunkStream(chunkId);
+  if (stream < 0 || stream >= kStreams || streamAt(stream) == nullptr) {
     // A caller's mistake costs that chunk, not the file.
     if (!warnedStream_) logLine(u"[Error]   *** AVI *** A chunk of a stream the file does not have is left out\n");
     warnedStream_ = true;
@@ -376,7 +374,9 @@ void AVIOutputFile::writeStandardIndexes(int stream, std::vector<std::byte>& sup
     return;
   }
   const uint32_t chunkId = entries.front().chunkId;
-  const AVIOutputStream* owner = streamAt(static_cast<int>(secondCharStream(chunkId)));
+  // The index chunk takes its name and its stream from the chunks' id: "ix16"
+  // for the chunks of "16wb".
+  const AVIOutputStream* owner = streamAt(chunkStream(chunkId));
   const uint32_t sampleSize = owner->header.dwSampleSize;
 
   // The largest block size for which every group of entries lies within 4 GiB

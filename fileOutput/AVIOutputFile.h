@@ -57,11 +57,19 @@ class AVIAudioOutputStream : public AVIOutputStream {
   uint64_t bytes = 0;
 };
 
-// Audio chunk ids: "01wb" for the first audio stream, and on through the ASCII
-// characters after '9' for streams past 9.
+// Audio chunk ids: the stream number in two decimal digits and "wb", "01wb" for
+// the first audio stream to "16wb" for the last. AVI readers (ffmpeg's among
+// them) take the two leading digits of a chunk id as its stream number.
 constexpr uint32_t audioChunkId(uint32_t streamNumber) {
-  return static_cast<uint32_t>('0') | ((static_cast<uint32_t>('0') + streamNumber) << 8) |
-         (static_cast<uint32_t>('w') << 16) | (static_cast<uint32_t>('b') << 24);
+  const uint32_t tens = '0' + streamNumber / 10 % 10, ones = '0' + streamNumber % 10;
+  return tens | (ones << 8) | (static_cast<uint32_t>('w') << 16) | (static_cast<uint32_t>('b') << 24);
+}
+
+// The stream number of a chunk id, read back the way the ids are made: its first
+// two characters as decimal digits. -1 when they are not digits.
+constexpr int chunkStream(uint32_t chunkId) {
+  const uint32_t tens = (chunkId & 0xFF) - '0', ones = ((chunkId >> 8) & 0xFF) - '0';
+  return tens <= 9 && ones <= 9 ? static_cast<int>(tens * 10 + ones) : -1;
 }
 
 class AVIOutput {

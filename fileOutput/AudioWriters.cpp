@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "fileOutput/MP3Writer.h"
 #include "fileOutput/WavWriter.h"
 #include "platform/System.h"
@@ -24,6 +26,9 @@ WavWriter::~WavWriter() { endFile(); }
 int WavWriter::open(const WaveFormat* format) {
   if (format == nullptr || format->empty()) return 0;
   format_ = *format;
+  // Writes of a few milliseconds each stay in memory; a quarter second of them
+  // goes to the file at once. A format without a byte rate flushes every write.
+  flushEvery_ = std::max<size_t>(format_.avgBytesPerSec() / 4, 1);
   return startFile() ? 1 : 0;
 }
 
@@ -58,9 +63,22 @@ int WavWriter::write(std::span<const std::byte> data) {
     endFile();
     if (!startFile()) return 0;
   }
+  const int64_t inFile = sink_.inFile();
   sink_.write(data);
   bytes_ += data.size();
+  // A sink that wrote to the file by itself (its buffer was full) leaves the
+  // sizes behind: they follow at once.
+  if (sink_.buffered() >= flushEvery_ || sink_.inFile() != inFile) flushToDisk();
   return sink_.ok() ? 1 : 0;
+}
+
+void WavWriter::flushToDisk() {
+  if (!sink_.flush()) return;
+  // Two small writes in place: a reader of a file cut off here finds every byte
+  // up to now, and no more than there is.
+  const int64_t end = sink_.position();
+  sink_.patchL32(riffStart_ + 4, static_cast<uint32_t>(end - riffStart_ - 8));
+  sink_.patchL32(dataStart_ + 4, static_cast<uint32_t>(end - dataStart_ - 8));
 }
 
 int WavWriter::close(bool discard) {

@@ -32,6 +32,9 @@ class FileSink {
 
   // Bytes written so far, buffered ones included.
   int64_t position() const { return flushed_ + static_cast<int64_t>(buffer_.size()); }
+  // Bytes held in memory, not yet in the file, and bytes already in the file.
+  size_t buffered() const { return buffer_.size(); }
+  int64_t inFile() const { return flushed_; }
 
   void w8(uint8_t v);
   void wl16(uint16_t v);

@@ -7,8 +7,8 @@ bool CaptureObjects::openCommonData() {
   return commonData.open() && commonData.size() >= sizeof(CommonData);
 }
 
-bool CaptureObjects::openEncoderBuffer(uint32_t width, uint32_t height) {
-  encoderBuffer = platform::SharedMapping(name(kEncoderBufferSuffix), encoderBufferSize(width, height));
+bool CaptureObjects::openEncoderBuffer(uint64_t size) {
+  encoderBuffer = platform::SharedMapping(name(kEncoderBufferSuffix), size);
   return encoderBuffer.open();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -33,8 +34,9 @@ class CaptureObjects {
   bool openNewSource() { return newSource.create(name(kNewSourceSuffix)); }
   bool openNewEncoded() { return newEncoded.create(name(kNewEncodedSuffix)); }
   bool openCommonData();
-  // width x height x 4 bytes: room for any encoded frame of that size.
-  bool openEncoderBuffer(uint32_t width, uint32_t height);
+  // The encoded slot of size bytes: the encoder's EncodedCapacity(). A slot that
+  // exists already keeps the size it was made with.
+  bool openEncoderBuffer(uint64_t size);
   bool openSourceBuffer(uint64_t size);
 
   // The shared record, or null before openCommonData().
@@ -53,7 +55,16 @@ class CaptureObjects {
   std::u16string session_;
 };
 
-// Bytes of the encoded-frame buffer of a capture of that size.
-inline uint64_t encoderBufferSize(uint32_t width, uint32_t height) { return uint64_t{width} * height * 4; }
+// The least an encoded slot holds: a frame of a few pixels is mostly headers and
+// code tables (a JPEG's come to about 620 bytes, a TMB2 frame's to about 630),
+// which W x H x 4 bytes cannot hold below some 13 x 13 pixels.
+inline constexpr uint64_t kMinEncoderBuffer = 64 * 1024;
+
+// Bytes of the encoded slot of a capture of that size for the encoders whose
+// frames stay within 4 bytes a pixel (the uncompressed bitmap, TMB2), and the
+// least any encoder gets.
+inline uint64_t encoderBufferSize(uint32_t width, uint32_t height) {
+  return std::max(uint64_t{width} * height * 4, kMinEncoderBuffer);
+}
 
 }  // namespace kestrium

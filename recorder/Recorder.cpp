@@ -35,9 +35,7 @@ bool Recorder::setUp() {
   // A client may have made any of these names as something else: a capture
   // whose objects are not what they should be ends here, with its reason.
   const bool opened = objects_.openClientAlive(true) && objects_.openNewSource() && objects_.openNewEncoded() &&
-                      objects_.openCommonData() &&
-                      (!encoder || objects_.openEncoderBuffer(static_cast<uint32_t>(encoder->width()),
-                                                              static_cast<uint32_t>(encoder->height())));
+                      objects_.openCommonData() && (!encoder || objects_.openEncoderBuffer(encoder->EncodedCapacity()));
   CommonData* common = objects_.common();
   if (!opened || common == nullptr) {
     logLine(u"[Error]   *** CAP *** Cannot open the shared objects of %s; the capture ends\n", name_);

@@ -117,13 +117,13 @@ std::optional<std::filesystem::path> pathOf(std::u16string_view text, const char
 
 // Any program of the user can make a capture's names first, as something else:
 // a capture whose objects are not what they must be is refused before it runs.
-bool captureObjectsUsable(const StartParameters& p, std::u16string_view name) {
+// The encoded slot must also hold the largest frame of the capture's encoder.
+bool captureObjectsUsable(std::u16string_view name, uint64_t encodedCapacity) {
   CaptureObjects objects{std::u16string(name)};
   platform::NamedMutex clientAlive;  // only looked at: the client owns it
   const bool usable = clientAlive.create(objects.name(kClientAliveSuffix), false) && objects.openNewSource() &&
                       objects.openNewEncoded() && objects.openCommonData() &&
-                      objects.openEncoderBuffer(p.width, p.height) &&
-                      objects.encoderBuffer.size() >= encoderBufferSize(p.width, p.height);
+                      objects.openEncoderBuffer(encodedCapacity) && objects.encoderBuffer.size() >= encodedCapacity;
   if (!usable) {
     logLine(u"[Error]   *** CAP *** The shared objects of capture %s are missing or not what they should be\n", name);
   }
@@ -180,7 +180,8 @@ std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
   const auto destination = pathOf(wireString(params.destinationFolder), u"destination folder");
   const std::u16string_view baseName = wireString(params.baseName);
   if (!destination || !pathOf(baseName, u"base name")) return fail(nullptr);
-  if (!captureObjectsUsable(params, name)) return fail(nullptr);
+  // Before the encoder opens them, with the smallest slot any encoder needs.
+  if (!captureObjectsUsable(name, encoderBufferSize(params.width, params.height))) return fail(nullptr);
 
   auto recorder = std::make_unique<Recorder>(std::u16string(name));
   std::unique_ptr<IVidEncoder> encoder = CreateVideoEncoder(encoderName);
@@ -191,6 +192,7 @@ std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
   }
   recorder->encoder = std::move(encoder);
   IVidEncoder& video = *recorder->encoder;
+  if (!captureObjectsUsable(name, video.EncodedCapacity())) return fail(std::move(recorder));
 
   if (params.audioSources[0].deviceId[0] != u'\0') {
     logLine(u"[Warning] *** CAP *** This server records no audio yet: the audio sources are left out\n");

@@ -9,10 +9,23 @@
 
 namespace kestrium {
 
-bool deliverCommand(const CommandBlock& block, bool clearReplyWord) {
+namespace {
+
+// The command block, or a closed mapping when no server holds it. A block
+// nobody held before us has no server behind it; ours goes again when closed.
+platform::SharedMapping openServersCommandBlock() {
   platform::SharedMapping mapping(std::u16string(kCommandMappingName), sizeof(CommandBlock));
-  // A block nobody held before us has no server behind it.
-  if (!mapping.open() || !mapping.existed() || mapping.size() < sizeof(CommandBlock)) return false;
+  if (!mapping.open() || !mapping.existed() || mapping.size() < sizeof(CommandBlock)) return {};
+  return mapping;
+}
+
+}  // namespace
+
+bool commandChannelIsOpen() { return openServersCommandBlock().isOpen(); }
+
+bool deliverCommand(const CommandBlock& block, bool clearReplyWord) {
+  platform::SharedMapping mapping = openServersCommandBlock();
+  if (!mapping.isOpen()) return false;
   std::memcpy(mapping.view(), &block, sizeof block);
   if (clearReplyWord) {
     std::atomic_ref<uint32_t>(mapping.as<CommandBlock>()->replyWanted).store(0, std::memory_order_relaxed);

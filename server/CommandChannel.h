@@ -22,6 +22,10 @@ inline constexpr uint32_t kCommandMutexPatienceMs = 5000;
 // the block asks for one, let go of the mutex.
 SendResult sendCommand(const CommandBlock& block, uint32_t replyTimeoutMs);
 
+// True while a server holds the command channel open. The server opens it last,
+// once its dispatcher runs, after it has filled its features block.
+bool commandChannelIsOpen();
+
 // Copies block into the server's command block and rings the command event. The
 // caller holds the command mutex. With clearReplyWord the reply word in the
 // shared block is zeroed after the copy, for a sender that must not wait. False

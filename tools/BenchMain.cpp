@@ -33,6 +33,7 @@
 #include "codecs/ColorConvert.h"
 #include "codecs/CpuFeatures.h"
 #include "codecs/Tmb2FrameEncoder.h"
+#include "recorder/CaptureObjects.h"
 #if KESTRIUM_WITH_MJPEG
 #include "codecs/jpeg/JPEGEncoder.h"
 #endif
@@ -83,6 +84,7 @@ struct Worker {
 #endif
   AlignedBuffer out;
   uint64_t outBytes = 0;
+  uint64_t failed = 0;  // frames that did not fit out: no bytes of theirs are counted
 };
 
 // Blue first, rows as they are: the frame as the client hands it to "mjpeg".
@@ -216,19 +218,24 @@ int main(int argc, char** argv) {
   for (Worker& w : workers) {
     if (o.kernel == "tmb2") {
       w.encoder = std::make_unique<tmb2::FrameEncoder>(o.width, o.height, processCpuFlags());
-      w.out = AlignedBuffer(pixels * 4 + 64);
+      // The "fast" encoder's output: what does not fit there is no frame.
+      w.out = AlignedBuffer(static_cast<size_t>(encoderBufferSize(o.width, o.height)));
       if (!w.encoder->valid()) return 1;
 #if KESTRIUM_WITH_MJPEG
     } else if (o.kernel == "mjpeg") {
-      // Prepared once, as each worker of the encoder is.
-      w.out = AlignedBuffer(pixels * 3);
+      // Prepared once, as each worker of the encoder is, with an output as large
+      // as the encoder's.
+      const int sampling = o.subsample ? CJPEGEncoder::kSampling2x2 : CJPEGEncoder::kSampling444;
+      w.out = AlignedBuffer(static_cast<size_t>(
+          std::max(CJPEGEncoder::MaxOutputSize(static_cast<int>(o.width), static_cast<int>(o.height), sampling),
+                   encoderBufferSize(o.width, o.height))));
       w.jpeg = std::make_unique<CJPEGEncoder>();
       w.jpegSource.data = input.data();
       w.jpegSource.width = static_cast<int>(o.width);
       w.jpegSource.height = static_cast<int>(o.height);
       w.jpegSource.lineStep = static_cast<int>(o.width * 3);
       w.jpeg->SetSource(w.jpegSource, 1);
-      w.jpeg->SetParameters(o.subsample ? CJPEGEncoder::kSampling2x2 : CJPEGEncoder::kSampling444, o.quality);
+      w.jpeg->SetParameters(sampling, o.quality);
       if (w.jpeg->Prepare(&w.jpegOut) != CJPEGEncoder::kOk) return 1;
 #endif
     } else {
@@ -255,13 +262,21 @@ int main(int argc, char** argv) {
       w.jpegSource.data = reinterpret_cast<const std::byte*>(frame);
       w.jpeg->SetSource(w.jpegSource, 1);
       w.jpegOut.attach(w.out.span());
-      if (w.jpeg->WriteHeader() == CJPEGEncoder::kOk) w.jpeg->WriteData();
-      w.outBytes += w.jpegOut.count();
+      int result = w.jpeg->WriteHeader();
+      if (result == CJPEGEncoder::kOk) result = w.jpeg->WriteData();
+      // A frame that failed would be dropped by the encoder: what it wrote
+      // before it stopped is no frame.
+      if (result == CJPEGEncoder::kOk) {
+        w.outBytes += w.jpegOut.count();
+      } else {
+        ++w.failed;
+      }
 #endif
-    } else if (planar) {
-      w.outBytes += w.encoder->encodePlanes(frame, out, w.out.size());
     } else {
-      w.outBytes += w.encoder->encode(frame, out, w.out.size());
+      const size_t size =
+          planar ? w.encoder->encodePlanes(frame, out, w.out.size()) : w.encoder->encode(frame, out, w.out.size());
+      w.outBytes += size;
+      w.failed += size == 0;
     }
   };
 
@@ -269,6 +284,7 @@ int main(int argc, char** argv) {
   for (size_t t = 0; t < workers.size(); ++t) {
     runFrame(workers[t], t);
     workers[t].outBytes = 0;
+    workers[t].failed = 0;
   }
   std::atomic<int> ready{0};
   std::atomic<bool> go{false};
@@ -287,12 +303,21 @@ int main(int argc, char** argv) {
   for (std::thread& th : threads) th.join();
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
-  uint64_t outBytes = 0;
-  for (const Worker& w : workers) outBytes += w.outBytes;
+  uint64_t outBytes = 0, failed = 0;
+  for (const Worker& w : workers) {
+    outBytes += w.outBytes;
+    failed += w.failed;
+  }
   const double fps = static_cast<double>(total) / seconds;
   std::fprintf(stderr, "kestrium-bench: %s, %zu frames of %ux%u, %d thread%s, kernels %s\n", o.kernel.c_str(), total,
                o.width, o.height, o.threads, o.threads == 1 ? "" : "s", cpuTierName(processCpuFlags()));
+  if (failed != 0) {
+    std::fprintf(stderr, "kestrium-bench: %llu frames did not fit the output buffer; bytes_per_frame leaves them out\n",
+                 static_cast<unsigned long long>(failed));
+  }
+  // The size of the frames that were made; a failed frame has none.
+  const uint64_t made = total - failed;
   std::printf("fps=%.2f mb_per_s=%.1f bytes_per_frame=%.0f\n", fps, fps * static_cast<double>(frameBytes) / 1e6,
-              static_cast<double>(outBytes) / static_cast<double>(total));
+              made != 0 ? static_cast<double>(outBytes) / static_cast<double>(made) : 0.0);
   return 0;
 }

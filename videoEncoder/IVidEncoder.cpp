@@ -1,6 +1,9 @@
 #include "videoEncoder/IVidEncoder.h"
 
+#include <algorithm>
+
 #include "platform/Text.h"
+#include "recorder/CaptureObjects.h"
 #include "server/Log.h"
 #include "videoEncoder/VidEncoderFast.h"
 #include "videoEncoder/VidEncoderLoseless.h"
@@ -28,6 +31,10 @@ int IVidEncoder::Init(const OptionList& options) {
     return true;
   });
   return Open();
+}
+
+uint64_t IVidEncoder::EncodedCapacity() const {
+  return encoderBufferSize(static_cast<uint32_t>(std::max(width_, 0)), static_cast<uint32_t>(std::max(height_, 0)));
 }
 
 std::unique_ptr<IVidEncoder> CreateVideoEncoder(std::u16string_view name) {

@@ -60,6 +60,12 @@ class IVidEncoder {
   // 1: the headers can be read only after the first encoded frame.
   virtual int HeadersAfterFirstFrame() { return 0; }
 
+  // Bytes of the encoded slot and of each worker's output: room for the largest
+  // frame this encoder makes at its size. The encoder makes the slot with this
+  // size and the recorder opens it with the same. By default W x H x 4 and at
+  // least kMinEncoderBuffer; an encoder whose frames can grow larger says so.
+  virtual uint64_t EncodedCapacity() const;
+
   const std::u16string& sessionName() const { return sessionName_; }
   int32_t width() const { return width_; }
   int32_t height() const { return height_; }

@@ -1,6 +1,7 @@
 #include "videoEncoder/VidEncoder.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 #include "platform/Clock.h"
@@ -25,16 +26,20 @@ int VidEncoder::Open() {
   objects_ = CaptureObjects(sessionName_);
   objects_.openNewEncoded();
   objects_.openCommonData();
-  objects_.openEncoderBuffer(static_cast<uint32_t>(std::max(width_, 0)), static_cast<uint32_t>(std::max(height_, 0)));
+  // The slot and the workers' outputs are sized alike: a frame that fits one
+  // fits the other.
+  const uint64_t capacity = EncodedCapacity();
+  objects_.openEncoderBuffer(capacity);
 
   const size_t frameSize = static_cast<size_t>(std::max(width_, 0)) * std::max(height_, 0) * 3;
+  const size_t encodedSize = static_cast<size_t>(std::min<uint64_t>(capacity, SIZE_MAX));
   const int count = std::max(threads_, 0);
   idle_.reserve(count);
   inFlight_.reserve(count);
   for (int i = 0; i < count; ++i) {
     auto worker = std::make_unique<EncodeWorker>();
     worker->frame = AlignedBuffer(frameSize);
-    worker->encoded = AlignedBuffer(EncodedCapacity());
+    worker->encoded = AlignedBuffer(encodedSize);
     worker->width = width_;
     worker->height = height_;
     worker->owner = this;

@@ -54,10 +54,6 @@ class VidEncoder : public IVidEncoder {
   //   while (WaitForWork(worker)) { ...encode frame into encoded...; DeliverEncoded(worker); }
   virtual void WorkerLoop(EncodeWorker& worker) = 0;
 
-  // Bytes of each worker's output buffer; an encoder whose frames can grow past
-  // the source size asks for more.
-  virtual size_t EncodedCapacity() const { return static_cast<size_t>(width_) * height_ * 3; }
-
   // Waits for the next frame; false once the worker is to end.
   bool WaitForWork(EncodeWorker& worker);
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "codecs/Tmb2FrameEncoder.h"
-#include "recorder/CaptureObjects.h"
 #include "server/Log.h"
 
 namespace kestrium {
@@ -13,11 +12,6 @@ VidEncoderFast::~VidEncoderFast() { StopWorkers(); }
 BitmapInfoHeader* VidEncoderFast::GetBitmapFormat(BitmapInfoHeader* header) {
   *header = makeBitmapHeader(width_, height_, 16, tmb2::kFourcc, 0);
   return header;
-}
-
-size_t VidEncoderFast::EncodedCapacity() const {
-  return static_cast<size_t>(
-      encoderBufferSize(static_cast<uint32_t>(std::max(width_, 0)), static_cast<uint32_t>(std::max(height_, 0))));
 }
 
 void VidEncoderFast::WorkerLoop(EncodeWorker& worker) {
@@ -34,9 +28,8 @@ void VidEncoderFast::WorkerLoop(EncodeWorker& worker) {
     auto* out = reinterpret_cast<uint8_t*>(worker.encoded.data());
     const size_t size = encoder.encode(frame, out, worker.encoded.size());
     if (size == 0 && !warned) {
-      // Nothing larger than the encoder buffer can be delivered: a frame of
-      // noise made to defeat the code, or a picture so small that the code
-      // tables outweigh it. It goes out empty and the file shows a dropped frame.
+      // Nothing larger than the encoder buffer can be delivered: a frame made to
+      // defeat the code. It goes out empty and the file shows a dropped frame.
       logLine(u"[Error]   Fast encoder: a frame does not fit in the %u bytes of the encoder buffer; such frames "
               u"are delivered empty\n",
               static_cast<uint32_t>(worker.encoded.size()));

@@ -15,10 +15,9 @@ class VidEncoderFast : public VidEncoder {
   BitmapInfoHeader* GetBitmapFormat(BitmapInfoHeader* header) override;
 
  protected:
+  // The coder stops at the worker's output of EncodedCapacity() bytes, since
+  // nothing larger could be delivered.
   void WorkerLoop(EncodeWorker& worker) override;
-  // A frame is delivered through the encoder buffer of width x height x 4 bytes;
-  // the coder stops at that size, since nothing larger could be delivered.
-  size_t EncodedCapacity() const override;
 };
 
 }  // namespace kestrium

@@ -12,7 +12,7 @@ int VidEncoderLoseless::Open() {
   objects_ = CaptureObjects(sessionName_);
   objects_.openNewEncoded();
   objects_.openCommonData();
-  objects_.openEncoderBuffer(static_cast<uint32_t>(width_), static_cast<uint32_t>(height_));
+  objects_.openEncoderBuffer(EncodedCapacity());
   return 1;
 }
 

@@ -34,6 +34,11 @@ BitmapInfoHeader* VidEncoderMJPEG::GetBitmapFormat(BitmapInfoHeader* header) {
   return header;
 }
 
+uint64_t VidEncoderMJPEG::EncodedCapacity() const {
+  const int sampling = fullColorSpace_ != 0 ? CJPEGEncoder::kSampling444 : CJPEGEncoder::kSampling2x2;
+  return std::max(IVidEncoder::EncodedCapacity(), CJPEGEncoder::MaxOutputSize(width_, height_, sampling));
+}
+
 void VidEncoderMJPEG::WorkerLoop(EncodeWorker& worker) {
   CJPEGEncoder engine;
   CJPGOutput output;

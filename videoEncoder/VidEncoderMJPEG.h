@@ -16,6 +16,8 @@ class VidEncoderMJPEG : public VidEncoder {
   void Close() override;
   BitmapInfoHeader* GetBitmapFormat(BitmapInfoHeader* header) override;
   int WantsTopDownRows() override { return 1; }
+  // A JPEG can take more than W x H x 4 bytes: see CJPEGEncoder::MaxOutputSize.
+  uint64_t EncodedCapacity() const override;
 
   int fullColorRange() const { return fullColorRange_; }
   int fullColorSpace() const { return fullColorSpace_; }

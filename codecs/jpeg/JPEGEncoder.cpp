@@ -221,6 +221,21 @@ int CJPEGEncoder::Prepare(CBaseStreamOutput* sink) {
   return kOk;
 }
 
+uint64_t CJPEGEncoder::MaxOutputSize(int width, int height, int sampling) {
+  // SOI, JFIF, two quantisation tables, the frame, four Huffman tables, the scan
+  // header and EOI come to about 620 bytes.
+  constexpr uint64_t kMarkers = 2048;
+  constexpr uint64_t kBytesPerSample = 2;
+  if (width <= 0 || height <= 0) return kMarkers;
+  const uint64_t mcu = sampling == kSampling2x2 ? 16 : 8;
+  const uint64_t paddedWidth = (static_cast<uint64_t>(width) + mcu - 1) / mcu * mcu;
+  const uint64_t paddedHeight = (static_cast<uint64_t>(height) + mcu - 1) / mcu * mcu;
+  const uint64_t area = paddedWidth * paddedHeight;
+  // Luma covers the padded area; each chroma plane all of it or a quarter.
+  const uint64_t samples = sampling == kSampling2x2 ? area + area / 2 : 3 * area;
+  return samples * kBytesPerSample + kMarkers;
+}
+
 int CJPEGEncoder::WriteHeader() {
   State& s = *state_;
   if (!s.prepared) return kBadParameter;

@@ -178,6 +178,67 @@ TEST_F(RecordingEndToEndTest, MjpegRecordingIsReadAndDecodedWhole) {
   EXPECT_NE(harness.log().find("Frames encoded 60, refused 0"), std::string::npos);
 }
 
+class TinyRecordingTest : public RecordingEndToEndTest, public ::testing::WithParamInterface<const char*> {};
+
+// A picture of 17 x 9 pixels: odd in both directions, and so small that a
+// frame's headers and code tables outweigh its pixels. Every frame the client
+// fed is in the file, whole, and decodes.
+TEST_P(TinyRecordingTest, EveryFrameOfAnOddTinyPictureDecodes) {
+  constexpr uint32_t kTinyWidth = 17, kTinyHeight = 9, kFrames = 10;
+  const std::string encoder = GetParam();
+#if !KESTRIUM_WITH_MJPEG
+  if (encoder == "mjpeg") GTEST_SKIP() << "this build has no JPEG engine";
+#endif
+  ASSERT_EQ(harness.client({"record", "--dir", dir().string(), "--encoder", encoder, "--size", "17x9", "--frames",
+                            std::to_string(kFrames), "--pace", "realtime"}),
+            0)
+      << harness.clientOutput;
+  EXPECT_EQ(field(harness.clientOutput, "frames_skipped"), "0");
+  const auto files = filesIn(harness.clientOutput);
+  ASSERT_EQ(files.size(), 1u) << harness.clientOutput;
+
+  const AviFile avi(files[0]);
+  size_t chunks = 0;
+  for (const auto& c : avi.top.at(0).find("LIST", "movi")->children) {
+    if (c.code != "00dc" && c.code != "00db") continue;
+    EXPECT_GT(c.size, 0u) << "frame " << chunks << " was recorded empty";
+    ++chunks;
+  }
+  EXPECT_EQ(chunks, kFrames);
+
+  std::string out;
+  if (encoder == "fast") {
+    EXPECT_EQ(runTool(harness.binary(KESTRIUM_TMB2_TOOL), {"verify", files[0].string()}, out), 0) << out;
+    EXPECT_NE(out.find("TMB2 17x9, 10 frames"), std::string::npos) << out;
+    EXPECT_NE(out.find("OK: every frame decodes"), std::string::npos) << out;
+    EXPECT_EQ(out.find("dropped"), std::string::npos) << out;
+    return;
+  }
+  if (!haveTools()) GTEST_SKIP() << "ffprobe and ffmpeg are not available in this build";
+  const std::string info = probe(files[0]);
+  EXPECT_NE(info.find("nb_read_packets=10"), std::string::npos) << info;
+  const auto decoded = harness.folder() / "decoded.rgb";
+  ASSERT_EQ(runTool(KESTRIUM_FFMPEG,
+                    {"-v", "error", "-i", files[0].string(), "-f", "rawvideo", "-pix_fmt", "rgb24", decoded.string()},
+                    out),
+            0)
+      << out;
+  EXPECT_EQ(out, "") << "ffmpeg complains";
+  const std::vector<char> frames = readBytes(decoded);
+  constexpr size_t kTinyFrame = size_t{kTinyWidth} * kTinyHeight * 3;
+  ASSERT_EQ(frames.size(), kFrames * kTinyFrame);
+  if (encoder != "no_compression") return;
+  // Uncompressed, the file holds exactly the client's pattern.
+  std::vector<std::byte> pattern(kTinyFrame);
+  for (uint32_t f = 0; f < kFrames; ++f) {
+    client::PatternSource::render(kTinyWidth, kTinyHeight, f, pattern);
+    EXPECT_EQ(std::memcmp(frames.data() + f * kTinyFrame, pattern.data(), kTinyFrame), 0) << "frame " << f;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Encoders, TinyRecordingTest, ::testing::Values("fast", "mjpeg", "no_compression"),
+                         [](const auto& info) { return std::string(info.param); });
+
 // As fast as the server takes frames: refused frames leave gaps, which the
 // frame grid fills, and every frame that is there is the one it stands for.
 TEST_F(RecordingEndToEndTest, MaxPaceRecordingPutsEveryTakenFrameOnItsGridPlace) {

@@ -43,6 +43,7 @@ TEST_F(ServerEndToEndTest, StartsLogsAndEndsOnShutdownRequest) {
   EXPECT_EQ(harness.client({"features"}), 0);
   EXPECT_EQ(harness.clientOutput, "quicksync=0 nvenc=0 amdvce=0\n");
   shutDown(server);
+  EXPECT_EQ(harness.client({"features"}), 3) << "the server is gone: " << harness.clientOutput;
 }
 
 TEST_F(ServerEndToEndTest, SecondCopyIsRefusedAndTheFirstGoesOn) {
@@ -85,8 +86,11 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return "Case" + std::to_string(info.index); });
 
 TEST_F(ServerEndToEndTest, ClientWithoutAServerSaysSoAndExitsThree) {
-  EXPECT_EQ(harness.client({"stop", "x"}), 3);
-  EXPECT_NE(harness.clientOutput.find("no capture server is running"), std::string::npos);
+  using Args = std::vector<std::string>;
+  for (const Args& verb : {Args{"stop", "x"}, Args{"features"}}) {
+    EXPECT_EQ(harness.client(verb), 3) << verb[0];
+    EXPECT_EQ(harness.clientOutput, "kestrium-client: no capture server is running\n") << verb[0];
+  }
   EXPECT_EQ(harness.client({"pause", "x", "maybe"}), 2);
   EXPECT_EQ(harness.client({"frobnicate"}), 2);
 }

@@ -51,6 +51,12 @@ std::unique_ptr<AVIOutputFile> makeFile(const std::filesystem::path& path, int a
   return file;
 }
 
+// The id of the chunks of audio stream n (1 to 16) as AVI readers take it: the
+// stream number in two decimal digits, then "wb".
+std::string audioId(int n) {
+  return std::string{static_cast<char>('0' + n / 10), static_cast<char>('0' + n % 10)} + "wb";
+}
+
 struct Written {
   uint32_t chunkId;
   uint32_t size;
@@ -70,7 +76,9 @@ std::vector<Written> writeStream(AVIOutputFile& file, int frames, size_t videoSi
     for (int a = 0; a < audio; ++a) {
       const auto pcm = payload(audioSize, 1000 + f * 16 + a);
       file.audioStream(a)->write(0, pcm, 0, a + 1);
-      written.push_back({audioChunkId(a + 1), static_cast<uint32_t>(audioSize), false,
+      uint32_t id = 0;
+      std::memcpy(&id, audioId(a + 1).data(), 4);
+      written.push_back({id, static_cast<uint32_t>(audioSize), false,
                          static_cast<uint32_t>(1000 + f * 16 + a)});
     }
   }
@@ -219,11 +227,20 @@ TEST_P(JunkPaddingTest, PaddingFollowsTheLengthRule) {
 
 INSTANTIATE_TEST_SUITE_P(Lengths, JunkPaddingTest, ::testing::Values(0u, 2u, 80u, 82u, 2040u));
 
+struct SegmentedCase {
+  int audio;
+  int64_t limit;
+};
+
+class MultiSegmentTest : public AVIOutputFileTest, public ::testing::WithParamInterface<SegmentedCase> {};
+
 // A file past its first RIFF: AVIX segments, standard index chunks in the last
-// movi, super-indexes in the headers, idx1 for the first RIFF only.
-TEST_F(AVIOutputFileTest, MultiSegmentFileIndexesEveryChunkByPositionAndSize) {
-  auto file = makeFile(path(), 1, 16384);
-  const auto written = writeStream(*file, 40, 3000, 1, 1200);
+// movi, super-indexes in the headers, idx1 for the first RIFF only. Streams 10
+// and up have their chunks and index chunks named with two digits.
+TEST_P(MultiSegmentTest, MultiSegmentFileIndexesEveryChunkByPositionAndSize) {
+  const auto [audio, limit] = GetParam();
+  auto file = makeFile(path(), audio, limit);
+  const auto written = writeStream(*file, 40, 3000, audio, 1200);
   ASSERT_EQ(file->finalize(), 1);
   const int segments = file->segments();
   file.reset();
@@ -241,7 +258,7 @@ TEST_F(AVIOutputFileTest, MultiSegmentFileIndexesEveryChunkByPositionAndSize) {
     const AviChunk* movi = riff.find("LIST", "movi");
     ASSERT_NE(movi, nullptr);
     EXPECT_EQ(movi->position + 8 + movi->size, k == 0 ? riff.find("idx1")->position : end);
-    EXPECT_LE(movi->size, 16384u + 12) << "no segment much over its limit";
+    EXPECT_LE(movi->size, static_cast<uint32_t>(limit) + 12) << "no segment much over its limit";
     EXPECT_EQ(riff.find("idx1") != nullptr, k == 0);
   }
   EXPECT_EQ(end, avi.size());
@@ -260,8 +277,9 @@ TEST_F(AVIOutputFileTest, MultiSegmentFileIndexesEveryChunkByPositionAndSize) {
   const auto chunks = dataChunks(avi);
   const AviChunk& last = avi.top.back();
   const auto strls = hdrl->all("LIST");
-  for (int s = 0; s < 2; ++s) {
-    const std::string id = s == 0 ? "00dc" : "01wb";
+  ASSERT_EQ(strls.size(), static_cast<size_t>(audio) + 2) << "the stream lists and odml";
+  for (int s = 0; s <= audio; ++s) {
+    const std::string id = s == 0 ? "00dc" : audioId(s);
     const AviChunk* indx = strls[s]->find("indx");
     ASSERT_NE(indx, nullptr) << id;
     EXPECT_EQ(indx->size, 4120u);
@@ -303,6 +321,10 @@ TEST_F(AVIOutputFileTest, MultiSegmentFileIndexesEveryChunkByPositionAndSize) {
     EXPECT_EQ(seen, streamChunks.size()) << "every chunk of " << id << " is indexed";
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Streams, MultiSegmentTest,
+                         ::testing::Values(SegmentedCase{1, 16384}, SegmentedCase{16, 64 * 1024}),
+                         [](const auto& info) { return std::to_string(info.param.audio) + "Audio"; });
 
 struct Boundary {
   uint32_t size;

@@ -82,7 +82,8 @@ class FileWriterAVITest : public ::testing::Test {
     std::string out;
     EXPECT_EQ(test::runTool(KESTRIUM_FFPROBE,
                             {"-v", "error", "-count_packets", "-show_entries",
-                             "stream=codec_type,codec_name,nb_frames,nb_read_packets,r_frame_rate,duration,width,height",
+                             "stream=index,codec_type,codec_name,nb_frames,nb_read_packets,r_frame_rate,duration,width,"
+                             "height",
                              "-of", "default=nw=1", file.string()},
                             out),
               0)
@@ -109,6 +110,25 @@ class FileWriterAVITest : public ::testing::Test {
   }
 
   static bool haveTools() { return !std::string(KESTRIUM_FFPROBE).empty(); }
+
+  // One "name=value" line of ffprobe's report.
+  static std::string field(const std::string& text, const std::string& name) {
+    const size_t at = text.find(name + "=");
+    if (at == std::string::npos) return {};
+    const size_t start = at + name.size() + 1;
+    return text.substr(start, text.find('\n', start) - start);
+  }
+
+  // ffprobe's report cut into its streams, in order.
+  static std::vector<std::string> streamsOf(const std::string& info) {
+    std::vector<std::string> streams;
+    for (size_t at = info.find("index="); at != std::string::npos;) {
+      const size_t next = info.find("index=", at + 1);
+      streams.push_back(info.substr(at, next - at));
+      at = next;
+    }
+    return streams;
+  }
 
   test::TempFolder folder_;
 };
@@ -153,6 +173,18 @@ TEST_P(ReadByFfmpegTest, FfprobeAndFfmpegReadEveryFrame) {
   EXPECT_EQ(test::countOf(info, "nb_frames=" + std::to_string(c.frames * 1600) + "\n"),
             static_cast<size_t>(c.audioTracks))
       << info;
+  // ffprobe finds the packets of a stream by the stream number in its chunk
+  // ids: every track holds the same audio, so every track has as many packets
+  // as the first, which ffmpeg cuts from one chunk a frame.
+  const std::vector<std::string> streams = streamsOf(info);
+  ASSERT_EQ(streams.size(), 1u + c.audioTracks) << info;
+  const std::string packets = field(streams.at(1), "nb_read_packets");
+  EXPECT_GE(std::stoul(packets), c.frames) << streams[1];
+  for (int s = 1; s <= c.audioTracks; ++s) {
+    EXPECT_EQ(field(streams[s], "index"), std::to_string(s));
+    EXPECT_EQ(field(streams[s], "codec_type"), "audio") << streams[s];
+    EXPECT_EQ(field(streams[s], "nb_read_packets"), packets) << "stream " << s << ": " << streams[s];
+  }
 
   const auto sums = decodedChecksums(file);
   ASSERT_EQ(sums.size(), c.frames);
@@ -164,7 +196,10 @@ TEST_P(ReadByFfmpegTest, FfprobeAndFfmpegReadEveryFrame) {
 INSTANTIATE_TEST_SUITE_P(Files, ReadByFfmpegTest,
                          ::testing::Values(ProbeCase{64, 48, 1, AVIOutputFile::kSegmentLimit, 60},
                                            ProbeCase{37, 21, 2, AVIOutputFile::kSegmentLimit, 45},
-                                           ProbeCase{64, 48, 2, 64 * 1024, 120}),
+                                           ProbeCase{64, 48, 2, 64 * 1024, 120},
+                                           // Streams 10 to 16 need ids of two digits.
+                                           ProbeCase{64, 48, 16, AVIOutputFile::kSegmentLimit, 30},
+                                           ProbeCase{64, 48, 16, 1024 * 1024, 60}),
                          [](const auto& info) { return "Case" + std::to_string(info.index); });
 
 // Frame numbers place frames on the grid: a skipped number leaves empty frames,

@@ -149,6 +149,77 @@ TEST_F(SideTrackTest, Mp3TrackIsTheFramesAsGivenInOnePart) {
   EXPECT_FALSE(std::filesystem::exists(folder_.path() / "rec.2.0.mp3"));
 }
 
+struct OnDiskCase {
+  const char* name;
+  bool wav;  // else MP3 frames, which have no header
+  WaveFormat format;
+  size_t piece;  // bytes a write, as the audio pump hands them over
+};
+void PrintTo(const OnDiskCase& c, std::ostream* os) { *os << c.name; }
+
+class SideTrackOnDiskTest : public ::testing::TestWithParam<OnDiskCase> {
+ protected:
+  test::TempFolder folder_;
+};
+
+// A server that is killed loses what its side tracks hold in memory. After
+// every write of a second of audio, the file on disk, not yet closed, holds all
+// but at most a quarter second of it (by the format's byte rate), byte for byte,
+// and its sizes say how much it holds.
+TEST_P(SideTrackOnDiskTest, AllButAQuarterSecondIsOnDiskBeforeTheFileIsClosed) {
+  const OnDiskCase& c = GetParam();
+  std::unique_ptr<IAudioWriter> writer;
+  if (c.wav) {
+    writer = std::make_unique<WavWriter>(folder_.path() / "rec", 0);
+  } else {
+    writer = std::make_unique<MP3Writer>(folder_.path() / "rec", 0);
+  }
+  ASSERT_EQ(writer->open(&c.format), 1);
+  const auto file = writer->files().at(0);
+  const size_t second = c.format.avgBytesPerSec();
+  const size_t lagAllowed = c.wav ? second / 4 : 0;
+  const size_t header = c.wav ? 20 + c.format.bytes().size() + 8 : 0;
+  std::vector<std::byte> audio(second);
+  for (size_t i = 0; i < audio.size(); ++i) audio[i] = std::byte((i * 7 + i / 251) & 0xFF);
+
+  for (size_t written = 0; written < second;) {
+    const size_t n = std::min(c.piece, second - written);
+    ASSERT_EQ(writer->write(std::span(audio).subspan(written, n)), 1);
+    written += n;
+    const std::vector<char> disk = test::readBytes(file);
+    const size_t onDisk = disk.size() > header ? disk.size() - header : 0;
+    ASSERT_GE(onDisk + lagAllowed, written) << "after " << written << " bytes, " << onDisk << " are on disk";
+    ASSERT_LE(onDisk, written);
+    ASSERT_EQ(std::memcmp(disk.data() + header, audio.data(), onDisk), 0) << "after " << written << " bytes";
+    if (c.wav && onDisk > 0) {
+      ASSERT_EQ(le32(disk, 4), disk.size() - 8) << "RIFF size after " << written << " bytes";
+      ASSERT_EQ(le32(disk, header - 4), onDisk) << "data size after " << written << " bytes";
+    }
+  }
+  // As a player would find it after a crash: at least three quarters of the second.
+  if (c.wav && !std::string(KESTRIUM_FFPROBE).empty()) {
+    std::string out;
+    ASSERT_EQ(test::runTool(KESTRIUM_FFPROBE,
+                            {"-v", "error", "-show_entries", "stream=duration", "-of", "csv=p=0", file.string()}, out),
+              0)
+        << out;
+    const double seconds = std::stod(out);
+    EXPECT_GE(seconds, 0.75) << out;
+    EXPECT_LE(seconds, 1.0) << out;
+  }
+  writer->close(false);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Formats, SideTrackOnDiskTest,
+    ::testing::Values(OnDiskCase{"Stereo48kIn10ms", true, WaveFormat::pcm(48000, 2, 16), 1920},
+                      OnDiskCase{"Mono8kIn10ms", true, WaveFormat::pcm(8000, 1, 16), 160},
+                      OnDiskCase{"Stereo44kIn21ms", true, WaveFormat::pcm(44100, 2, 16), 3700},
+                      OnDiskCase{"Surround96k24BitIn5ms", true, WaveFormat::pcm(96000, 6, 24), 8640},
+                      OnDiskCase{"Stereo48kInHalfSeconds", true, WaveFormat::pcm(48000, 2, 16), 96000},
+                      OnDiskCase{"Mp3Frames", false, WaveFormat::pcm(48000, 2, 16), 417}),
+    [](const auto& info) { return std::string(info.param.name); });
+
 // A writer whose side tracks open and close them through the base.
 class SideTrackOutput : public IFileWriter {
  public:

@@ -451,5 +451,35 @@ TEST(KestriumBenchTest, PrintsOneLineOfFiguresPerKernel) {
   EXPECT_EQ(test::runTool(bench, {"tmb2", "--input", frames.string()}, output), 2) << "no size";
 }
 
+// Noise at quality 100 makes JPEGs larger than the frames: the figure is the
+// size of those whole JPEGs, as the "mjpeg" encoder delivers them.
+TEST(KestriumBenchTest, MjpegFigureIsTheSizeOfWholeFramesEvenWhenLargerThanTheSource) {
+#if !KESTRIUM_WITH_MJPEG
+  GTEST_SKIP() << "this build has no JPEG engine";
+#else
+  constexpr uint32_t kWidth = 64, kHeight = 48;
+  test::TempFolder folder;
+  const auto frames = folder.path() / "noise.rgb";
+  std::vector<uint8_t> raw;
+  for (uint32_t i = 0; i < 2; ++i) {
+    const std::vector<uint8_t> one = test::picture(test::Picture::Noise, kWidth, kHeight, i + 1);
+    raw.insert(raw.end(), one.begin(), one.end());
+  }
+  writeFile(frames, raw);
+  std::string output;
+  ASSERT_EQ(test::runTool(tool(KESTRIUM_BENCH_TOOL),
+                          {"mjpeg", "--input", frames.string(), "--size", "64x48", "--frames", "4", "--quality", "100"},
+                          output),
+            0)
+      << output;
+
+  // Cut at an output of W x H x 3 bytes, every frame would count exactly that.
+  double fps = 0, mbps = 0, bytes = 0;
+  ASSERT_TRUE(figures(output, fps, mbps, bytes)) << output;
+  EXPECT_GT(bytes, kWidth * kHeight * 4.0) << output;
+  EXPECT_LT(bytes, kWidth * kHeight * 6.0) << output;
+#endif
+}
+
 }  // namespace
 }  // namespace kestrium

@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
 
   CaptureObjects objects(platform::toUtf16(argv[1]));
   if (!objects.openCommonData() || !objects.openNewSource() || !objects.openNewEncoded() ||
-      !objects.openSourceBuffer(size) || !objects.openEncoderBuffer(width, height)) {
+      !objects.openSourceBuffer(size) || !objects.openEncoderBuffer(encoderBufferSize(width, height))) {
     return 10;
   }
   CommonData* common = objects.common();

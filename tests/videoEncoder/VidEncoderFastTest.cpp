@@ -33,7 +33,7 @@ class Consumer {
   Consumer(const std::u16string& session, uint32_t width, uint32_t height) : objects_(session) {
     objects_.openNewEncoded();
     objects_.openCommonData();
-    objects_.openEncoderBuffer(width, height);
+    objects_.openEncoderBuffer(encoderBufferSize(width, height));
     stop_.create({}, true);
     storeShared(objects_.common()->encodedFree, 1u);
     thread_.start([this] { run(); });
@@ -143,21 +143,6 @@ INSTANTIATE_TEST_SUITE_P(Sizes, VidEncoderFastTest,
                            return std::to_string(info.param.width) + "x" + std::to_string(info.param.height) + "_" +
                                   std::to_string(info.param.threads) + "Threads";
                          });
-
-// A picture so small that the code tables outweigh the encoder buffer of
-// width x height x 4 bytes cannot be delivered: it goes out empty, in its place.
-TEST(VidEncoderFastEdgeTest, FrameLargerThanTheEncoderBufferIsDeliveredEmpty) {
-  platform::setObjectNamespace(test::uniqueNamespace());
-  Consumer consumer(u"cap", 4, 4);
-  auto encoder = openFast(4, 4, 1);
-  const std::vector<uint8_t> source = test::picture(test::Picture::Noise, 4, 4);
-  while (encoder->EncodeFrame(std::as_bytes(std::span(source)), 0, 7) == 0) platform::sleepMs(1);
-  encoder->Close();
-  const std::vector<Delivered> taken = consumer.taken();
-  ASSERT_EQ(taken.size(), 1u);
-  EXPECT_EQ(taken[0].position, 7u);
-  EXPECT_TRUE(taken[0].bytes.empty());
-}
 
 TEST(VidEncoderFastFormatTest, DescribesATmb2StreamOfKeyFramesFromBottomUpBgr) {
   VidEncoderFast encoder;

@@ -36,7 +36,7 @@ TEST_P(LoselessTest, RowsLandAtThePaddedStride) {
   constexpr int kHeight = 3;
   CaptureObjects recorder(u"cap");
   ASSERT_TRUE(recorder.openCommonData());
-  ASSERT_TRUE(recorder.openEncoderBuffer(width, kHeight));
+  ASSERT_TRUE(recorder.openEncoderBuffer(encoderBufferSize(width, kHeight)));
   std::memset(recorder.encoderBuffer.view(), 0xEE, recorder.encoderBuffer.size());
   storeShared(recorder.common()->encodedFree, 1u);
 

@@ -48,7 +48,7 @@ class Consumer {
   explicit Consumer(const std::u16string& session) : objects_(session) {
     objects_.openNewEncoded();
     objects_.openCommonData();
-    objects_.openEncoderBuffer(64, 64);
+    objects_.openEncoderBuffer(encoderBufferSize(64, 64));
     stop_.create({}, true);
     // The client's duty: both slots start free.
     storeShared(objects_.common()->encodedFree, 1u);
@@ -208,7 +208,7 @@ TEST_F(VidEncoderEdgeTest, SourceLargerThanAFrameIsRefused) {
 TEST_F(VidEncoderEdgeTest, EncodedFrameThatDoesNotFitIsDeliveredEmpty) {
   Consumer consumer(u"cap");
   auto encoder = open(1);
-  encoder->encodedSizeOverride = 64 * 64 * 4 + 1;
+  encoder->encodedSizeOverride = static_cast<uint32_t>(encoderBufferSize(64, 64)) + 1;
   feed(*encoder, 5);
   encoder->Close();
   const auto taken = consumer.taken();
