@@ -7,10 +7,11 @@
 
 namespace kestrium {
 
-std::filesystem::path IAudioWriter::nextFileName(const char* extension) {
-  std::filesystem::path name = basePath_;
-  name += "." + std::to_string(track_) + "." + std::to_string(part_++) + extension;
-  files_.push_back(name);
+std::filesystem::path IAudioWriter::createNextFile(platform::File& file, const char* extension) {
+  std::filesystem::path stem = basePath_;
+  stem += "." + std::to_string(track_) + "." + std::to_string(part_++);
+  std::filesystem::path name = file.createNumbered(stem, extension);
+  if (!name.empty()) files_.push_back(name);
   return name;
 }
 
@@ -33,12 +34,14 @@ int WavWriter::open(const WaveFormat* format) {
 }
 
 bool WavWriter::startFile() {
-  const std::filesystem::path name = nextFileName(".wav");
-  logLine(u"  *** WAV *** new file    : %s\n", name.u16string());
-  if (!sink_.open(name)) {
+  platform::File file;
+  const std::filesystem::path name = createNextFile(file, ".wav");
+  if (name.empty()) {
     logLine(u"[Error]   *** WAV *** open file %d\n", platform::lastError());
     return false;
   }
+  logLine(u"  *** WAV *** new file    : %s\n", name.u16string());
+  sink_.open(std::move(file));
   riffStart_ = sink_.beginList("RIFF", "WAVE");
   const int64_t fmt = sink_.beginChunk("fmt ");
   sink_.write(format_.bytes());
@@ -89,12 +92,12 @@ int WavWriter::close(bool discard) {
 }
 
 int MP3Writer::open(const WaveFormat* /*format*/) {
-  const std::filesystem::path name = nextFileName(".mp3");
-  logLine(u"  *** MP3 *** new file    : %s\n", name.u16string());
-  if (!file_.open(name, platform::File::Mode::CreateAlways)) {
+  const std::filesystem::path name = createNextFile(file_, ".mp3");
+  if (name.empty()) {
     logLine(u"[Error]   *** MP3 *** open file %d\n", platform::lastError());
     return 0;
   }
+  logLine(u"  *** MP3 *** new file    : %s\n", name.u16string());
   return 1;
 }
 

@@ -16,6 +16,15 @@ bool FileSink::open(const std::filesystem::path& path) {
   return ok_;
 }
 
+bool FileSink::open(platform::File file) {
+  close();
+  buffer_.clear();
+  flushed_ = 0;
+  file_ = std::move(file);
+  ok_ = file_.isOpen();
+  return ok_;
+}
+
 bool FileSink::close() {
   if (!file_.isOpen()) return ok_;
   flush();

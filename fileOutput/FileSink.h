@@ -24,6 +24,8 @@ class FileSink {
 
   // Creates (or empties) the file.
   bool open(const std::filesystem::path& path);
+  // Takes over a file the caller has made.
+  bool open(platform::File file);
   // Writes what is buffered and closes; false if anything failed.
   bool close();
   bool isOpen() const { return file_.isOpen(); }

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/File.h"
+
 #include "fileOutput/WaveFormat.h"
 
 namespace kestrium {
@@ -31,8 +33,11 @@ class IAudioWriter {
   const std::vector<std::filesystem::path>& files() const { return files_; }
 
  protected:
-  // The next part's file name, which joins the list.
-  std::filesystem::path nextFileName(const char* extension);
+  // Makes the next part's file, new and unshared, in file: the name, or
+  // " (2)" and so on before the extension when that is taken (an older
+  // recording's track is never overwritten). The name made joins the list; empty
+  // when no file could be made.
+  std::filesystem::path createNextFile(platform::File& file, const char* extension);
   void deleteFiles();
 
   std::filesystem::path basePath_;

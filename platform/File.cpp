@@ -28,10 +28,12 @@ std::filesystem::path File::createNumbered(const std::filesystem::path& stem, st
     if (n > 1) name += " (" + std::to_string(n) + ")";
     name += std::string(extension);
     if (open(name, Mode::CreateNew, Share::Exclusive)) return name;
-    // Only a name that is taken sends us to the next number; any other failure
-    // (no folder, no rights, a full disk) would fail there too.
+    // Only a name that another file has taken sends us to the next number; any
+    // other failure (no folder, no rights, a full disk, a folder in the way of
+    // the file) is the destination's and would fail there too.
     std::error_code ec;
-    if (!std::filesystem::exists(std::filesystem::symlink_status(name, ec))) return {};
+    const std::filesystem::file_status status = std::filesystem::symlink_status(name, ec);
+    if (!std::filesystem::exists(status) || std::filesystem::is_directory(status)) return {};
   }
   return {};
 }

@@ -122,6 +122,21 @@ TEST_F(FileWriterFaultTest, BeginWhileWritingFinishesTheFileAndGoesOnInANewOne) 
   EXPECT_EQ(std::filesystem::file_size(wavs[2]), 46u + counts[0] * 6400u);
 }
 
+// A side track never overwrites a file that is there, though its recording's
+// own name was free.
+TEST_F(FileWriterFaultTest, SideTrackOfATakenNameGetsANumber) {
+  const auto out = folder_.path() / "out";
+  std::filesystem::create_directories(out);
+  std::ofstream(out / "game_2014-11-05_10-20-30.0.0.wav") << "older";
+  auto w = writer(out, true);
+  ASSERT_EQ(w->begin(), 1);
+  w->writeWrapper(frame(0), 0, 0, 0, 1);
+  w->writeWrapper(std::vector<std::byte>(6400), 1, 0, 0, 1);
+  w->finish(false);
+  EXPECT_EQ(std::filesystem::file_size(out / "game_2014-11-05_10-20-30.0.0.wav"), 5u);
+  EXPECT_EQ(std::filesystem::file_size(out / "game_2014-11-05_10-20-30.0.0 (2).wav"), 46u + 6400u);
+}
+
 // The recorder's thread writes while the command thread presses record: no
 // frame may reach a closed file, be written twice or be lost.
 TEST_F(FileWriterFaultTest, BeginsDuringWritesLoseNoFrame) {
