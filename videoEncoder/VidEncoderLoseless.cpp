@@ -17,6 +17,8 @@ int VidEncoderLoseless::Open() {
 }
 
 int VidEncoderLoseless::EncodeFrame(std::span<const std::byte> source, uint32_t timed, uint32_t position) {
+  std::lock_guard guard(lock_);
+  if (closed_) return 0;
   CommonData* common = objects_.common();
   if (common == nullptr || width_ <= 0 || height_ <= 0 || loadShared(common->encodedFree) == 0) return 0;
   const size_t row = static_cast<size_t>(width_) * 3;
@@ -42,7 +44,11 @@ int VidEncoderLoseless::EncodeFrame(std::span<const std::byte> source, uint32_t 
   return 1;
 }
 
-void VidEncoderLoseless::Close() { objects_.closeAll(); }
+void VidEncoderLoseless::Close() {
+  std::lock_guard guard(lock_);
+  closed_ = true;
+  objects_.closeAll();
+}
 
 BitmapInfoHeader* VidEncoderLoseless::GetBitmapFormat(BitmapInfoHeader* header) {
   *header = makeBitmapHeader(width_, height_, 24, 0,

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <mutex>
+
 #include "recorder/CaptureObjects.h"
 #include "videoEncoder/IVidEncoder.h"
 
@@ -20,6 +22,10 @@ class VidEncoderLoseless : public IVidEncoder {
   uint32_t stride() const { return (static_cast<uint32_t>(width_) * 3 + 3) & ~3u; }
 
  private:
+  // EncodeFrame runs on the recorder's thread, which still runs while the
+  // command thread closes the encoder: the slot's objects go only under this lock.
+  std::mutex lock_;
+  bool closed_ = false;
   CaptureObjects objects_;
   bool warnedShortFrame_ = false;
 };

@@ -89,6 +89,15 @@ class CommandFuzzTest : public ServerTest {
 
   SendResult send(const CommandBlock& block) { return sendCommand(block, 15000); }
 
+  // What a failure report needs: whether the server still runs, and the end of its log.
+  std::string serverState() {
+    std::string state;
+    if (const auto status = server_.wait(0)) state = "the server ended with status " + std::to_string(*status) + "\n";
+    const std::string log = harness.log();
+    const size_t from = log.size() > 6000 ? log.size() - 6000 : 0;
+    return state + "the log ends:\n" + log.substr(from);
+  }
+
   // A live capture of ours, fed frames of wild sizes and positions.
   void feedFrames() {
     if (!live_) {
@@ -110,7 +119,7 @@ class CommandFuzzTest : public ServerTest {
       live_->objects().newSource.set();
     }
     if (chance(10)) {
-      EXPECT_EQ(live_->stop(chance(50)), SendResult::Replied);
+      EXPECT_EQ(live_->stop(chance(50)), SendResult::Replied) << serverState();
       live_.reset();
     }
   }
@@ -214,7 +223,8 @@ TEST_F(CommandFuzzTest, ServerSurvivesWhatAnyClientCanSend) {
         break;
     }
     ASSERT_TRUE(result == SendResult::Replied || result == SendResult::Sent)
-        << "case " << kKindNames[static_cast<size_t>(kind)] << " got no reply (seed " << seed << ")";
+        << "case " << kKindNames[static_cast<size_t>(kind)] << " got no reply (seed " << seed << ")\n"
+        << serverState();
   }
 
   std::printf("cases sent per kind:");

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "platform/ChildProcess.h"
@@ -71,6 +73,31 @@ TEST_P(LoselessTest, RowsLandAtThePaddedStride) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Widths, LoselessTest, ::testing::Values(1, 2, 3, 4, 5, 7, 1919, 1920));
+
+// The recorder's thread still encodes while the command thread closes the
+// encoder: a frame either goes whole into the slot or is refused, never into a
+// slot that is being closed.
+TEST_F(LoselessTest, CloseWhileTheRecorderEncodesIsSafe) {
+  constexpr int kWidth = 320, kHeight = 180;
+  CaptureObjects recorder(u"race");
+  ASSERT_TRUE(recorder.openCommonData());
+  const std::vector<std::byte> source(size_t{kWidth} * kHeight * 3, std::byte{7});
+  for (int round = 0; round < 50; ++round) {
+    auto encoder = openLoseless(kWidth, kHeight, "race");
+    std::atomic<bool> closed{false};
+    std::thread encoding([&] {
+      while (!closed) {
+        storeShared(recorder.common()->encodedFree, 1u);
+        encoder->EncodeFrame(source, 0, 0);
+      }
+    });
+    platform::sleepMs(static_cast<uint32_t>(round % 3));
+    encoder->Close();
+    closed = true;
+    encoding.join();
+    EXPECT_EQ(encoder->EncodeFrame(source, 0, 0), 0) << "a closed encoder takes nothing";
+  }
+}
 
 TEST(LoselessFlagsTest, DescribesItselfAsAnUpsideDownBgrBitmapWithoutKeyFlags) {
   VidEncoderLoseless encoder;
