@@ -10,7 +10,9 @@ namespace kestrium {
 std::filesystem::path IAudioWriter::createNextFile(platform::File& file, const char* extension) {
   std::filesystem::path stem = basePath_;
   stem += "." + std::to_string(track_) + "." + std::to_string(part_++);
-  std::filesystem::path name = file.createNumbered(stem, extension);
+  // New, so that nothing is overwritten, but open to readers: a player may
+  // follow the sound of a recording while it goes on.
+  std::filesystem::path name = file.createNumbered(stem, extension, platform::File::Share::All);
   if (!name.empty()) files_.push_back(name);
   return name;
 }

@@ -19,7 +19,8 @@ File& File::operator=(File&& other) noexcept {
   return *this;
 }
 
-std::filesystem::path File::createNumbered(const std::filesystem::path& stem, std::string_view extension) {
+std::filesystem::path File::createNumbered(const std::filesystem::path& stem, std::string_view extension,
+                                           Share share) {
   // Enough for any real folder; a bound keeps a folder of a million names from
   // turning one start into a million system calls.
   constexpr int kMostNumbers = 1000;
@@ -27,7 +28,7 @@ std::filesystem::path File::createNumbered(const std::filesystem::path& stem, st
     std::filesystem::path name = stem;
     if (n > 1) name += " (" + std::to_string(n) + ")";
     name += std::string(extension);
-    if (open(name, Mode::CreateNew, Share::Exclusive)) return name;
+    if (open(name, Mode::CreateNew, share)) return name;
     // Only a name that another file has taken sends us to the next number; any
     // other failure (no folder, no rights, a full disk, a folder in the way of
     // the file) is the destination's and would fail there too.

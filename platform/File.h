@@ -60,7 +60,8 @@ class File {
   // name is taken, stem + " (2)" + extension, " (3)" and so on. Never truncates
   // an existing file. The name it made, or empty when no file could be made
   // (lastError() tells why).
-  std::filesystem::path createNumbered(const std::filesystem::path& stem, std::string_view extension);
+  std::filesystem::path createNumbered(const std::filesystem::path& stem, std::string_view extension,
+                                       Share share = Share::Exclusive);
 
  private:
   // A POSIX descriptor or a Win32 HANDLE, whichever the backend uses.

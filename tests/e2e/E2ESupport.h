@@ -139,8 +139,9 @@ class RawCapture {
   }
   SendResult begin() { return sendCommand(namedCommand(kCommandEndPrerecording, objects_.session(), 0), 10000); }
 
-  // One frame at that position, once the slot is free; false if the slot stays
-  // busy for ms.
+  // One frame at that position, once the previous one has gone all the way
+  // through (taken, encoded and written), so that none is refused for a busy
+  // slot; false if that takes longer than ms.
   bool give(uint32_t position, uint8_t fill, uint32_t ms = 5000) {
     CommonData* c = objects_.common();
     if (!waitFree(ms)) return false;
@@ -155,7 +156,8 @@ class RawCapture {
 
   bool waitFree(uint32_t ms) {
     const uint64_t until = platform::monotonicNs() + uint64_t{ms} * 1000000;
-    while (loadShared(objects_.common()->sourceFree) == 0) {
+    const CommonData* c = objects_.common();
+    while (loadShared(c->sourceFree) == 0 || loadShared(c->encodedFree) == 0) {
       if (platform::monotonicNs() > until) return false;
       platform::sleepMs(1);
     }
