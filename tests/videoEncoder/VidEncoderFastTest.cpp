@@ -42,9 +42,18 @@ class Consumer {
     stop_.set();
     thread_.join(kPatience);
   }
-  std::vector<Delivered> taken() {
-    std::lock_guard guard(mutex_);
-    return delivered_;
+  // What the consumer has copied out, once it holds at least expected frames
+  // (the encoder's Close returns when the last frame is in the slot, which the
+  // consumer's thread then still has to take) or the patience is over.
+  std::vector<Delivered> taken(size_t expected = 0) {
+    const uint64_t until = platform::monotonicNs() + uint64_t{kPatience} * 1000000;
+    for (;;) {
+      {
+        std::lock_guard guard(mutex_);
+        if (delivered_.size() >= expected || platform::monotonicNs() > until) return delivered_;
+      }
+      platform::sleepMs(1);
+    }
   }
 
  private:
@@ -115,7 +124,7 @@ TEST_P(VidEncoderFastTest, EveryFrameDecodesToTheConversionOfItsSource) {
   }
   encoder->Close();
 
-  const std::vector<Delivered> taken = consumer.taken();
+  const std::vector<Delivered> taken = consumer.taken(kFrames);
   ASSERT_EQ(taken.size(), kFrames);
   const tmb2::FrameLayout layout = tmb2::frameLayout(w, h);
   std::vector<uint8_t> planes(layout.planesSize), expected(layout.planesSize), residuals(size_t(w) * h);

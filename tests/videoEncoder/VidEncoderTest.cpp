@@ -60,9 +60,18 @@ class Consumer {
   }
 
   void hold(bool on) { held_ = on; }
-  std::vector<Delivered> taken() {
-    std::lock_guard guard(mutex_);
-    return delivered_;
+  // What the consumer has copied out, once it holds at least expected frames
+  // (Close returns when the last frame is in the slot, which this thread then
+  // still has to take) or a while has passed.
+  std::vector<Delivered> taken(size_t expected) {
+    const uint64_t until = platform::monotonicNs() + 20'000'000'000ull;
+    for (;;) {
+      {
+        std::lock_guard guard(mutex_);
+        if (delivered_.size() >= expected || platform::monotonicNs() > until) return delivered_;
+      }
+      platform::sleepMs(1);
+    }
   }
   size_t count() {
     std::lock_guard guard(mutex_);
@@ -139,7 +148,7 @@ TEST_P(VidEncoderTest, FramesComeOutInTheOrderTheyWereTaken) {
   constexpr uint32_t kFrames = 2000;
   for (uint32_t i = 0; i < kFrames; ++i) feed(*encoder, i);
   encoder->Close();
-  const auto taken = consumer.taken();
+  const auto taken = consumer.taken(kFrames);
   ASSERT_EQ(taken.size(), kFrames) << "Close delivers every frame it took";
   for (uint32_t i = 0; i < kFrames; ++i) {
     ASSERT_EQ(taken[i].position, i);
@@ -176,7 +185,7 @@ TEST_P(VidEncoderTest, SlowConsumerMakesEncodeFrameRefuseWithoutBlocking) {
 
   consumer.hold(false);
   encoder->Close();
-  const auto taken = consumer.taken();
+  const auto taken = consumer.taken(accepted);
   ASSERT_EQ(taken.size(), accepted);
   for (uint32_t i = 0; i < accepted; ++i) EXPECT_EQ(taken[i].position, i);
   EXPECT_EQ(encoder->EncodeFrame(frame(1), 0, 99), 0) << "a closed encoder takes nothing";
@@ -211,7 +220,7 @@ TEST_F(VidEncoderEdgeTest, EncodedFrameThatDoesNotFitIsDeliveredEmpty) {
   encoder->encodedSizeOverride = static_cast<uint32_t>(encoderBufferSize(64, 64)) + 1;
   feed(*encoder, 5);
   encoder->Close();
-  const auto taken = consumer.taken();
+  const auto taken = consumer.taken(1);
   ASSERT_EQ(taken.size(), 1u);
   EXPECT_EQ(taken[0].size, 0u);
   EXPECT_EQ(taken[0].position, 5u) << "it still holds its place on the grid";
