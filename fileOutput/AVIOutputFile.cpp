@@ -59,7 +59,8 @@ uint32_t mulDiv(uint32_t a, uint32_t b, uint32_t c) {
 void AVIVideoOutputStream::write(uint32_t flags, std::span<const std::byte> data, uint32_t count,
                                  uint32_t /*streamNumber*/) {
   owner_->writeChunk(chunkId, flags, data);
-  samples += count;
+  // The header counts only what the file holds.
+  if (!owner_->failed()) samples += count;
 }
 
 int AVIVideoOutputStream::finalize() {
@@ -70,7 +71,7 @@ int AVIVideoOutputStream::finalize() {
 void AVIAudioOutputStream::write(uint32_t flags, std::span<const std::byte> data, uint32_t /*samples*/,
                                  uint32_t streamNumber) {
   owner_->writeChunk(audioChunkId(streamNumber), flags, data);
-  bytes += data.size();
+  if (!owner_->failed()) bytes += data.size();
 }
 
 int AVIAudioOutputStream::finalize() {

@@ -82,6 +82,8 @@ class AVIOutput {
                    uint32_t audioMask, uint32_t bufferSize, int interleaved) = 0;
   virtual int finalize() = 0;
   virtual void writeChunk(uint32_t chunkId, uint32_t flags, std::span<const std::byte> data) = 0;
+  // Nothing more is written: a write failed, or the file reached a limit.
+  virtual bool failed() const { return false; }
 
   AVIVideoOutputStream* videoStream() const { return video_.get(); }
   AVIAudioOutputStream* audioStream(int index) const { return audio_[index].get(); }
@@ -119,8 +121,7 @@ class AVIOutputFile : public AVIOutput {
   void writeChunk(uint32_t chunkId, uint32_t flags, std::span<const std::byte> data) override;
 
   int segments() const { return segmentCount_; }
-  // A write failed, or the file reached a limit: nothing more is written to it.
-  bool failed() const { return failed_; }
+  bool failed() const override { return failed_; }
 
  private:
   static constexpr int kStreams = 1 + kAudioStreams;

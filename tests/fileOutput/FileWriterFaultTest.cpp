@@ -48,12 +48,12 @@ bool haveTools() { return !std::string(KESTRIUM_FFPROBE).empty(); }
 
 // ffprobe's count of the video packets; where ffprobe cannot run (under wine),
 // our own count of non-empty chunks stands in.
-int64_t probedPackets(const std::filesystem::path& avi) {
+int64_t probedPackets(const std::filesystem::path& avi, const char* entry = "nb_read_packets") {
   if (!haveTools()) return static_cast<int64_t>(videoChunks(avi).frames);
   std::string out;
   if (test::runTool(KESTRIUM_FFPROBE,
                     {"-v", "error", "-count_packets", "-select_streams", "v:0", "-show_entries",
-                     "stream=nb_read_packets", "-of", "default=nw=1:nk=1", avi.string()},
+                     std::string("stream=") + entry, "-of", "default=nw=1:nk=1", avi.string()},
                     out) != 0) {
     return -1;
   }
@@ -206,6 +206,7 @@ TEST_P(FullVolumeTest, FullVolumeEndsTheFileReadably) {
   ASSERT_EQ(avis.size(), 1u);
   EXPECT_EQ(videoChunks(avis[0]).frames, written);
   EXPECT_EQ(probedPackets(avis[0]), written) << "ffprobe reads every whole frame";
+  EXPECT_EQ(probedPackets(avis[0], "nb_frames"), written) << "and the header counts just those";
   const std::string log = test::readLog(folder_.path() / "Kestrium.txt");
   EXPECT_NE(log.find("*** AVI *** Writing the file failed (error "), std::string::npos) << log;
   EXPECT_EQ(log.find("left without its index") != std::string::npos, noRoomForTheIndex) << log;
