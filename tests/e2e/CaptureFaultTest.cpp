@@ -24,19 +24,6 @@ constexpr size_t kFrameBytes = size_t{kWidth} * kHeight * 3;
 
 std::string sizeText() { return std::to_string(kWidth) + "x" + std::to_string(kHeight); }
 
-// The encoded-frame count the server logs for a capture at its stop.
-int64_t framesEncoded(const std::string& log, const std::string& name) {
-  const std::string tail = " for " + name + "\r\n";
-  for (size_t end = log.find(tail); end != std::string::npos; end = log.find(tail, end + 1)) {
-    const size_t start = log.rfind("Frames encoded ", end);
-    if (start != std::string::npos && log.find('\n', start) > end) {
-      const std::string count = log.substr(start + 15, log.find(',', start) - start - 15);
-      return wholeNumber(count);
-    }
-  }
-  return -1;
-}
-
 // Non-empty video chunks of an AVI, whatever their stream's code.
 std::vector<std::string> videoChunks(const std::filesystem::path& avi) {
   const AviFile file(avi);

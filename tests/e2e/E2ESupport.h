@@ -48,6 +48,19 @@ inline int64_t wholeNumber(const std::string& text) {
   return std::stoll(text);
 }
 
+// The encoded-frame count the server logs for a capture at its stop.
+inline int64_t framesEncoded(const std::string& log, const std::string& name) {
+  const std::string tail = " for " + name + "\r\n";
+  for (size_t end = log.find(tail); end != std::string::npos; end = log.find(tail, end + 1)) {
+    const size_t start = log.rfind("Frames encoded ", end);
+    if (start != std::string::npos && log.find('\n', start) > end) {
+      const std::string count = log.substr(start + 15, log.find(',', start) - start - 15);
+      return wholeNumber(count);
+    }
+  }
+  return -1;
+}
+
 // ffprobe's count of the video stream's packets and frames, read whole; -1 when
 // it cannot read the file.
 struct Probe {
