@@ -5,9 +5,11 @@ set -euo pipefail
 
 packages=(
   # native build and the libraries the product uses
-  build-essential cmake ninja-build pkg-config libjpeg62-turbo-dev
+  build-essential cmake ninja-build pkg-config libjpeg62-turbo-dev libpulse-dev
   # tests and benchmarks, and the independent readers that check our files
   googletest libgtest-dev libgmock-dev libbenchmark-dev ffmpeg sox
+  # a real sound server for the audio tests: a PulseAudio daemon with null sinks
+  pulseaudio pulseaudio-utils
   # the Windows builds and running their tests
   g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix wine64
 )
