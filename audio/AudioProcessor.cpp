@@ -30,7 +30,11 @@ int32_t AudioProcessor::AddSource(std::u16string_view deviceName, int32_t volume
     return 1;
   }
   std::unique_ptr<AudioSource> source = makeSource_ ? makeSource_(stereo_) : nullptr;
-  if (!source || source->Open(index, deviceName, 1) == 0) return 0;
+  if (!source) {
+    logLine(u"[Warning] *** AUD *** This build captures no audio devices: %s is left out\n", deviceName);
+    return 0;
+  }
+  if (source->Open(index, deviceName, 1) == 0) return 0;
   source->setVolume(volume);
   sources_.push_back(std::move(source));
   sampleCounters_.push_back(0);

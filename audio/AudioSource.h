@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "audio/StereoMixSettings.h"
 #include "fileOutput/WaveFormat.h"
 
 namespace kestrium {
@@ -47,14 +48,6 @@ uint32_t channelMaskOf(const WaveFormatExtensible& format);
 // As the writers take it: the record's bytes, 18 plus its extra size.
 WaveFormat toWaveFormat(const WaveFormatExtensible& format);
 
-// The weights with which several speakers fold into two: a 32-byte record of
-// the capture command.
-struct StereoMixSettings {
-  uint32_t normalize;
-  // front, centre, left and right of centre, back, back centre, side, low frequency
-  float weights[7];
-};
-static_assert(sizeof(StereoMixSettings) == 32);
 
 // The weights divided by the sum of those whose speakers the mask holds; the
 // others stay as they are. Only with normalize set.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "server/Log.h"
+
 namespace kestrium {
 
 AudioSourceMixer::AudioSourceMixer(ChildFactory makeChild, std::optional<StereoMixSettings> stereo)
@@ -13,7 +15,11 @@ AudioSourceMixer::~AudioSourceMixer() = default;
 
 int AudioSourceMixer::Open(int32_t index, std::u16string_view deviceName, int32_t verbose) {
   std::unique_ptr<AudioSource> child = makeChild_ ? makeChild_(stereo_) : nullptr;
-  if (!child || child->Open(index, deviceName, verbose) == 0) return 0;
+  if (!child) {
+    logLine(u"[Warning] *** AUD *** This build captures no audio devices: %s is left out\n", deviceName);
+    return 0;
+  }
+  if (child->Open(index, deviceName, verbose) == 0) return 0;
   AddChild(std::move(child));
   return 1;
 }

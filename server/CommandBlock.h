@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "audio/StereoMixSettings.h"
+
 namespace kestrium {
 
 inline constexpr std::u16string_view kCommandMappingName = u"Kestrium5CaptureServer_Command";
@@ -27,12 +29,6 @@ enum Command : uint32_t {
   kCommandPause = 4,
 };
 
-// Mixing weights of a stereo capture, handed to the audio graph as they are.
-struct StereoMixSettings {
-  uint32_t normalize;
-  float weights[7];
-};
-static_assert(sizeof(StereoMixSettings) == 32);
 
 struct AudioSourceEntry {
   char16_t deviceId[128];  // empty ends the list
