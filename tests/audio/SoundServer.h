@@ -5,7 +5,9 @@
 // this process and its children reach through PULSE_SERVER. It is stopped by
 // its pid at the end.
 
+#include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -21,9 +23,14 @@ class SoundServer {
  public:
   SoundServer() {
     const std::string dir = folder_.path().string();
+    // A socket's path must fit in 108 bytes, which a test's folder may not: the
+    // socket gets a short folder of its own.
+    socketDir_ = std::filesystem::path("/tmp") / ("kestrium-pa-" + std::to_string(std::random_device()()));
+    std::filesystem::create_directories(socketDir_);
+    const std::string socket = (socketDir_ / "native").string();
     {
       std::ofstream config(folder_.path() / "default.pa");
-      config << "load-module module-native-protocol-unix auth-anonymous=1 socket=" << dir << "/native\n"
+      config << "load-module module-native-protocol-unix auth-anonymous=1 socket=" << socket << "\n"
              << "load-module module-null-sink sink_name=game rate=48000 channels=2 "
                 "sink_properties=device.description=\"Game\\ Audio\"\n"
              << "load-module module-null-sink sink_name=micsink rate=48000 channels=1 "
@@ -43,7 +50,7 @@ class SoundServer {
       why_ = "no PulseAudio daemon could start";
       return;
     }
-    server_ = "unix:" + dir + "/native";
+    server_ = "unix:" + socket;
     platform::setEnvironmentVariable("PULSE_SERVER", platform::toUtf16(server_));
     env_.emplace_back("PULSE_SERVER", server_);
     const uint64_t until = platform::monotonicNs() + 10'000'000'000ull;
@@ -67,6 +74,8 @@ class SoundServer {
       daemon_.kill();
       daemon_.wait(5000);
     }
+    std::error_code ec;
+    std::filesystem::remove_all(socketDir_, ec);
   }
   SoundServer(const SoundServer&) = delete;
   SoundServer& operator=(const SoundServer&) = delete;
@@ -109,6 +118,7 @@ class SoundServer {
   platform::ChildProcess::Environment env_;
   platform::ChildProcess daemon_;
   std::vector<platform::ChildProcess> players_;
+  std::filesystem::path socketDir_;
   std::string server_;
   std::string why_;
   bool up_ = false;
