@@ -40,7 +40,6 @@ std::vector<std::string> videoChunks(const std::filesystem::path& avi) {
 
 class CaptureFaultTest : public ServerTest {
  protected:
-  std::filesystem::path dir() const { return harness.folder() / "recordings"; }
 
   // rgb24 frames, each stamped with its number so that no two are alike.
   std::filesystem::path stampedFrames(uint32_t n) {
@@ -79,17 +78,10 @@ class CaptureFaultTest : public ServerTest {
     return b;
   }
 
-  std::optional<uint64_t> serverThreads() const { return processStatus(server_.id(), "Threads"); }
   std::optional<uint64_t> baselineThreads() const { return settledThreads(server_.id()); }
   std::optional<uint64_t> serverResidentKb() const { return processStatus(server_.id(), "VmRSS"); }
 
-  // Waits until the server's threads are back to what they were.
-  void expectThreadsBackTo(std::optional<uint64_t> before) const {
-    if (!before) return;
-    const uint64_t until = platform::monotonicNs() + uint64_t{kPatience} * 1000000;
-    while (serverThreads() != before && platform::monotonicNs() < until) platform::sleepMs(20);
-    EXPECT_EQ(serverThreads(), before) << "threads left running";
-  }
+
 
 };
 
@@ -258,7 +250,7 @@ TEST_F(CaptureFaultTest, BurstOfDeadClientsEndsEveryCapture) {
   size_t running = 0;
   while (!settled(log = harness.log(), running) && platform::monotonicNs() < until) platform::sleepMs(50);
   EXPECT_EQ(running, 0u) << "captures left running:\n" << log;
-  expectThreadsBackTo(threadsBefore);
+  EXPECT_EQ(threadsAfterSettling(server_.id(), threadsBefore, kPatience), threadsBefore) << "threads left running";
   EXPECT_EQ(harness.client({"stop", "nobody"}), 0) << "the server still answers";
 }
 

@@ -241,16 +241,13 @@ TEST_F(CommandFuzzTest, ServerSurvivesWhatAnyClientCanSend) {
   squatters.clear();
   squatterEvents.clear();
   dead.clear();
-  if (threadsBefore) {
-    const uint64_t settleUntil = platform::monotonicNs() + 30'000'000'000ull;
-    // Names reused by the fuzzing may hold several recorders each: stop until none is left.
-    while (processStatus(server_.id(), "Threads") != threadsBefore && platform::monotonicNs() < settleUntil) {
-      for (int i = 0; i <= 5; ++i) send(namedCommand(kCommandStop, u"fz" + platform::toUtf16(std::to_string(i)), 1));
-      for (int i = 0; i <= 3; ++i) send(namedCommand(kCommandStop, u"fzsq" + platform::toUtf16(std::to_string(i)), 1));
-      platform::sleepMs(200);
-    }
-    EXPECT_EQ(processStatus(server_.id(), "Threads"), threadsBefore) << "threads left (seed " << seed << ")";
-  }
+  // Names reused by the fuzzing may hold several recorders each: stop until none is left.
+  const auto stopAll = [&] {
+    for (int i = 0; i <= 5; ++i) send(namedCommand(kCommandStop, u"fz" + platform::toUtf16(std::to_string(i)), 1));
+    for (int i = 0; i <= 3; ++i) send(namedCommand(kCommandStop, u"fzsq" + platform::toUtf16(std::to_string(i)), 1));
+  };
+  EXPECT_EQ(threadsAfterSettling(server_.id(), threadsBefore, 30000, stopAll), threadsBefore)
+      << "threads left (seed " << seed << ")";
   if (residentBefore) {
     EXPECT_LT(*processStatus(server_.id(), "VmRSS"), *residentBefore + 256 * 1024)
         << "the server grew by more than 256 MB (seed " << seed << ")";

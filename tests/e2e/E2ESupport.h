@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -101,6 +102,18 @@ inline std::optional<uint64_t> settledThreads(uint32_t pid) {
     last = now;
   }
   return last;
+}
+
+// Waits until a process is back to the thread count it had (nothing to wait for
+// where the OS does not tell), doing meanwhile between looks; the count at the end.
+inline std::optional<uint64_t> threadsAfterSettling(uint32_t pid, std::optional<uint64_t> expected, uint64_t ms,
+                                                    const std::function<void()>& meanwhile = {}) {
+  const uint64_t until = platform::monotonicNs() + ms * 1000000;
+  while (expected && processStatus(pid, "Threads") != expected && platform::monotonicNs() < until) {
+    if (meanwhile) meanwhile();
+    platform::sleepMs(20);
+  }
+  return processStatus(pid, "Threads");
 }
 
 // The client side of one capture, made by hand.

@@ -24,7 +24,6 @@ constexpr size_t kFrameBytes = size_t{kWidth} * kHeight * 3;
 
 class RecordingEndToEndTest : public ServerTest {
  protected:
-  std::filesystem::path dir() const { return harness.folder() / "recordings"; }
 
   // A raw file of n frames of the client's pattern, rgb24 top-down.
   std::filesystem::path rawFrames(uint32_t n) {
@@ -469,13 +468,7 @@ TEST_P(BadStartTest, BadStartIsRefusedAndTheServerGoesOn) {
 
   ASSERT_EQ(record({"--seconds", "1", "--size", "160x90"}), 0) << harness.clientOutput;
   EXPECT_EQ(filesIn(harness.clientOutput).size(), 1u);
-  if (threadsBefore) {
-    const uint64_t until = platform::monotonicNs() + uint64_t{kPatience} * 1000000;
-    while (processStatus(server_.id(), "Threads") != threadsBefore && platform::monotonicNs() < until) {
-      platform::sleepMs(20);
-    }
-    EXPECT_EQ(processStatus(server_.id(), "Threads"), threadsBefore) << "no thread is left behind";
-  }
+  EXPECT_EQ(threadsAfterSettling(server_.id(), threadsBefore, kPatience), threadsBefore) << "no thread is left behind";
   // Written by the server, read by other programs: no text from a client may
   // leave it unreadable as UTF-16.
   const std::u16string text = readUtf16(harness.logPath());

@@ -128,6 +128,7 @@ class ServerHarness {
 // the way a user would, which it must then do.
 class ServerTest : public ::testing::Test {
  protected:
+  std::filesystem::path dir() const { return harness.folder() / "recordings"; }
   void SetUp() override { server_ = harness.startServer(); }
   void TearDown() override {
     platform::ChildProcess request;
