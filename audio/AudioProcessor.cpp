@@ -35,6 +35,13 @@ int32_t AudioProcessor::AddSource(std::u16string_view deviceName, int32_t volume
     return 0;
   }
   if (source->Open(index, deviceName, 1) == 0) return 0;
+  if (!recordable(source->format())) {
+    // A device whose sound has no channels or no rate would make a track no
+    // player can read.
+    logLine(u"[Error]   *** AUD *** %s gives no sound that can be recorded; it is left out\n", deviceName);
+    source->Stop();
+    return 0;
+  }
   source->setVolume(volume);
   sources_.push_back(std::move(source));
   sampleCounters_.push_back(0);
@@ -58,6 +65,10 @@ const WaveFormat* AudioProcessor::GetFormat(int32_t index) {
 int32_t AudioProcessor::Start() {
   for (auto& source : sources_) source->Start();
   return 1;
+}
+
+void AudioProcessor::DropPending() {
+  for (auto& source : sources_) source->DiscardHeld();
 }
 
 int32_t AudioProcessor::Stop() {

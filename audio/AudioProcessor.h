@@ -33,6 +33,7 @@ class AudioProcessor : public IAudProcessor {
   int32_t GetEncoded(int32_t index, std::vector<std::byte>& packet, uint32_t* timeMs) override;
   void SetMuteMask(int32_t index, uint32_t mask) override;
   void SetPaused(int32_t paused) override { paused_ = paused != 0; }
+  void DropPending() override;
 
   AudioSource* source(int32_t index) { return valid(index) ? sources_[static_cast<size_t>(index)].get() : nullptr; }
 

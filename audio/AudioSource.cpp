@@ -147,6 +147,16 @@ bool AudioSource::ReadFrames16(std::span<int16_t> out, size_t frames) {
   return true;
 }
 
+void AudioSource::DiscardHeld() {
+  Poll(0);
+  bufferFrames_ = 0;
+}
+
+bool recordable(const WaveFormatExtensible& format) {
+  return format.channels > 0 && format.samplesPerSec > 0 && format.bitsPerSample == 32 &&
+         format.blockAlign == format.channels * sizeof(float);
+}
+
 void AudioSource::DropFrames(size_t frames) {
   if (frames > bufferFrames_) return;
   const size_t samples = frames * channels();

@@ -58,6 +58,9 @@ StereoMixSettings normalizedWeights(const StereoMixSettings& settings, uint32_t 
 void foldToStereo(std::span<const float> in, uint32_t channelMask, size_t frames, const StereoMixSettings& weights,
                   std::span<float> out);
 
+// A float block that a track can be made of: some channels at some rate.
+bool recordable(const WaveFormatExtensible& format);
+
 // A volume of 0.995 or more is unity: no source is ever amplified.
 void applyVolume(std::span<float> samples, float volume);
 
@@ -79,6 +82,9 @@ class AudioSource {
   virtual void Poll(int32_t flush) = 0;
   // Muted while bit (index mod 32) of mask is set.
   virtual void SetMuteMask(uint32_t mask);
+  // Takes what the device has and throws it away with all the block holds: the
+  // sound from before the first picture has no place in the recording.
+  virtual void DiscardHeld();
 
   // Appends frames (zeros instead while muted), or silence that keeps the
   // block's frame count in step.

@@ -20,6 +20,11 @@ int AudioSourceMixer::Open(int32_t index, std::u16string_view deviceName, int32_
     return 0;
   }
   if (child->Open(index, deviceName, verbose) == 0) return 0;
+  if (!recordable(child->format())) {
+    logLine(u"[Error]   *** AUD *** %s gives no sound that can be recorded; it is left out\n", deviceName);
+    child->Stop();
+    return 0;
+  }
   AddChild(std::move(child));
   return 1;
 }
@@ -54,6 +59,11 @@ int AudioSourceMixer::Stop() {
   mixBuffer_.clear();
   mixBuffer_.shrink_to_fit();
   return 1;
+}
+
+void AudioSourceMixer::DiscardHeld() {
+  for (auto& child : children_) child->DiscardHeld();
+  bufferFrames_ = 0;
 }
 
 void AudioSourceMixer::SetMuteMask(uint32_t mask) {

@@ -34,6 +34,7 @@ class AudioSourceMixer : public AudioSource {
   void Poll(int32_t flush) override;
   // Every child tests its own bit; the mix itself is never muted.
   void SetMuteMask(uint32_t mask) override;
+  void DiscardHeld() override;
 
   // Adds a child that is open already (for the processor and for tests).
   void AddChild(std::unique_ptr<AudioSource> child);

@@ -1,4 +1,5 @@
 #include "audio/AudioSourcePulse.h"
+#include "audio/DeviceSource.h"
 
 #include <pulse/pulseaudio.h>
 
@@ -295,6 +296,10 @@ void AudioSourcePulse::Poll(int32_t /*flush*/) {
   }
   applyVolume(samples, volume_);
   PushFrames(samples, frames);
+}
+
+std::unique_ptr<AudioSource> makeDeviceSource(const std::optional<StereoMixSettings>& stereo) {
+  return std::make_unique<AudioSourcePulse>(stereo);
 }
 
 }  // namespace kestrium

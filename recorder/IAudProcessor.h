@@ -37,6 +37,9 @@ class IAudProcessor {
   // The client's mute mask, handed on every pass.
   virtual void SetMuteMask(int32_t index, uint32_t mask) = 0;
   virtual void SetPaused(int32_t paused) = 0;
+  // Throws away what the devices gave so far, at the capture's first picture:
+  // the tracks start where the video does.
+  virtual void DropPending() = 0;
 };
 
 }  // namespace kestrium

@@ -101,6 +101,12 @@ void Recorder::onNewSource() {
   CommonData* common = objects_.common();
   // The events are hints: the free word decides.
   if (loadShared(common->sourceFree) != 0) return;
+  if (!sawSource_) {
+    // The tracks start with the first picture: what the devices gave while the
+    // game had shown nothing would put the sound behind the video.
+    sawSource_ = true;
+    if (audio) audio->DropPending();
+  }
   const uint64_t largest = encoderBufferSize(static_cast<uint32_t>(encoder->width()), static_cast<uint32_t>(encoder->height()));
   if (!objects_.sourceBuffer.isOpen()) {
     // Sized once, by the first frame: a later change of the word does not resize it.

@@ -92,6 +92,7 @@ class Recorder {
   bool waitsFailed_ = false;           // the events cannot be waited on: only the stop is
   bool endWanted_ = false;             // the capture cannot go on: ask the server to stop it
   uint64_t nextEndRequestNs_ = 0;
+  bool sawSource_ = false;  // the first source frame came: the sound starts there
   bool started_ = false;  // the first encoded frame came: audio may be read
   std::vector<std::byte> audioBuffer_;
   std::vector<std::byte> audioPacket_;

@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "audio/AudioProcessor.h"
+#include "audio/DeviceSource.h"
 #include "platform/NamedMutex.h"
 #include "platform/System.h"
 #include "platform/Text.h"
@@ -130,7 +132,33 @@ bool captureObjectsUsable(std::u16string_view name, uint64_t encodedCapacity) {
   return usable;
 }
 
-void fillBroadcastInfo(const StartParameters& p, IVidEncoder& encoder) {
+// The sound of the capture: a source for each device, or one mix of them all.
+// A device that cannot be opened is logged and left out, and the capture goes
+// on with the others; with none left it has no sound.
+std::unique_ptr<IAudProcessor> makeAudio(const StartParameters& p, uint16_t& configuration, int32_t& encoderValue) {
+  if (p.audioSources[0].deviceId[0] == u'\0') return nullptr;
+  std::optional<StereoMixSettings> stereo;
+  if (p.stereoMode != 0) stereo = p.stereoSettings;
+  auto audio = std::make_unique<AudioProcessor>(p.mixer != 0, stereo, makeDeviceSource);
+  for (int32_t i = 0; i < static_cast<int32_t>(std::size(p.audioSources)); ++i) {
+    const AudioSourceEntry& entry = p.audioSources[i];
+    const std::u16string_view device = wireString(entry.deviceId);
+    if (device.empty()) break;
+    // Above 100 % is unity anyway; the cap keeps a wild value from turning negative.
+    audio->AddSource(device, static_cast<int32_t>(std::min<uint32_t>(entry.volume, 100)), i);
+  }
+  if (p.audioEncoding != 0) {
+    encoderValue = audio->InitEncoders(u"aac", static_cast<int32_t>(p.audioBitrate), &configuration);
+  }
+  const WaveFormat* first = audio->GetSourceCount() > 0 ? audio->GetFormat(0) : nullptr;
+  if (first == nullptr || first->channels() == 0 || first->samplesPerSec() == 0) {
+    logLine(u"[Warning] *** CAP *** None of the audio devices could be opened: the capture has no sound\n");
+    return nullptr;
+  }
+  return audio;
+}
+
+void fillBroadcastInfo(const StartParameters& p, IVidEncoder& encoder, IAudProcessor* audio, uint16_t configuration) {
   SharedBroadcastInfo& shared = broadcastInfo();
   std::lock_guard guard(shared.lock);
   BroadcastInfo& info = shared.info;
@@ -139,8 +167,10 @@ void fillBroadcastInfo(const StartParameters& p, IVidEncoder& encoder) {
   info.audioBitrate = p.audioBitrate;
   info.width = p.width;
   info.height = p.height;
-  info.audioSampleRate = 0;
+  const WaveFormat* sound = audio != nullptr ? audio->GetFormat(0) : nullptr;
+  info.audioSampleRate = sound != nullptr ? sound->samplesPerSec() : 0;
   info.channels = 2;
+  info.aacConfiguration = configuration;
   std::vector<std::byte> sps, pps;
   if (encoder.GetParameterSets(sps, pps) != 0) {
     info.sps = std::move(sps);
@@ -180,6 +210,12 @@ std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
   const auto destination = pathOf(wireString(params.destinationFolder), u"destination folder");
   const std::u16string_view baseName = wireString(params.baseName);
   if (!destination || !pathOf(baseName, u"base name")) return fail(nullptr);
+  // A relative folder would land wherever the server happened to start.
+  if (!destination->is_absolute()) {
+    logLine(u"[Error]   *** CAP *** The destination folder \"%s\" is not a full path\n",
+            wireString(params.destinationFolder));
+    return fail(nullptr);
+  }
   // Before the encoder opens them, with the smallest slot any encoder needs.
   if (!captureObjectsUsable(name, encoderBufferSize(params.width, params.height))) return fail(nullptr);
 
@@ -194,9 +230,9 @@ std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
   IVidEncoder& video = *recorder->encoder;
   if (!captureObjectsUsable(name, video.EncodedCapacity())) return fail(std::move(recorder));
 
-  if (params.audioSources[0].deviceId[0] != u'\0') {
-    logLine(u"[Warning] *** CAP *** This server records no audio yet: the audio sources are left out\n");
-  }
+  uint16_t audioConfiguration = 0;
+  int32_t audioEncoderValue = 0;
+  recorder->audio = makeAudio(params, audioConfiguration, audioEncoderValue);
 
   std::unique_ptr<IFileWriter> writer = IFileWriter::Create(params.sideTracks != 0, params.prerecordLimit,
                                                             params.container != 0 ? u"MP4" : u"AVI", *destination);
@@ -210,12 +246,19 @@ std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
     const std::vector<std::byte> extra = video.GetStreamHeader();
     writer->setVideoParameters(params.width, params.height, params.frameRate, params.bitrate, extra);
   }
+  if (IAudProcessor* audio = recorder->audio.get()) {
+    if (params.audioEncoding != 0) writer->setAudioSideBitrate(params.audioBitrate);
+    for (int32_t track = 0; track < audio->GetSourceCount(); ++track) {
+      writer->addAudioFormat(*audio->GetFormat(track), audioConfiguration);
+    }
+    writer->setEncoderValue(static_cast<uint32_t>(audioEncoderValue));
+  }
   recorder->writer = std::move(writer);
 
   if (params.broadcast != 0) {
     logLine(u"  *** CAP *** Creating broadcaster...\n");
     logLine(u"[Warning] *** CAP *** This server cannot broadcast yet: the capture is recorded only\n");
-    fillBroadcastInfo(params, video);
+    fillBroadcastInfo(params, video, recorder->audio.get(), audioConfiguration);
   }
 
   if (!recorder->Start([](const Recorder& r) { return Dispatcher::SendStopCommand(r); })) {

@@ -502,6 +502,11 @@ INSTANTIATE_TEST_SUITE_P(
                    setWireString(p.destinationFolder, (folder / "rec").u16string() + u"\xD800x");
                  },
                  "[Error]   *** CAP *** The destination folder \""},
+        BadStart{"relative destination",
+                 [](StartParameters& p, const auto&) { setWireString(p.destinationFolder, u"rec"); },
+                 "[Error]   *** CAP *** The destination folder \"rec\" is not a full path\r\n"},
+        BadStart{"empty destination", [](StartParameters& p, const auto&) { setWireString(p.destinationFolder, u""); },
+                 "[Error]   *** CAP *** The destination folder \"\" is not a full path\r\n"},
         BadStart{"unpaired surrogate in the base name",
                  [](StartParameters& p, const auto&) { setWireString(p.baseName, u"game\xDC00.exe"); },
                  "[Error]   *** CAP *** The base name \"game\xEF\xBF\xBD.exe\" cannot name a file\r\n"},
