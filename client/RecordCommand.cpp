@@ -50,6 +50,7 @@ struct RecordOptions {
   uint32_t aacKbps = 0;
   std::optional<StereoMixSettings> stereo;
   bool mixer = false, sideTracks = false;
+  uint32_t muteMask = 0;
   std::u16string broadcastUrl, streamKey;
 };
 
@@ -74,7 +75,7 @@ std::optional<uint32_t> toWhole(const std::u16string& text) {
 
 // Reads the options; an empty string when they all made sense, else the problem.
 std::string parse(const std::vector<std::u16string>& args, RecordOptions& o) {
-  const std::set<std::u16string> flags = {u"--folder-by-name", u"--folder-by-date", u"--mixer", u"--side-tracks",
+  const std::set<std::u16string> flags = {u"--folder-by-name", u"--folder-by-date", u"--mixer",
                                           u"--delete", u"--no-stop", u"--stuck-encoded"};
   for (size_t i = 1; i < args.size(); ++i) {
     const std::u16string& key = args[i];
@@ -82,7 +83,6 @@ std::string parse(const std::vector<std::u16string>& args, RecordOptions& o) {
       if (key == u"--folder-by-name") o.folderByName = true;
       if (key == u"--folder-by-date") o.folderByDate = true;
       if (key == u"--mixer") o.mixer = true;
-      if (key == u"--side-tracks") o.sideTracks = true;
       if (key == u"--delete") o.deleteFiles = true;
       if (key == u"--no-stop") o.noStop = true;
       if (key == u"--stuck-encoded") o.stuckEncoded = true;
@@ -175,6 +175,12 @@ std::string parse(const std::vector<std::u16string>& args, RecordOptions& o) {
       const size_t colon = value.rfind(u':');
       const auto volume = colon == std::u16string::npos ? std::nullopt : toWhole(value.substr(colon + 1));
       o.audio.emplace_back(volume ? value.substr(0, colon) : value, volume.value_or(100));
+    } else if (key == u"--side-tracks") {
+      // MP3 side tracks come from the audio encoders; WAV is what there is.
+      if (value != u"wav") problem = "--side-tracks takes wav";
+      o.sideTracks = true;
+    } else if (key == u"--mute-mask") {
+      problem = whole(o.muteMask);
     } else if (key == u"--aac") {
       problem = whole(o.aacKbps);
     } else if (key == u"--stereo") {
@@ -331,6 +337,8 @@ class Session {
     // A client that never frees the encoded slot, for tests of a stuck consumer.
     storeShared(common_->encodedFree, o_.stuckEncoded ? 0u : 1u);
     storeShared(common_->sourceFree, 1u);
+    // Bit n mutes audio source n; the recorder reads it on every pass.
+    storeShared(common_->audioPosition, o_.muteMask);
     return {};
   }
 
@@ -357,8 +365,17 @@ class Session {
       return true;
     };
     if (due(beginAfter_)) sendCommand(namedCommand(kCommandEndPrerecording, o_.name, 0), kReplyPatienceMs);
-    if (due(pauseAt_)) sendCommand(namedCommand(kCommandPause, o_.name, 1), kReplyPatienceMs);
-    if (due(resumeAt_)) sendCommand(namedCommand(kCommandPause, o_.name, 0), kReplyPatienceMs);
+    // A paused game shows nothing: no frames go while paused, and the frames
+    // after it come as if the pause had not been.
+    if (due(pauseAt_)) {
+      sendCommand(namedCommand(kCommandPause, o_.name, 1), kReplyPatienceMs);
+      pausedSince_ = platform::monotonicNs();
+    }
+    if (due(resumeAt_)) {
+      sendCommand(namedCommand(kCommandPause, o_.name, 0), kReplyPatienceMs);
+      if (pausedSince_) pausedNs_ += platform::monotonicNs() - *pausedSince_;
+      pausedSince_.reset();
+    }
     if (due(releaseAfter_)) {
       while (objects_.clientAlive.release()) {
       }
@@ -402,8 +419,12 @@ class Session {
     start_ = platform::monotonicNs();
     const uint32_t total = framesToRecord(o_);
     for (uint32_t number = 0; number < total; ++number) {
+      while (pausedSince_ && resumeAt_) {
+        actOnSchedule();
+        platform::sleepMs(5);
+      }
       if (o_.realtime) {
-        const uint64_t due = start_ + static_cast<uint64_t>(number * 1e9 / o_.fps);
+        const uint64_t due = start_ + pausedNs_ + static_cast<uint64_t>(number * 1e9 / o_.fps);
         while (platform::monotonicNs() < due) {
           actOnSchedule();
           const uint64_t left = due - std::min(due, platform::monotonicNs());
@@ -451,6 +472,8 @@ class Session {
   uint64_t givenAt_ = 0;
   bool ended_ = false;  // the server ended the capture
   std::optional<double> beginAfter_, pauseAt_, resumeAt_, releaseAfter_, dieAfter_;
+  std::optional<uint64_t> pausedSince_;  // while paused, since when
+  uint64_t pausedNs_ = 0;                 // all the pauses so far
 };
 
 }  // namespace

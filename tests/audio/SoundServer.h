@@ -39,7 +39,9 @@ class SoundServer {
                 "channel_map=mono source_properties=device.description=\"USB\\ Microphone\"\n"
              << "load-module module-null-sink sink_name=surround rate=48000 channels=6 "
                 "channel_map=front-left,front-right,front-center,lfe,rear-left,rear-right "
-                "sink_properties=device.description=Surround\n";
+                "sink_properties=device.description=Surround\n"
+             << "load-module module-null-sink sink_name=headset rate=44100 channels=2 "
+                "sink_properties=device.description=Headset\n";
     }
     env_ = {{"XDG_RUNTIME_DIR", dir}, {"HOME", dir}, {"PULSE_RUNTIME_PATH", dir + "/runtime"}};
     if (!daemon_.start("/usr/bin/pulseaudio",
@@ -57,6 +59,7 @@ class SoundServer {
     while (platform::monotonicNs() < until) {
       if (run("/usr/bin/pactl", {"info"}) == 0) {
         up_ = true;
+        keepMonitorsRead();
         return;
       }
       platform::sleepMs(20);
@@ -89,22 +92,35 @@ class SoundServer {
     return child.wait(20000).value_or(-1);
   }
 
-  // Plays a sine of that frequency into the sink for some seconds, and keeps
-  // its monitor read so that its first data comes at once.
-  void play(const std::string& sink, int channels, int hertz, double seconds) {
+  // Plays a sine of that frequency at half scale into the sink for some
+  // seconds, once its monitor gives sound at a short latency.
+  // With onlyChannel the other channels stay silent. A six-channel sink takes
+  // its channels in the order front left, right, centre, low frequency, back
+  // left, right.
+  void play(const std::string& sink, int channels, int hertz, double seconds, int rate = 48000,
+            int onlyChannel = -1) {
     const auto tone = folder_.path() / (sink + ".raw");
     std::string out;
-    runTool(KESTRIUM_SOX, {"-n", "-r", "48000", "-c", std::to_string(channels), "-e", "floating-point", "-b", "32",
-                           tone.string(), "synth", std::to_string(seconds), "sine", std::to_string(hertz), "vol", "0.5"},
-            out);
+    std::vector<std::string> sox = {"-n",  "-r", std::to_string(rate),   "-c",    std::to_string(channels),
+                                    "-e",  "floating-point", "-b", "32", tone.string(),
+                                    "synth", std::to_string(seconds), "sine", std::to_string(hertz), "vol", "0.5"};
+    if (onlyChannel >= 0) {
+      sox.push_back("remix");
+      for (int c = 0; c < channels; ++c) sox.push_back(c == onlyChannel ? "1" : "0");
+    }
+    runTool(KESTRIUM_SOX, sox, out);
+    std::vector<std::string> pacat = {"--device=" + sink, "--format=float32le", "--rate=" + std::to_string(rate),
+                                      "--channels=" + std::to_string(channels),
+                                      // Room against a stumble when the machine is busy.
+                                      "--latency-msec=200"};
+    if (channels == 6) pacat.push_back("--channel-map=front-left,front-right,front-center,lfe,rear-left,rear-right");
+    pacat.push_back(tone.string());
+    const auto monitor = folder_.path() / (sink + ".monitor.raw");
+    const uint64_t until = platform::monotonicNs() + 5'000'000'000ull;
+    std::error_code ec;
+    while (std::filesystem::file_size(monitor, ec) == 0 && platform::monotonicNs() < until) platform::sleepMs(10);
     players_.emplace_back();
-    players_.back().start("/usr/bin/parec", {"--device=" + sink + ".monitor", "--latency-msec=10"}, env_,
-                          folder_.path() / "monitor.raw");
-    players_.emplace_back();
-    players_.back().start("/usr/bin/pacat", {"--device=" + sink, "--format=float32le", "--rate=48000",
-                                             "--channels=" + std::to_string(channels), "--latency-msec=10",
-                                             tone.string()},
-                          env_, folder_.path() / "pacat.txt");
+    players_.back().start("/usr/bin/pacat", pacat, env_, folder_.path() / "pacat.txt");
   }
 
   // Unplugs a sink, as a USB headset pulled out.
@@ -114,6 +130,20 @@ class SoundServer {
   }
 
  private:
+  // An idle null sink works in blocks of two seconds, and takes a reader's wish
+  // for a short latency only at the end of its block: a new reader would get
+  // its first data that late. A reader on every monitor from the start keeps
+  // them all short (a trickle of 8-bit mono is enough to ask for it).
+  void keepMonitorsRead() {
+    for (const char* sink : {"game", "micsink", "surround", "headset"}) {
+      players_.emplace_back();
+      players_.back().start("/usr/bin/parec",
+                            {std::string("--device=") + sink + ".monitor", "--latency-msec=10", "--format=u8",
+                             "--channels=1", "--rate=8000"},
+                            env_, folder_.path() / (std::string(sink) + ".monitor.raw"));
+    }
+  }
+
   TempFolder folder_{"-pulse"};
   platform::ChildProcess::Environment env_;
   platform::ChildProcess daemon_;

@@ -1,0 +1,274 @@
+// Recordings with sound from a real sound server, read back by ffmpeg: each
+// track holds its own device's tone at the level it was played, lasts as long
+// as the video, and follows the user's volume, mute, pause and mixer choices.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <complex>
+#include <fstream>
+#include <numbers>
+#include <thread>
+
+#include "tests/audio/SoundServer.h"
+#include "tests/e2e/E2ESupport.h"
+#include "tests/e2e/ServerHarness.h"
+
+namespace kestrium::test {
+namespace {
+
+constexpr double kFps = 30.0;
+
+// One audio stream of a file as ffmpeg decodes it: 16-bit frames, interleaved.
+struct Track {
+  uint32_t rate = 0;
+  uint32_t channels = 0;
+  std::vector<int16_t> samples;
+
+  double seconds() const { return channels == 0 ? 0.0 : double(samples.size()) / channels / rate; }
+  // The level of a sine of that frequency in one channel, in dB of full scale
+  // (a full-scale sine is 0 dB): the median over blocks of 100 ms, so that a
+  // player that stumbled for a moment under load does not count.
+  double toneDb(uint32_t channel, double hertz) const {
+    const size_t frames = samples.size() / channels;
+    const size_t block = rate / 10;
+    const double step = 2.0 * std::numbers::pi * hertz / rate;
+    std::vector<double> levels;
+    for (size_t start = 0; start + block <= frames; start += block) {
+      std::complex<double> sum;
+      for (size_t i = start; i < start + block; ++i) {
+        sum += double(samples[i * channels + channel]) / 32767.0 * std::polar(1.0, -step * double(i));
+      }
+      levels.push_back(20.0 * std::log10(std::max(2.0 * std::abs(sum) / double(block), 1e-10)));
+    }
+    if (levels.empty()) return -200.0;
+    std::nth_element(levels.begin(), levels.begin() + levels.size() / 2, levels.end());
+    return levels[levels.size() / 2];
+  }
+  int16_t peak() const {
+    int16_t most = 0;
+    for (int16_t s : samples) most = std::max<int16_t>(most, static_cast<int16_t>(std::abs(int{s})));
+    return most;
+  }
+};
+
+// A sine at half scale: -6 dB.
+constexpr double kPlayedDb = -6.02;
+
+class AudioRecordingTest : public ServerTest {
+ protected:
+  void SetUp() override {
+    if (!haveTools()) GTEST_SKIP() << "no ffmpeg";
+    if (!sound_.up()) GTEST_SKIP() << sound_.why();
+    ServerTest::SetUp();
+  }
+
+  int record(double seconds, const std::vector<std::string>& extra) {
+    std::vector<std::string> args = {"record",  "--dir",    dir().string(), "--encoder", "no_compression", "--size",
+                                     "160x90", "--fps",    "30",           "--seconds", std::to_string(seconds)};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return harness.client(args);
+  }
+
+  std::filesystem::path onlyFile(const std::string& extension) {
+    std::vector<std::filesystem::path> found;
+    for (const auto& file : filesIn(harness.clientOutput)) {
+      if (file.extension() == extension) found.push_back(file);
+    }
+    EXPECT_EQ(found.size(), 1u) << harness.clientOutput;
+    return found.empty() ? std::filesystem::path() : found.front();
+  }
+
+  static std::string probeStreams(const std::filesystem::path& file) {
+    std::string out;
+    EXPECT_EQ(runTool(KESTRIUM_FFPROBE,
+                      {"-v", "error", "-show_entries", "stream=codec_type,codec_name,channels,sample_rate", "-of",
+                       "compact=p=0:nk=1", file.string()},
+                      out),
+              0)
+        << out;
+    return out;
+  }
+
+  Track decode(const std::filesystem::path& file, int stream) {
+    Track t;
+    std::string info;
+    runTool(KESTRIUM_FFPROBE,
+            {"-v", "error", "-select_streams", "a:" + std::to_string(stream), "-show_entries",
+             "stream=sample_rate,channels", "-of", "default=nw=1", file.string()},
+            info);
+    t.rate = static_cast<uint32_t>(wholeNumber(field(info, "sample_rate")));
+    t.channels = static_cast<uint32_t>(wholeNumber(field(info, "channels")));
+    const auto raw = harness.folder() / ("track" + std::to_string(decoded_++) + ".raw");
+    std::string out;
+    EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-y", "-i", file.string(), "-map", "0:a:" + std::to_string(stream),
+                                        "-f", "s16le", "-acodec", "pcm_s16le", raw.string()},
+                      out),
+              0)
+        << out;
+    const std::vector<char> bytes = readBytes(raw);
+    t.samples.resize(bytes.size() / 2);
+    std::memcpy(t.samples.data(), bytes.data(), t.samples.size() * 2);
+    return t;
+  }
+
+  double videoSeconds(const std::filesystem::path& file) {
+    const Probe p = probeVideo(file);
+    EXPECT_GT(p.frames, 0) << p.text;
+    return double(p.frames) / kFps;
+  }
+
+  SoundServer sound_;
+  int decoded_ = 0;
+};
+
+// The two devices of a game recording: what the game plays and the player's
+// microphone, each on its own track, each holding its own tone at the level
+// it was played, each as long as the video.
+TEST_F(AudioRecordingTest, TwoDevicesGiveTwoTracksOfTheirOwnSound) {
+  sound_.play("game", 2, 1000, 20.0);
+  sound_.play("micsink", 1, 440, 20.0);
+  ASSERT_EQ(record(10.0, {"--audio", "Game Audio", "--audio", "USB Microphone"}), 0)
+      << harness.clientOutput << harness.log();
+  const auto avi = onlyFile(".avi");
+  EXPECT_EQ(probeStreams(avi), "rawvideo|video\npcm_s16le|audio|48000|2\npcm_s16le|audio|48000|1\n");
+  const double video = videoSeconds(avi);
+  EXPECT_NEAR(video, 10.0, 0.5);
+
+  const Track game = decode(avi, 0);
+  const Track mic = decode(avi, 1);
+  EXPECT_NEAR(game.seconds(), video, 0.3);
+  EXPECT_NEAR(mic.seconds(), video, 0.3);
+  for (uint32_t c = 0; c < 2; ++c) {
+    EXPECT_NEAR(game.toneDb(c, 1000), kPlayedDb, 0.5) << "channel " << c;
+    EXPECT_LT(game.toneDb(c, 440), -60.0) << "channel " << c;
+  }
+  EXPECT_NEAR(mic.toneDb(0, 440), kPlayedDb, 0.5);
+  EXPECT_LT(mic.toneDb(0, 1000), -60.0);
+}
+
+// Side tracks: the sound goes to a WAV file for each device beside the video,
+// in the very format the streams of the video file would have, with the same
+// tone and length.
+TEST_F(AudioRecordingTest, SideTracksHoldEachDeviceBesideTheVideo) {
+  sound_.play("game", 2, 1000, 12.0);
+  sound_.play("micsink", 1, 440, 12.0);
+  ASSERT_EQ(record(3.0, {"--audio", "Game Audio", "--audio", "USB Microphone", "--side-tracks", "wav"}), 0)
+      << harness.clientOutput << harness.log();
+  const auto avi = onlyFile(".avi");
+  EXPECT_EQ(probeStreams(avi), "rawvideo|video\n");
+  const double video = videoSeconds(avi);
+  std::vector<std::filesystem::path> wavs;
+  for (const auto& file : filesIn(harness.clientOutput)) {
+    if (file.extension() == ".wav") wavs.push_back(file);
+  }
+  ASSERT_EQ(wavs.size(), 2u) << harness.clientOutput;
+  std::sort(wavs.begin(), wavs.end());
+  EXPECT_EQ(wavs[0].filename(), avi.stem().string() + ".0.0.wav");
+  EXPECT_EQ(probeStreams(wavs[0]), "pcm_s16le|audio|48000|2\n");
+  EXPECT_EQ(probeStreams(wavs[1]), "pcm_s16le|audio|48000|1\n");
+  const Track game = decode(wavs[0], 0);
+  const Track mic = decode(wavs[1], 0);
+  EXPECT_NEAR(game.seconds(), video, 0.3);
+  EXPECT_NEAR(mic.seconds(), video, 0.3);
+  EXPECT_NEAR(game.toneDb(1, 1000), kPlayedDb, 0.5);
+  EXPECT_NEAR(mic.toneDb(0, 440), kPlayedDb, 0.5);
+}
+
+// The mixer makes one track wide enough for every speaker of its devices: a
+// stereo device and a mono (front centre) microphone give three channels, and a
+// device at 44.1 kHz joins the 48 kHz mix.
+TEST_F(AudioRecordingTest, MixerPutsEveryDeviceIntoOneTrack) {
+  sound_.play("game", 2, 1000, 12.0);
+  sound_.play("micsink", 1, 440, 12.0);
+  sound_.play("headset", 2, 2500, 12.0, 44100);
+  ASSERT_EQ(record(4.0, {"--mixer", "--audio", "Game Audio", "--audio", "USB Microphone", "--audio", "Headset"}), 0)
+      << harness.clientOutput << harness.log();
+  const auto avi = onlyFile(".avi");
+  const Track mix = decode(avi, 0);
+  ASSERT_EQ(mix.channels, 3u) << probeStreams(avi);
+  EXPECT_EQ(mix.rate, 48000u);
+  EXPECT_NEAR(mix.seconds(), videoSeconds(avi), 0.3);
+  for (uint32_t c = 0; c < 2; ++c) {
+    EXPECT_NEAR(mix.toneDb(c, 1000), kPlayedDb, 0.5) << "channel " << c;
+    // Stretched by repeating frames: the tone is there, with some loss.
+    EXPECT_NEAR(mix.toneDb(c, 2500), kPlayedDb, 1.5) << "channel " << c;
+    EXPECT_LT(mix.toneDb(c, 440), -60.0) << "channel " << c;
+  }
+  EXPECT_NEAR(mix.toneDb(2, 440), kPlayedDb, 0.5);
+  EXPECT_LT(mix.toneDb(2, 1000), -60.0);
+}
+
+// A 5.1 device folded to stereo: a tone in the centre only reaches left and
+// right alike, at the centre's share of the weights of the speakers present
+// (front, centre, back and low frequency: 1 + 1 + 1 + 0).
+TEST_F(AudioRecordingTest, SurroundFoldsToStereoByTheWeights) {
+  sound_.play("surround", 6, 1000, 12.0, 48000, 2);
+  ASSERT_EQ(record(3.0, {"--audio", "Surround", "--stereo", "1,1,1,0,1,0,0,0"}), 0)
+      << harness.clientOutput << harness.log();
+  const Track folded = decode(onlyFile(".avi"), 0);
+  ASSERT_EQ(folded.channels, 2u);
+  const double expected = kPlayedDb + 20.0 * std::log10(1.0 / 3.0);
+  EXPECT_NEAR(folded.toneDb(0, 1000), expected, 0.5);
+  EXPECT_NEAR(folded.toneDb(1, 1000), expected, 0.5);
+}
+
+// Volume 50 halves the level; a muted device gives silence as long as the
+// video; a device that exists nowhere is logged and the others still record.
+TEST_F(AudioRecordingTest, VolumeMuteAndAMissingDevice) {
+  sound_.play("game", 2, 1000, 12.0);
+  sound_.play("micsink", 1, 440, 12.0);
+  // Entry 2 is the microphone, whatever became of entry 1.
+  ASSERT_EQ(record(3.0, {"--audio", "Game Audio:50", "--audio", "Studio Monitor 9000", "--audio", "USB Microphone",
+                         "--mute-mask", "4"}),
+            0)
+      << harness.clientOutput << harness.log();
+  EXPECT_NE(harness.log().find("[Error]   *** Aud *** Cannot find source: Studio Monitor 9000\r\n"),
+            std::string::npos)
+      << harness.log();
+  const auto avi = onlyFile(".avi");
+  const double video = videoSeconds(avi);
+  const Track game = decode(avi, 0);
+  const Track mic = decode(avi, 1);
+  EXPECT_NEAR(game.toneDb(0, 1000), kPlayedDb - 6.02, 0.5);
+  EXPECT_NEAR(game.seconds(), video, 0.3);
+  EXPECT_EQ(mic.peak(), 0);
+  EXPECT_NEAR(mic.seconds(), video, 0.3);
+}
+
+// While paused the game shows nothing, and no sound is kept either: the
+// sound of the pause would push the rest of the track behind the pictures.
+TEST_F(AudioRecordingTest, PauseLeavesNoSound) {
+  sound_.play("game", 2, 1000, 12.0);
+  ASSERT_EQ(record(3.0, {"--audio", "Game Audio", "--pause-at", "1", "--resume-at", "2.5"}), 0)
+      << harness.clientOutput << harness.log();
+  const auto avi = onlyFile(".avi");
+  const double video = videoSeconds(avi);
+  EXPECT_NEAR(video, 3.0, 0.2);
+  EXPECT_NEAR(decode(avi, 0).seconds(), video, 0.3);
+}
+
+// A headset pulled out mid-recording: its track ends, the log says why, and the
+// video and the other track go on to the end.
+TEST_F(AudioRecordingTest, UnpluggedDeviceLeavesTheRestWhole) {
+  sound_.play("game", 2, 1000, 12.0);
+  sound_.play("micsink", 1, 440, 12.0);
+  std::thread unplug([this] {
+    platform::sleepMs(2000);
+    sound_.unload("game");
+  });
+  const int status = record(4.0, {"--audio", "Game Audio", "--audio", "USB Microphone"});
+  unplug.join();
+  ASSERT_EQ(status, 0) << harness.clientOutput << harness.log();
+  EXPECT_NE(harness.log().find("[Error]   *** Aud *** Error getting buffer from CaptureClient"), std::string::npos);
+  const auto avi = onlyFile(".avi");
+  const double video = videoSeconds(avi);
+  EXPECT_NEAR(video, 4.0, 0.4);
+  EXPECT_LT(decode(avi, 0).seconds(), video - 1.0);
+  const Track mic = decode(avi, 1);
+  EXPECT_NEAR(mic.seconds(), video, 0.3);
+  EXPECT_NEAR(mic.toneDb(0, 440), kPlayedDb, 0.5);
+}
+
+}  // namespace
+}  // namespace kestrium::test
