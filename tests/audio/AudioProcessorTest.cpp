@@ -20,6 +20,8 @@ class ScriptedSource : public AudioSource {
   }
   int Open(int32_t index, std::u16string_view name, int32_t) override {
     if (name == u"missing") return 0;
+    // Opens, but with a format no track can be made of (a device giving integers).
+    if (name == u"integer") format_ = {};
     index_ = index;
     registry_[std::u16string(name)] = this;
     return 1;
@@ -103,6 +105,9 @@ TEST_F(AudioProcessorTest, OneTrackPerDeviceThatOpensWithItsOwnVolume) {
   audio.SetMuteMask(7, 1);  // and takes no mask
 }
 
+class DropPendingTest : public AudioProcessorTest, public ::testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(SeparateAndMixed, DropPendingTest, ::testing::Bool());
+
 TEST_F(AudioProcessorTest, MixerMakesOneTrackOfEveryDevice) {
   AudioProcessor audio(true, std::nullopt, factory());
   EXPECT_EQ(audio.AddSource(u"Game Audio", 100, 0), 1);
@@ -120,6 +125,40 @@ TEST_F(AudioProcessorTest, MixerMakesOneTrackOfEveryDevice) {
   int16_t first;
   std::memcpy(&first, buffer_.data(), 2);
   EXPECT_EQ(first, 16383) << "0.25 + 0.25";
+}
+
+// What the devices gave before the first picture is dropped, in the mixer's
+// children too, and the clock starts from there.
+TEST_P(DropPendingTest, TracksStartAtTheFirstPicture) {
+  const bool mixer = GetParam();
+  AudioProcessor audio(mixer, std::nullopt, factory());
+  ASSERT_EQ(audio.AddSource(u"Game Audio", 100, 0), 1);
+  ASSERT_EQ(audio.AddSource(u"Mic", 100, 1), 1);
+  audio.Start();
+  devices_[u"Game Audio"]->queue(700, 0.5f);
+  devices_[u"Mic"]->queue(300, 0.5f);
+  uint32_t time = 77;
+  if (mixer) {
+    EXPECT_EQ(audio.Read(0, buffer_, &time, 0), 200 * 48 * 4) << "the mix moved a block already";
+  }
+  audio.DropPending();
+  devices_[u"Game Audio"]->queue(250, 0.25f);
+  devices_[u"Mic"]->queue(250, 0.25f);
+  // The mix moves at most a block of 200 ms at a time.
+  EXPECT_EQ(audio.Read(0, buffer_, &time, 1), (mixer ? 200 : 250) * 48 * 4);
+  EXPECT_EQ(time, mixer ? 200u : 0u);
+  int16_t first;
+  std::memcpy(&first, buffer_.data(), 2);
+  EXPECT_EQ(first, mixer ? 16383 : 8191) << "the new sound, not the old";
+}
+
+TEST_F(AudioProcessorTest, DeviceThatGivesNoFloatBlockMakesNoTrack) {
+  AudioProcessor separate(false, std::nullopt, factory());
+  EXPECT_EQ(separate.AddSource(u"integer", 100, 0), 0);
+  EXPECT_EQ(separate.GetSourceCount(), 0);
+  AudioProcessor mixed(true, std::nullopt, factory());
+  EXPECT_EQ(mixed.AddSource(u"integer", 100, 0), 0);
+  EXPECT_EQ(static_cast<AudioSourceMixer&>(*mixed.source(0)).children().size(), 0u);
 }
 
 TEST_F(AudioProcessorTest, WithoutABitrateThereIsNoEncoder) {
