@@ -4,6 +4,7 @@
 #include <pulse/pulseaudio.h>
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 
 #include "platform/Text.h"
@@ -65,15 +66,22 @@ struct Device {
 
 // The client library's objects, driven by its own thread.
 struct AudioSourcePulse::Connection {
+  // A sound server that takes the connection and then says nothing must not
+  // hold up the capture start, and with it every other command.
+  static constexpr pa_usec_t kAnswerUs = 3'000'000;
+
   pa_threaded_mainloop* loop = nullptr;
   pa_context* context = nullptr;
   pa_stream* stream = nullptr;
+  pa_time_event* deadline = nullptr;
+  std::atomic<bool> expired = false;  // the server did not answer in time (set by the library's thread)
   std::mutex lock;  // the queue and the flag, between the library's thread and Poll
   std::vector<float> queue;
   bool failed = false;
 
   ~Connection() {
     if (loop != nullptr) pa_threaded_mainloop_stop(loop);
+    if (deadline != nullptr) pa_threaded_mainloop_get_api(loop)->time_free(deadline);
     if (stream != nullptr) {
       pa_stream_disconnect(stream);
       pa_stream_unref(stream);
@@ -85,10 +93,34 @@ struct AudioSourcePulse::Connection {
     if (loop != nullptr) pa_threaded_mainloop_free(loop);
   }
 
-  // Runs an operation to its end; the caller holds the loop's lock.
+  // Gives the server kAnswerUs from now; the caller holds the loop's lock.
+  void armDeadline() {
+    pa_mainloop_api* api = pa_threaded_mainloop_get_api(loop);
+    timeval when{};
+    pa_timeval_add(pa_gettimeofday(&when), kAnswerUs);
+    expired = false;
+    if (deadline != nullptr) {
+      api->time_restart(deadline, &when);
+    } else {
+      deadline = api->time_new(
+          api, &when,
+          [](pa_mainloop_api*, pa_time_event*, const timeval*, void* data) {
+            auto* self = static_cast<Connection*>(data);
+            self->expired = true;
+            pa_threaded_mainloop_signal(self->loop, 0);
+          },
+          this);
+    }
+  }
+
+  // Runs an operation to its end, or gives it up when the server is too slow;
+  // the caller holds the loop's lock.
   void await(pa_operation* op) {
     if (op == nullptr) return;
-    while (pa_operation_get_state(op) == PA_OPERATION_RUNNING) pa_threaded_mainloop_wait(loop);
+    armDeadline();
+    while (pa_operation_get_state(op) == PA_OPERATION_RUNNING && !expired) pa_threaded_mainloop_wait(loop);
+    // Cancelled, its callback is never called with what this frame holds.
+    if (pa_operation_get_state(op) == PA_OPERATION_RUNNING) pa_operation_cancel(op);
     pa_operation_unref(op);
   }
 
@@ -103,8 +135,9 @@ struct AudioSourcePulse::Connection {
     if (pa_context_connect(context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) return false;
     if (pa_threaded_mainloop_start(loop) < 0) return false;
     pa_threaded_mainloop_lock(loop);
+    armDeadline();
     pa_context_state_t state;
-    while ((state = pa_context_get_state(context)) != PA_CONTEXT_READY && PA_CONTEXT_IS_GOOD(state)) {
+    while ((state = pa_context_get_state(context)) != PA_CONTEXT_READY && PA_CONTEXT_IS_GOOD(state) && !expired) {
       pa_threaded_mainloop_wait(loop);
     }
     pa_threaded_mainloop_unlock(loop);
@@ -132,7 +165,7 @@ struct AudioSourcePulse::Connection {
         },
         &search));
     const bool capture = search.found.has_value();
-    if (!capture) {
+    if (!capture && !expired) {
       await(pa_context_get_sink_info_list(
           context,
           [](pa_context*, const pa_sink_info* info, int eol, void* data) {
@@ -195,6 +228,11 @@ int AudioSourcePulse::Open(int32_t index, std::u16string_view deviceName, int32_
     return 0;
   }
   const auto found = connection_->find(platform::toUtf8(deviceName));
+  if (!found && connection_->expired) {
+    logLine(u"[Error]   *** Aud *** The sound server did not answer in time: %s is left out\n", deviceName);
+    connection_.reset();
+    return 0;
+  }
   if (!found) {
     logLine(u"[Error]   *** Aud *** Cannot find source: %s\n", deviceName);
     connection_.reset();

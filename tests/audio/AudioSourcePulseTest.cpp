@@ -3,7 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 
 #include "audio/AudioSourcePulse.h"
 #include "server/Log.h"
@@ -98,6 +104,45 @@ TEST_F(AudioSourcePulseTest, WhatIsPlayedComesBackUntilTheDeviceGoes) {
   source.Poll(0);
   EXPECT_EQ(source.bufferFrames(), 0u) << "nothing more comes";
   EXPECT_EQ(source.Stop(), 1);
+}
+
+}  // namespace
+}  // namespace kestrium
+
+namespace kestrium {
+namespace {
+
+// A sound server that takes the connection and never answers (hung, or not a
+// sound server at all) costs a capture start a few seconds and the device, not
+// the server.
+TEST(AudioSourcePulseSilentServerTest, ServerThatNeverAnswersIsGivenUp) {
+  test::TempFolder folder;
+  processLog().open(folder.path() / "Kestrium.txt", true);
+  const std::string path = "/tmp/kestrium-mute-" + std::to_string(::getpid());
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_GE(listener, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
+  ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  ASSERT_EQ(::listen(listener, 4), 0);  // connections wait in the backlog, unanswered
+  const char* before = std::getenv("PULSE_SERVER");
+  const std::string saved = before != nullptr ? before : "";
+  ::setenv("PULSE_SERVER", ("unix:" + path).c_str(), 1);
+
+  AudioSourcePulse source(std::nullopt);
+  EXPECT_EQ(source.Open(0, u"Game Audio", 1), 0);
+
+  if (before != nullptr) {
+    ::setenv("PULSE_SERVER", saved.c_str(), 1);
+  } else {
+    ::unsetenv("PULSE_SERVER");
+  }
+  ::close(listener);
+  ::unlink(path.c_str());
+  processLog().close();
+  const std::string log = test::readLog(folder.path() / "Kestrium.txt");
+  EXPECT_NE(log.find("[Error]   *** Aud *** Cannot connect to the sound server\r\n"), std::string::npos) << log;
 }
 
 }  // namespace
