@@ -17,6 +17,7 @@ if [[ $# -lt 1 || ! -d $1 ]]; then
   exit 2
 fi
 build_dir=$(cd "$1" && pwd)
+root=$(cd "$(dirname "$0")/.." && pwd)
 shift
 
 wine=/usr/lib/wine/wine64
@@ -40,7 +41,64 @@ stop_wineserver() {
   # -k only asks; wait until the server and its prefix lock are really gone.
   timeout 30 "$wineserver" -w >/dev/null 2>&1 || true
 }
-trap stop_wineserver EXIT
+
+# The sound server of the device tests. wine's audio driver (winepulse) plays
+# to and records from the PulseAudio server that PULSE_SERVER names: a headless
+# daemon of this run, with the devices of tests/audio/wine-sound-devices.pa
+# named like real ones. Its folder is short, because a socket's path must fit
+# in 108 bytes; the clients' runtime files and cookie stay in it too. Without
+# pulseaudio the device tests skip.
+sound_dir=""
+sound_pid=""
+start_sound_server() {
+  command -v pulseaudio >/dev/null 2>&1 || return 0
+  sound_dir=$(mktemp -d /tmp/kestrium-pa-XXXXXX)
+  {
+    echo "load-module module-native-protocol-unix auth-anonymous=1 socket=$sound_dir/native"
+    cat "$root/tests/audio/wine-sound-devices.pa"
+  } >"$sound_dir/default.pa"
+  export PULSE_RUNTIME_PATH="$sound_dir/runtime" PULSE_COOKIE="$sound_dir/cookie"
+  # No shared memory: the tests must leave /dev/shm as they found it.
+  HOME="$sound_dir" XDG_RUNTIME_DIR="$sound_dir" pulseaudio -n --daemonize=no --exit-idle-time=-1 \
+    --use-pid-file=false --disable-shm=true -F "$sound_dir/default.pa" --log-target=file:"$sound_dir/log.txt" \
+    </dev/null >/dev/null 2>&1 &
+  sound_pid=$!
+  export PULSE_SERVER="unix:$sound_dir/native"
+  local tries
+  for ((tries = 0; tries < 200; ++tries)); do
+    pactl info >/dev/null 2>&1 && return 0
+    kill -0 "$sound_pid" 2>/dev/null || break
+    sleep 0.05
+  done
+  echo "$0: the sound server did not come up; the device tests will skip" >&2
+  stop_sound_server
+}
+
+# Asked to go by its pid, so that it removes what it made; killed if it won't.
+stop_sound_server() {
+  if [[ -n $sound_pid ]]; then
+    kill "$sound_pid" 2>/dev/null || true
+    local tries
+    for ((tries = 0; tries < 100; ++tries)); do
+      kill -0 "$sound_pid" 2>/dev/null || break
+      sleep 0.05
+    done
+    kill -9 "$sound_pid" 2>/dev/null || true
+    wait "$sound_pid" 2>/dev/null || true
+    sound_pid=""
+  fi
+  if [[ -n $sound_dir ]]; then
+    rm -rf "$sound_dir"
+    sound_dir=""
+  fi
+  unset PULSE_SERVER
+}
+
+stop_all() {
+  stop_wineserver
+  stop_sound_server
+}
+trap stop_all EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
@@ -53,6 +111,9 @@ start_wine() {
   "$wineserver" -p </dev/null >/dev/null 2>&1 || true
   timeout 300 "$wine" cmd /c exit </dev/null >/dev/null 2>&1
 }
+
+# Before wine, so that its processes find the sound server from the start.
+start_sound_server
 
 if ! start_wine; then
   # A prefix left half-made by an interrupted first run does not recover by
