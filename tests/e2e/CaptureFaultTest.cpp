@@ -93,18 +93,22 @@ TEST_F(CaptureFaultTest, BeginsWhileWritingLeaveEveryFileWholeAndEveryFrameOnce)
   Background rec = startRecording("begins", {"--seconds", "6", "--fps", "30", "--source", "raw:" + raw.string()});
   ASSERT_TRUE(harness.waitForLog("AVI file"));
   platform::sleepMs(500);  // frames are coming
-  int begun = 0;
-  for (int i = 0; i < 40; ++i) {
-    begun += harness.client({"begin", "begins"}) == 0 ? 1 : 0;
+  // Up to 40 presses, all while the capture still writes: a slow machine (or
+  // wine, where a client takes longer to start) presses fewer times.
+  const uint64_t until = platform::monotonicNs() + 4'500'000'000ull;
+  size_t begun = 0;
+  while (begun < 40 && platform::monotonicNs() < until) {
+    ASSERT_EQ(harness.client({"begin", "begins"}), 0);
+    ++begun;
     platform::sleepMs(100);
   }
-  EXPECT_EQ(begun, 40);
+  EXPECT_GE(begun, 10u);
   ASSERT_EQ(rec.finish(), 0) << rec.text();
 
   const std::string log = harness.log();
-  EXPECT_EQ(countOf(log, "** PRE-RECORDING IS OFF ** for begins"), 40u) << log;
+  EXPECT_EQ(countOf(log, "** PRE-RECORDING IS OFF ** for begins"), begun) << log;
   const auto files = filesIn(rec.text());
-  EXPECT_EQ(files.size(), 41u) << rec.text();
+  EXPECT_EQ(files.size(), begun + 1) << rec.text();
   std::multiset<std::string> seen;
   for (const auto& file : files) {
     std::vector<std::string> chunks = videoChunks(file);
