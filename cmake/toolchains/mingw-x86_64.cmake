@@ -4,5 +4,5 @@ set(CMAKE_SYSTEM_PROCESSOR x86_64)
 include(${CMAKE_CURRENT_LIST_DIR}/mingw-common.cmake)
 
 # Debian installs wine64 outside PATH; ctest and test discovery run the .exe
-# files through it.
-set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)
+# files through it, by a script that starts again what wine ended unstarted.
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../../scripts/wine-run.sh)
