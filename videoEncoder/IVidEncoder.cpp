@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/Text.h"
+#include "platform/Thread.h"
 #include "recorder/CaptureObjects.h"
 #include "server/Log.h"
 #include "videoEncoder/VidEncoderFast.h"
@@ -35,6 +36,14 @@ int IVidEncoder::Init(const OptionList& options) {
 
 uint64_t IVidEncoder::EncodedCapacity() const {
   return encoderBufferSize(static_cast<uint32_t>(std::max(width_, 0)), static_cast<uint32_t>(std::max(height_, 0)));
+}
+
+bool IVidEncoder::JoinEncoderThread(platform::Thread& thread) {
+  const uint32_t result = thread.join(kThreadPatienceMs);
+  if (result == platform::kWaitObject0) return true;
+  logLine(u"[Warning] Problems waiting encoder thread to exit: %d\n", result);
+  thread.terminate();
+  return false;
 }
 
 std::unique_ptr<IVidEncoder> CreateVideoEncoder(std::u16string_view name) {
