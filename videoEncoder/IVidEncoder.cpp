@@ -11,6 +11,9 @@
 #if KESTRIUM_WITH_MJPEG
 #include "videoEncoder/VidEncoderMJPEG.h"
 #endif
+#if KESTRIUM_WITH_X264
+#include "videoEncoder/VidEncoderX264.h"
+#endif
 
 namespace kestrium {
 
@@ -51,6 +54,9 @@ std::unique_ptr<IVidEncoder> CreateVideoEncoder(std::u16string_view name) {
   if (name == u"fast") return std::make_unique<VidEncoderFast>();
 #if KESTRIUM_WITH_MJPEG
   if (name == u"mjpeg") return std::make_unique<VidEncoderMJPEG>();
+#endif
+#if KESTRIUM_WITH_X264
+  if (name == u"h264.x264") return std::make_unique<VidEncoderX264>();
 #endif
   logLine(u"[Error]   Cannot create video encoder %s\n", name);
   return nullptr;
