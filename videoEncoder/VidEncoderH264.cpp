@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstring>
 
-#include "codecs/ColorConvert.h"
 #include "platform/Clock.h"
 #include "server/Log.h"
 
@@ -14,11 +13,6 @@ namespace {
 
 // The encoder thread looks at its stop flag at least this often.
 constexpr uint32_t kFrameWaitMs = 1000;
-// Rows of the NV12 planes start on this boundary, where the vector kernels and
-// the library's own copies are fastest.
-constexpr ptrdiff_t kRowAlignment = 64;
-
-ptrdiff_t alignedStep(int32_t bytes) { return (bytes + kRowAlignment - 1) / kRowAlignment * kRowAlignment; }
 
 uint64_t msFromNow(uint32_t ms) { return platform::monotonicNs() + uint64_t{ms} * 1000000; }
 
@@ -124,20 +118,11 @@ int VidEncoderH264::Open() {
     logLine(u"[Error]   *** H264 *** Cannot open the shared objects of %s\n", sessionName_);
     return 0;
   }
-  const int32_t codedWidth = (width_ + 1) & ~1, codedHeight = (height_ + 1) & ~1;
-  picture_.width = codedWidth;
-  picture_.height = codedHeight;
-  picture_.lumaStep = alignedStep(codedWidth);
-  picture_.chromaStep = picture_.lumaStep;
-  const size_t lumaBytes = static_cast<size_t>(picture_.lumaStep) * codedHeight;
   slot_ = AlignedBuffer(static_cast<size_t>(width_) * height_ * 3);
-  planes_ = AlignedBuffer(lumaBytes + lumaBytes / 2);
-  if (slot_.empty() || planes_.empty() || !frameEvent_.create({})) {
+  if (slot_.empty() || !picture_.allocate(width_, height_) || !frameEvent_.create({})) {
     logLine(u"[Error]   *** H264 *** No memory for the frames of %dx%d\n", width_, height_);
     return 0;
   }
-  picture_.luma = reinterpret_cast<uint8_t*>(planes_.data());
-  picture_.chroma = picture_.luma + lumaBytes;
 
   session_ = MakeSession();
   std::vector<std::byte> headers;
@@ -150,9 +135,6 @@ int VidEncoderH264::Open() {
     logLine(u"[Error]   *** H264 *** The encoder's headers hold no SPS and PPS\n");
     return 0;
   }
-  // A frame is converted the moment it is taken: the first one must not wait
-  // for the planes to be touched.
-  std::memset(planes_.data(), 0, planes_.size());
   lengthPrefixed_.reserve(static_cast<size_t>(EncodedCapacity()));
   if (!thread_.start([this] { run(); }, "kestrium-h264")) {
     logLine(u"[Error]   *** H264 *** Cannot start the encoder thread\n");
@@ -196,13 +178,11 @@ int VidEncoderH264::EncodeFrame(std::span<const std::byte> source, uint32_t /*ti
 
 bool VidEncoderH264::takeFrame() {
   if (busy_.load(std::memory_order_acquire) == 0) return true;
-  const auto* rgb = reinterpret_cast<const uint8_t*>(slot_.data());
-  rgbToNv12Stepped(rgb, ptrdiff_t{width_} * 3, picture_.luma, picture_.lumaStep, picture_.chroma, picture_.chromaStep,
-                   width_, height_);
+  picture_.convertFrom(reinterpret_cast<const uint8_t*>(slot_.data()));
   const uint32_t position = slotPosition_;
   // Converted: the slot may take the next frame while this one is coded.
   busy_.store(0, std::memory_order_release);
-  return session_->encode(picture_, position, publisher_);
+  return session_->encode(picture_.picture(), position, publisher_);
 }
 
 void VidEncoderH264::run() {

@@ -13,6 +13,7 @@
 #include "videoEncoder/H264Bitstream.h"
 #include "videoEncoder/H264Session.h"
 #include "videoEncoder/IVidEncoder.h"
+#include "videoEncoder/Nv12Frame.h"
 
 namespace kestrium {
 
@@ -96,8 +97,7 @@ class VidEncoderH264 : public IVidEncoder {
   uint32_t slotPosition_ = 0;
   std::atomic<uint32_t> busy_{0};
   platform::Event frameEvent_;
-  AlignedBuffer planes_;  // NV12 of the coded size
-  Nv12Picture picture_;
+  Nv12Frame picture_;
 
   platform::Thread thread_;
   std::mutex lock_;                  // closing_ against a frame going into the slot
