@@ -116,16 +116,30 @@ double mean(const uint8_t* plane, size_t stride, uint32_t x0, uint32_t y0, uint3
   return sum / (double(w) * h);
 }
 
-class VidEncoderX264Test : public ::testing::TestWithParam<X264Case> {
+// Objects of the test's own, and the log in its folder.
+class X264Fixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (std::string(KESTRIUM_FFMPEG).empty()) GTEST_SKIP() << "ffmpeg is not available in this build";
     platform::setObjectNamespace(test::uniqueNamespace());
     processLog().open(folder_.path() / "Kestrium.txt", true);
   }
   void TearDown() override { processLog().close(); }
+  std::string log() {
+    processLog().close();
+    const std::string text = test::readLog(folder_.path() / "Kestrium.txt");
+    processLog().open(folder_.path() / "Kestrium.txt", false);
+    return text;
+  }
 
   test::TempFolder folder_;
+};
+
+class VidEncoderX264Test : public X264Fixture, public ::testing::WithParamInterface<X264Case> {
+ protected:
+  void SetUp() override {
+    if (std::string(KESTRIUM_FFMPEG).empty()) GTEST_SKIP() << "ffmpeg is not available in this build";
+    X264Fixture::SetUp();
+  }
 };
 
 TEST_P(VidEncoderX264Test, EveryFrameDecodesInOrderWithKeyFramesOnceASecond) {
@@ -254,22 +268,7 @@ INSTANTIATE_TEST_SUITE_P(
         X264Case{"High29_97", 320, 240, 29970, 62, {"profile", "2", "threads", "2", "bitrate", "0"}, 100}),
     [](const auto& info) { return std::string(info.param.name); });
 
-class VidEncoderX264EdgeTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    platform::setObjectNamespace(test::uniqueNamespace());
-    processLog().open(folder_.path() / "Kestrium.txt", true);
-  }
-  void TearDown() override { processLog().close(); }
-  std::string log() {
-    processLog().close();
-    const std::string text = test::readLog(folder_.path() / "Kestrium.txt");
-    processLog().open(folder_.path() / "Kestrium.txt", false);
-    return text;
-  }
-
-  test::TempFolder folder_;
-};
+class VidEncoderX264EdgeTest : public X264Fixture {};
 
 struct BadStart {
   const char* name;
