@@ -140,12 +140,14 @@ int VidEncoderH264::Open() {
     logLine(u"[Error]   *** H264 *** Cannot start the encoder thread\n");
     return 0;
   }
+  ready_ = true;
   return 1;
 }
 
 int VidEncoderH264::EncodeFrame(std::span<const std::byte> source, uint32_t /*timed*/, uint32_t position) {
   // The position is in milliseconds whatever the time word says: H.264 goes to
   // containers that run on time, not on a frame grid.
+  if (!ready_ || closing_ || failed_) return 0;
   if (source.size() != slot_.size()) {
     if (refusedSources_++ == 0) {
       logLine(u"[Error]   *** H264 *** Source frame of %u bytes is not a %dx%d picture; such frames are dropped\n",
@@ -168,7 +170,7 @@ int VidEncoderH264::EncodeFrame(std::span<const std::byte> source, uint32_t /*ti
     platform::sleepMs(1);
   }
   std::lock_guard guard(lock_);
-  if (closing_ || failed_ || !thread_.joinable()) return 0;
+  if (closing_ || failed_) return 0;
   std::memcpy(slot_.data(), source.data(), source.size());
   slotPosition_ = position;
   busy_.store(1, std::memory_order_release);
@@ -245,7 +247,7 @@ void VidEncoderH264::Close() {
     droppedAtClose_ = 0;
   }
   if (droppedWaiting_ > 1) {
-    logLine(u"[Warning] *** H264 *** %u frames of %s were dropped waiting for the encoder\n", droppedWaiting_,
+    logLine(u"[Warning] *** H264 *** %u frames of %s were dropped waiting for the encoder\n", droppedWaiting_.load(),
             sessionName_);
   }
   if (!abandoned_) objects_.closeAll();

@@ -100,15 +100,16 @@ class VidEncoderH264 : public IVidEncoder {
   Nv12Frame picture_;
 
   platform::Thread thread_;
+  std::atomic<bool> ready_{false};   // Open succeeded: the thread runs
   std::mutex lock_;                  // closing_ against a frame going into the slot
   std::atomic<bool> closing_{false};  // no frame is taken any more
   std::atomic<bool> stop_{false};     // the thread drains and ends
   std::atomic<bool> failed_{false};   // the session failed: the thread has ended
   std::atomic<uint64_t> drainUntilNs_{0};
   std::atomic<bool> abandoned_{false};
-  uint32_t droppedAtClose_ = 0;    // on the encoder thread
-  uint32_t refusedSources_ = 0;    // on the recorder's thread
-  uint32_t droppedWaiting_ = 0;    // on the recorder's thread
+  uint32_t droppedAtClose_ = 0;                // by the encoder thread, read once it has ended
+  std::atomic<uint32_t> refusedSources_{0};    // by the recorder's thread
+  std::atomic<uint32_t> droppedWaiting_{0};    // by the recorder's thread
 };
 
 }  // namespace kestrium
