@@ -46,26 +46,9 @@ while (($#)); do
   shift
 done
 
-bench=$build/bin/kestrium-bench
-if [[ ! -x $bench ]]; then
-  echo "$0: $bench not found: build first (scripts/build.sh)" >&2
-  exit 2
-fi
-command -v ffmpeg >/dev/null || { echo "$0: ffmpeg not found (scripts/setup.sh)" >&2; exit 2; }
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/kestrium-peers.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-if [[ -n $input ]]; then
-  w=${size%x*}
-  h=${size#*x}
-  frames=$(($(stat -c %s "$input") / (w * h * 3)))
-  ((frames > 0)) || { echo "$0: $input holds no whole frame of $size" >&2; exit 2; }
-  ln -s "$(realpath "$input")" "$work/game.rgb"
-  what="frames of $input"
-else
-  "$bench" pattern --out "$work/game.rgb" --size "$size" --frames "$frames"
-  what="game-like frames"
-fi
+# shellcheck source=bench/peer_frames.sh
+source "$root/bench/peer_frames.sh"
+prepare_frames
 total=$((frames * loops))
 
 echo "peers: $frames $what, $size, each taken $loops times ($total frames a run), best of $repeat"
@@ -78,7 +61,7 @@ ours() {
     line=$("$bench" "$@" --size "$size" --frames "$total" 2>/dev/null)
     fps=$(sed -E 's/.*fps=([0-9.]+).*/\1/' <<<"$line")
     bytes=$(sed -E 's/.*bytes_per_frame=([0-9]+).*/\1/' <<<"$line")
-    best=$(awk -v a="$best" -v b="$fps" 'BEGIN { print (b > a) ? b : a }')
+    best=$(larger "$best" "$fps")
   done
   echo "$best $bytes"
 }
@@ -94,15 +77,10 @@ peer() {
       -pix_fmt "$pixfmt" -s "$size" -i "$input" -filter_threads 1 -sws_flags neighbor "$@" -threads 1 -f null - 2>&1)
     secs=$(grep -oE 'rtime=[0-9.]+s' <<<"$out" | tail -1 | tr -dc '0-9.')
     kb=$(grep -oE 'video:[0-9]+kB' <<<"$out" | tail -1 | tr -dc '0-9')
-    if [[ -z $best ]] || awk -v a="$secs" -v b="$best" 'BEGIN { exit !(a < b) }'; then best=$secs; fi
+    best=$(smaller "$best" "$secs")
   done
   echo "$best $((kb * 1024 / total))"
 }
-
-fps() { awk -v n="$total" -v s="$1" 'BEGIN { printf "%.1f", n / s }'; }
-# net SECONDS BASELINE: frames per second once ffmpeg's own pipeline is taken off.
-net() { awk -v n="$total" -v s="$1" -v b="$2" 'BEGIN { printf "%.1f", (s > b) ? n / (s - b) : 0 }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0) ? a / b : 0 }'; }
 
 echo
 echo "== 1. whole job, rgb24 to encoded bytes"
@@ -119,7 +97,7 @@ for codec in utvideo magicyuv ffvhuff; do
   n=$(net "$secs" "$base_rgb")
   printf '%-28s %9s %9s %14s %8s %8s\n' "ffmpeg swscale + $codec" "$raw" "$n" "$bytes" "$(ratio "$our_fps" "$raw")" \
     "$(ratio "$our_fps" "$n")"
-  best_peer=$(awk -v a="$best_peer" -v b="$n" 'BEGIN { print (b > a) ? b : a }')
+  best_peer=$(larger "$best_peer" "$n")
 done
 echo "ours against the fastest peer (net): $(ratio "$our_fps" "$best_peer")x the frame rate (target >= 2)"
 for codec in utvideo magicyuv ffvhuff; do

@@ -42,6 +42,19 @@ void convertRowPair(const ColorConvertKernels& k, const uint8_t* row0, const uin
   std::memcpy(v + body, chroma[1], rest);
 }
 
+// Chroma rows are converted planar a piece at a time, in buffers small enough to
+// stay in the first-level cache, and then interleaved; a multiple of every
+// kernel's step, so that only a row's last piece has a tail.
+constexpr size_t kPieceBlocks = 512;
+static_assert(kPieceBlocks % kMaxBlocksPerStep == 0);
+
+void interleave(const uint8_t* u, const uint8_t* v, uint8_t* uv, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    uv[2 * i] = u[i];
+    uv[2 * i + 1] = v[i];
+  }
+}
+
 }  // namespace
 
 void rgbToYuvRowPair_C(const uint8_t* row0, const uint8_t* row1, uint8_t* y0, uint8_t* y1, uint8_t* u, uint8_t* v,
@@ -111,6 +124,45 @@ int32_t rgbToYuv420Stepped(const ColorConvertKernels& kernels, const uint8_t* so
 int32_t rgbToYuv420Stepped(const uint8_t* source, ptrdiff_t sourceStep, uint8_t* const* planes,
                            const ptrdiff_t* planeSteps, int32_t width, int32_t height) {
   return rgbToYuv420Stepped(processColorConvertKernels(), source, sourceStep, planes, planeSteps, width, height);
+}
+
+int32_t rgbToNv12Stepped(const ColorConvertKernels& kernels, const uint8_t* source, ptrdiff_t sourceStep,
+                         uint8_t* luma, ptrdiff_t lumaStep, uint8_t* chroma, ptrdiff_t chromaStep, int32_t width,
+                         int32_t height) {
+  if (source == nullptr || luma == nullptr || chroma == nullptr) return kConvertNullPointer;
+  if (width < 1 || height < 1) return kConvertBadSize;
+  const size_t blocks = static_cast<size_t>(width) / 2;
+  const ptrdiff_t pairs = (static_cast<ptrdiff_t>(height) + 1) / 2;
+  for (ptrdiff_t pair = 0; pair < pairs; ++pair) {
+    const uint8_t* row0 = source + 2 * pair * sourceStep;
+    // A last row of its own is paired with itself: the padding row repeats it.
+    const uint8_t* row1 = 2 * pair + 1 < height ? row0 + sourceStep : row0;
+    uint8_t* y0 = luma + 2 * pair * lumaStep;
+    uint8_t* y1 = y0 + lumaStep;
+    uint8_t* uv = chroma + pair * chromaStep;
+    for (size_t start = 0; start < blocks; start += kPieceBlocks) {
+      const size_t n = std::min(kPieceBlocks, blocks - start);
+      alignas(64) uint8_t u[kPieceBlocks];
+      alignas(64) uint8_t v[kPieceBlocks];
+      convertRowPair(kernels, row0 + start * 6, row1 + start * 6, y0 + start * 2, y1 + start * 2, u, v, n);
+      interleave(u, v, uv + start * 2, n);
+    }
+    if ((width & 1) != 0) {
+      // The last column as a block of its own, each pixel twice.
+      const uint8_t* last0 = row0 + (static_cast<size_t>(width) - 1) * 3;
+      const uint8_t* last1 = row1 + (static_cast<size_t>(width) - 1) * 3;
+      const uint8_t twice0[6] = {last0[0], last0[1], last0[2], last0[0], last0[1], last0[2]};
+      const uint8_t twice1[6] = {last1[0], last1[1], last1[2], last1[0], last1[1], last1[2]};
+      rgbToYuvRowPair_C(twice0, twice1, y0 + width - 1, y1 + width - 1, uv + 2 * blocks, uv + 2 * blocks + 1, 1);
+    }
+  }
+  return kConvertDone;
+}
+
+int32_t rgbToNv12Stepped(const uint8_t* source, ptrdiff_t sourceStep, uint8_t* luma, ptrdiff_t lumaStep,
+                         uint8_t* chroma, ptrdiff_t chromaStep, int32_t width, int32_t height) {
+  return rgbToNv12Stepped(processColorConvertKernels(), source, sourceStep, luma, lumaStep, chroma, chromaStep, width,
+                          height);
 }
 
 int32_t rgbToYuv420(const uint8_t* source, uint8_t* const* planes, int32_t width, int32_t height) {

@@ -69,6 +69,19 @@ int32_t rgbToYuv420Stepped(const uint8_t* source, ptrdiff_t sourceStep, uint8_t*
 int32_t rgbToYuv420Stepped(const ColorConvertKernels& kernels, const uint8_t* source, ptrdiff_t sourceStep,
                            uint8_t* const* planes, const ptrdiff_t* planeSteps, int32_t width, int32_t height);
 
+// NV12, the layout H.264 encoders take: a luma plane and one plane of U, V pairs
+// interleaved, with the values of the planar form. The picture is covered whole:
+// an odd width or height is rounded up by repeating the last column or row, so
+// that an encoder that wants even sizes gets a full picture. The luma plane holds
+// ((width + 1) & ~1) x ((height + 1) & ~1) bytes at lumaStep, the chroma plane
+// (width + 1) / 2 pairs a row and (height + 1) / 2 rows at chromaStep. Returns
+// kConvertDone, or the planar form's errors for a bad size or a null pointer.
+int32_t rgbToNv12Stepped(const ColorConvertKernels& kernels, const uint8_t* source, ptrdiff_t sourceStep,
+                         uint8_t* luma, ptrdiff_t lumaStep, uint8_t* chroma, ptrdiff_t chromaStep, int32_t width,
+                         int32_t height);
+int32_t rgbToNv12Stepped(const uint8_t* source, ptrdiff_t sourceStep, uint8_t* luma, ptrdiff_t lumaStep,
+                         uint8_t* chroma, ptrdiff_t chromaStep, int32_t width, int32_t height);
+
 // The scalar reference kernel, one block at a time.
 void rgbToYuvRowPair_C(const uint8_t* row0, const uint8_t* row1, uint8_t* y0, uint8_t* y1, uint8_t* u, uint8_t* v,
                        size_t blocks);

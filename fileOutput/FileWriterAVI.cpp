@@ -35,9 +35,18 @@ int FileWriterAVI::open() {
   }
   AVIVideoOutputStream& video = *avi_->videoStream();
   if (width_ != 0 && height_ != 0) {
+    // An encoder without a bitmap format describes its stream by a configuration
+    // record (H.264): the stream is "H264" with the record behind the header,
+    // where readers find a codec's extra data.
+    const bool h264 = bitmapHeader_.biSize == 0 && !extraData_.empty();
+    BitmapInfoHeader format = bitmapHeader_;
+    if (h264) {
+      format = makeBitmapHeader(static_cast<int32_t>(width_), static_cast<int32_t>(height_), 24,
+                                makeFourcc('H', '2', '6', '4'), width_ * height_ * 3);
+    }
     AVIStreamHeader& h = video.header;
     h.fccType = fourcc("vids");
-    h.fccHandler = bitmapHeader_.biCompression;
+    h.fccHandler = format.biCompression;
     h.dwScale = 1000;
     h.dwRate = frameRate_;
     h.dwLength = 1;
@@ -45,9 +54,10 @@ int FileWriterAVI::open() {
     h.dwQuality = 0xFFFFFFFF;
     h.rcFrame[2] = static_cast<int16_t>(width_);
     h.rcFrame[3] = static_cast<int16_t>(height_);
-    video.chunkId = bitmapHeader_.biCompression != 0 ? fourcc("00dc") : fourcc("00db");
-    video.format.resize(sizeof bitmapHeader_);
-    std::memcpy(video.format.data(), &bitmapHeader_, sizeof bitmapHeader_);
+    video.chunkId = format.biCompression != 0 ? fourcc("00dc") : fourcc("00db");
+    video.format.resize(sizeof format);
+    std::memcpy(video.format.data(), &format, sizeof format);
+    if (h264) video.format.insert(video.format.end(), extraData_.begin(), extraData_.end());
   }
 
   uint32_t audioMask = 0;
@@ -90,7 +100,7 @@ int FileWriterAVI::open() {
   return 1;
 }
 
-int FileWriterAVI::write(std::span<const std::byte> data, uint32_t track, uint32_t /*timed*/, uint32_t position,
+int FileWriterAVI::write(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position,
                          uint32_t key) {
   if (!avi_) {
     logLine(u"[Error]   ZERO AVI pointer\n");
@@ -98,7 +108,7 @@ int FileWriterAVI::write(std::span<const std::byte> data, uint32_t track, uint32
   }
   if (avi_->failed()) return 0;
   if (track == 0) {
-    writeVideo(data, position, key);
+    writeVideo(data, timed != 0 ? gridPlace(position) : position, key);
   } else if (sideTracks_) {
     if (track <= sideWriters_.size() && sideWriters_[track - 1]) sideWriters_[track - 1]->write(data);
   } else if (track <= AVIOutput::kAudioStreams && avi_->audioStream(static_cast<int>(track) - 1) != nullptr) {
@@ -113,6 +123,11 @@ int FileWriterAVI::write(std::span<const std::byte> data, uint32_t track, uint32
   }
   bytesWritten_ += data.size();
   return 1;
+}
+
+uint32_t FileWriterAVI::gridPlace(uint32_t milliseconds) const {
+  if (frameRate_ == 0) return milliseconds;
+  return static_cast<uint32_t>((uint64_t{milliseconds} * frameRate_ + 500000) / 1000000);
 }
 
 void FileWriterAVI::writeVideo(std::span<const std::byte> data, uint32_t position, uint32_t key) {

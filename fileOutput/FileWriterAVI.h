@@ -9,8 +9,10 @@ namespace kestrium {
 
 // Records into AVI. Video lies on a fixed frame grid: a frame number that skips
 // ahead leaves empty frames for the ones that never came, so each frame plays at
-// its number over the rate however late it arrived. Audio goes into the AVI, or
-// into side tracks when the recording asks for them.
+// its number over the rate however late it arrived. A frame timed in
+// milliseconds (the H.264 encoders' frames) takes the grid place nearest its
+// time. Audio goes into the AVI, or into side tracks when the recording asks for
+// them.
 class FileWriterAVI : public IFileWriter {
  public:
   FileWriterAVI(bool sideTracks, float prerecordLimit, std::filesystem::path destination,
@@ -29,6 +31,8 @@ class FileWriterAVI : public IFileWriter {
 
  private:
   void writeVideo(std::span<const std::byte> data, uint32_t position, uint32_t key);
+  // The frame number of a time in milliseconds, at the capture's rate.
+  uint32_t gridPlace(uint32_t milliseconds) const;
 
   std::unique_ptr<AVIOutputFile> avi_;
   std::filesystem::path filePath_;

@@ -75,6 +75,9 @@ void Recorder::run() {
       continue;
     }
     CommonData* common = objects_.common();
+    // The encoder's Close delivers its last frame before the stop is set; the
+    // stop, whose event comes first, must not leave that frame in the slot.
+    if (result == 0 && objects_.newEncoded.wait(0) == platform::kWaitObject0) onNewEncoded();
     if (result == 0 || result == 3) {
       pumpAudio(common->audioPosition, true);
       if (result == 0) break;
@@ -107,6 +110,10 @@ void Recorder::onNewSource() {
     sawSource_ = true;
     if (audio) audio->DropPending();
   }
+  // An encoded frame that waits is taken before the next source frame goes in:
+  // an H.264 encoder's EncodeFrame waits for its one input slot, whose frame its
+  // thread takes only once it has put the frame before into the encoded slot.
+  if (objects_.newEncoded.wait(0) == platform::kWaitObject0) onNewEncoded();
   const uint64_t largest = encoderBufferSize(static_cast<uint32_t>(encoder->width()), static_cast<uint32_t>(encoder->height()));
   if (!objects_.sourceBuffer.isOpen()) {
     // Sized once, by the first frame: a later change of the word does not resize it.

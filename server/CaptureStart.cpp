@@ -46,7 +46,7 @@ void logEncoderSettings(const StartParameters& p, std::u16string_view encoder) {
     logLine(u"  *** CAP *** ** Bitrate:              %d kbps\n", p.bitrate);
     logLine(u"  *** CAP *** ** Hardware acc:         %s\n", p.useHardware != 0 ? u"ON" : u"OFF");
     logLine(u"  *** CAP *** ** FullColorRange:       %d\n", p.fullColor);
-  } else if (encoder == u"h264.nvenc" || encoder == u"h264.amdvce") {
+  } else if (encoder == u"h264.nvenc" || encoder == u"h264.amdvce" || encoder == u"h264.x264") {
     logLine(u"  *** CAP *** ** Profile:              %d\n", p.profile);
     logLine(u"  *** CAP *** ** Preset:               %d\n", p.targetUsage);
     logLine(u"  *** CAP *** ** Bitrate:              %d kbps\n", p.bitrate);

@@ -10,7 +10,10 @@
 // encoder: conversion and coding; with --pix-fmt yuv420p the coder alone, on
 // planes), mjpeg (one baseline JPEG a frame, as the "mjpeg" encoder makes them;
 // --quality 1..100, --subsample 444|420), copy (a plain memcpy of each frame:
-// the memory-speed yardstick).
+// the memory-speed yardstick), x264 (the whole job of "h264.x264" on one stream:
+// conversion to NV12, coding, length prefixes; --threads are libx264's, and
+// --profile, --bitrate, --target-usage, --low-latency, --fps are the capture's
+// options; the frames are taken as they are, top-down and red first).
 // Input frames are rgb24, rows top-down, red first, as ffmpeg writes them; they
 // are put into the order the server receives them in (rows bottom-up, blue
 // first; for mjpeg top-down, blue first) before timing starts, unless --as-is. Frames are taken in turn, so a
@@ -19,6 +22,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -38,15 +42,21 @@
 #include "codecs/jpeg/JPEGEncoder.h"
 #endif
 #include "tools/GameFrames.h"
+#include "videoEncoder/OptionList.h"
+#if KESTRIUM_WITH_X264
+#include "tools/X264Bench.h"
+#endif
 
 using namespace kestrium;
 
 namespace {
 
 int usage() {
-  std::cerr << "usage: kestrium-bench convert|tmb2|mjpeg|copy --input FILE --size WxH [--frames N] [--threads N]\n"
+  std::cerr << "usage: kestrium-bench convert|tmb2|mjpeg|copy|x264 --input FILE --size WxH [--frames N] [--threads N]\n"
                "                      [--cpu c|sse2|ssse3|avx2] [--pix-fmt rgb24|yuv420p] [--as-is]\n"
                "                      [--quality 1..100] [--subsample 444|420]   (mjpeg)\n"
+               "                      [--profile N] [--bitrate KBPS] [--target-usage N] [--low-latency N] [--fps F]"
+               "   (x264)\n"
                "       kestrium-bench pattern --out FILE --size WxH --frames N\n";
   return 2;
 }
@@ -61,6 +71,7 @@ struct Options {
   uint32_t cpuMask = ~0u;
   int quality = 85;
   bool subsample = false;  // 4:2:0 instead of 4:4:4
+  OptionList h264;         // the capture's options for x264
 };
 
 bool parseSize(const std::string& s, uint32_t& w, uint32_t& h) {
@@ -152,6 +163,12 @@ int main(int argc, char** argv) {
     } else if (a == "--quality" && hasValue) {
       o.quality = std::atoi(args[++i].c_str());
       if (o.quality < 1 || o.quality > 100) return usage();
+    } else if ((a == "--profile" || a == "--bitrate" || a == "--target-usage" || a == "--low-latency") && hasValue) {
+      std::string key = a.substr(2);
+      std::replace(key.begin(), key.end(), '-', '_');
+      o.h264.insert(o.h264.end(), {key, args[++i]});
+    } else if (a == "--fps" && hasValue) {
+      o.h264.insert(o.h264.end(), {"fps", std::to_string(std::llround(std::strtod(args[++i].c_str(), nullptr) * 1000))});
     } else if (a == "--subsample" && hasValue) {
       const std::string v = args[++i];
       if (v != "444" && v != "420") return usage();
@@ -166,9 +183,16 @@ int main(int argc, char** argv) {
     if (o.out.empty() || o.frames == 0) return usage();
     return writePattern(o);
   }
-  if (o.input.empty() || (o.kernel != "convert" && o.kernel != "tmb2" && o.kernel != "mjpeg" && o.kernel != "copy")) {
+  if (o.input.empty() || (o.kernel != "convert" && o.kernel != "tmb2" && o.kernel != "mjpeg" && o.kernel != "copy" &&
+                          o.kernel != "x264")) {
     return usage();
   }
+#if !KESTRIUM_WITH_X264
+  if (o.kernel == "x264") {
+    std::cerr << "this build has no libx264\n";
+    return 1;
+  }
+#endif
 #if !KESTRIUM_WITH_MJPEG
   if (o.kernel == "mjpeg") {
     std::cerr << "this build has no JPEG engine\n";
@@ -203,6 +227,26 @@ int main(int argc, char** argv) {
     return 1;
   }
   auto* frames = reinterpret_cast<uint8_t*>(input.data());
+  const size_t total = o.frames != 0 ? o.frames : inputFrames;
+#if KESTRIUM_WITH_X264
+  if (o.kernel == "x264") {
+    OptionList options = {"width", std::to_string(o.width), "height", std::to_string(o.height), "threads",
+                          std::to_string(o.threads)};
+    options.insert(options.end(), o.h264.begin(), o.h264.end());
+    const tools::X264BenchResult r =
+        tools::runX264(options, reinterpret_cast<const uint8_t*>(input.data()), inputFrames, total);
+    if (!r.ok) {
+      std::cerr << "kestrium-bench: the encoder failed; its log lines say why\n";
+      return 1;
+    }
+    const double fps = static_cast<double>(total) / r.seconds;
+    std::fprintf(stderr, "kestrium-bench: x264, %zu frames of %ux%u, %d thread%s, kernels %s\n", total, o.width,
+                 o.height, o.threads, o.threads == 1 ? "" : "s", cpuTierName(processCpuFlags()));
+    std::printf("fps=%.2f mb_per_s=%.1f bytes_per_frame=%.0f\n", fps, fps * static_cast<double>(frameBytes) / 1e6,
+                static_cast<double>(r.bytes) / static_cast<double>(r.frames));
+    return 0;
+  }
+#endif
   if (!planar && !o.asIs) {
     for (size_t f = 0; f < inputFrames; ++f) {
       if (o.kernel == "mjpeg") {
@@ -212,7 +256,6 @@ int main(int argc, char** argv) {
       }
     }
   }
-  const size_t total = o.frames != 0 ? o.frames : inputFrames;
 
   std::vector<Worker> workers(static_cast<size_t>(o.threads));
   for (Worker& w : workers) {

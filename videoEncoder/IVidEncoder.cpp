@@ -3,12 +3,16 @@
 #include <algorithm>
 
 #include "platform/Text.h"
+#include "platform/Thread.h"
 #include "recorder/CaptureObjects.h"
 #include "server/Log.h"
 #include "videoEncoder/VidEncoderFast.h"
 #include "videoEncoder/VidEncoderLoseless.h"
 #if KESTRIUM_WITH_MJPEG
 #include "videoEncoder/VidEncoderMJPEG.h"
+#endif
+#if KESTRIUM_WITH_X264
+#include "videoEncoder/VidEncoderX264.h"
 #endif
 
 namespace kestrium {
@@ -37,11 +41,22 @@ uint64_t IVidEncoder::EncodedCapacity() const {
   return encoderBufferSize(static_cast<uint32_t>(std::max(width_, 0)), static_cast<uint32_t>(std::max(height_, 0)));
 }
 
+bool IVidEncoder::JoinEncoderThread(platform::Thread& thread) {
+  const uint32_t result = thread.join(kThreadPatienceMs);
+  if (result == platform::kWaitObject0) return true;
+  logLine(u"[Warning] Problems waiting encoder thread to exit: %d\n", result);
+  thread.terminate();
+  return false;
+}
+
 std::unique_ptr<IVidEncoder> CreateVideoEncoder(std::u16string_view name) {
   if (name == u"no_compression") return std::make_unique<VidEncoderLoseless>();
   if (name == u"fast") return std::make_unique<VidEncoderFast>();
 #if KESTRIUM_WITH_MJPEG
   if (name == u"mjpeg") return std::make_unique<VidEncoderMJPEG>();
+#endif
+#if KESTRIUM_WITH_X264
+  if (name == u"h264.x264") return std::make_unique<VidEncoderX264>();
 #endif
   logLine(u"[Error]   Cannot create video encoder %s\n", name);
   return nullptr;

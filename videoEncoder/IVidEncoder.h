@@ -13,6 +13,10 @@
 
 namespace kestrium {
 
+namespace platform {
+class Thread;
+}
+
 // What every video encoder of the server offers the recorder. An encoder is made
 // by the factory, given its options by Init (which opens it), fed one source frame
 // at a time, and closed; it hands each encoded frame over through the capture's
@@ -66,12 +70,23 @@ class IVidEncoder {
   // least kMinEncoderBuffer; an encoder whose frames can grow larger says so.
   virtual uint64_t EncodedCapacity() const;
 
+  // How long Close waits for the consumer to take the frames still in an
+  // encoder, and how long an H.264 encoder's input slot may stay taken.
+  static constexpr uint32_t kDrainPatienceMs = 3000;
+  // How long an encoder's thread gets to end once told to.
+  static constexpr uint32_t kThreadPatienceMs = 10000;
+
   const std::u16string& sessionName() const { return sessionName_; }
   int32_t width() const { return width_; }
   int32_t height() const { return height_; }
   int32_t threads() const { return threads_; }
 
  protected:
+  // Ends one of the encoder's threads, told to stop already: false (with a log
+  // line) when it would not end in kThreadPatienceMs and had to be abandoned;
+  // it may then still use the encoder, which must never be destroyed.
+  static bool JoinEncoderThread(platform::Thread& thread);
+
   std::u16string sessionName_;
   int32_t width_ = 0;
   int32_t height_ = 0;

@@ -11,7 +11,6 @@ namespace kestrium {
 
 namespace {
 
-constexpr uint32_t kWorkerPatienceMs = 10000;
 // A worker waiting for its turn yields this many times before it sleeps between
 // looks, so that a slow consumer does not cost the game a whole core.
 constexpr int kYieldsBeforeSleeping = 64;
@@ -146,10 +145,7 @@ void VidEncoder::StopWorkers() {
   for (auto& worker : workers) {
     worker->stop = 1;
     worker->event.set();
-    const uint32_t result = worker->thread.join(kWorkerPatienceMs);
-    if (result != platform::kWaitObject0) {
-      logLine(u"[Warning] Problems waiting encoder thread to exit: %d\n", result);
-      worker->thread.terminate();
+    if (!JoinEncoderThread(worker->thread)) {
       // Where the thread could only be abandoned it still uses its record and
       // this encoder, which must then outlive it.
       static_cast<void>(worker.release());

@@ -46,9 +46,6 @@ class VidEncoder : public IVidEncoder {
   void Close() override;
   bool AbandonedThreads() const override { return abandoned_; }
 
-  // How long Close waits for the consumer to take the frames still in flight.
-  static constexpr uint32_t kDrainPatienceMs = 3000;
-
  protected:
   // Runs on each worker's thread: set up, then encode frames until told to stop:
   //   while (WaitForWork(worker)) { ...encode frame into encoded...; DeliverEncoded(worker); }

@@ -245,5 +245,95 @@ TEST(ColorConvertDispatchTest, AlignedAndUnalignedPathsAgree) {
   }
 }
 
+// NV12 against the planar form of the C kernel on the picture padded by hand to
+// even sizes (last column and row repeated), on every tier, at widths that end
+// inside a vector step and beyond one piece of a row, with guard bytes around
+// both planes and their rows spaced wider than the picture.
+class ColorConvertNv12Test : public ::testing::TestWithParam<std::tuple<Tier, Case>> {};
+
+TEST_P(ColorConvertNv12Test, EqualsThePlanarFormOfThePaddedPictureInterleaved) {
+  const auto [tier, size] = GetParam();
+  if (!test::tierAvailable(tier)) GTEST_SKIP() << "this processor lacks " << tier.name;
+  const ColorConvertKernels kernels = colorConvertKernels(CpuFlags{tier.mask});
+  const int32_t w = size.width, h = size.height, pw = (w + 1) & ~1, ph = (h + 1) & ~1;
+  constexpr size_t kGuard = 64;
+  constexpr uint8_t kGuardValue = 0xA5;
+  const ptrdiff_t lumaStep = pw + 3, chromaStep = pw + 5;  // rows with room between them
+
+  for (Content content : {Content::Random, Content::PureColours}) {
+    std::vector<uint8_t> rgb(size_t(w) * h * 3);
+    fill(rgb.data(), rgb.size(), content, static_cast<uint32_t>(w * 31 + h));
+    std::vector<uint8_t> padded(size_t(pw) * ph * 3);
+    for (int32_t y = 0; y < ph; ++y) {
+      for (int32_t x = 0; x < pw; ++x) {
+        std::memcpy(&padded[(size_t(y) * pw + x) * 3], &rgb[(size_t(std::min(y, h - 1)) * w + std::min(x, w - 1)) * 3],
+                    3);
+      }
+    }
+    std::vector<uint8_t> y(size_t(pw) * ph), u(size_t(pw / 2) * (ph / 2)), v(u.size());
+    uint8_t* planes[3] = {y.data(), u.data(), v.data()};
+    const ptrdiff_t steps[3] = {pw, pw / 2, pw / 2};
+    ASSERT_EQ(rgbToYuv420Stepped(colorConvertKernels(CpuFlags{0}), padded.data(), 3 * pw, planes, steps, pw, ph),
+              kConvertDone);
+
+    std::vector<uint8_t> luma(2 * kGuard + lumaStep * ph, kGuardValue), chroma(2 * kGuard + chromaStep * (ph / 2),
+                                                                               kGuardValue);
+    ASSERT_EQ(rgbToNv12Stepped(kernels, rgb.data(), 3 * w, luma.data() + kGuard, lumaStep, chroma.data() + kGuard,
+                               chromaStep, w, h),
+              kConvertDone);
+    for (int32_t row = 0; row < ph; ++row) {
+      const uint8_t* got = luma.data() + kGuard + row * lumaStep;
+      ASSERT_EQ(0, std::memcmp(got, &y[size_t(row) * pw], pw)) << "luma row " << row;
+      for (ptrdiff_t x = pw; x < lumaStep && row + 1 < ph; ++x) ASSERT_EQ(got[x], kGuardValue) << "luma row " << row;
+    }
+    for (int32_t row = 0; row < ph / 2; ++row) {
+      const uint8_t* got = chroma.data() + kGuard + row * chromaStep;
+      for (int32_t x = 0; x < pw / 2; ++x) {
+        ASSERT_EQ(got[2 * x], u[size_t(row) * (pw / 2) + x]) << "U at " << x << ", row " << row;
+        ASSERT_EQ(got[2 * x + 1], v[size_t(row) * (pw / 2) + x]) << "V at " << x << ", row " << row;
+      }
+      for (ptrdiff_t x = pw; x < chromaStep && row + 1 < ph / 2; ++x) ASSERT_EQ(got[x], kGuardValue);
+    }
+    const auto guardIntact = [](const std::vector<uint8_t>& b, size_t used) {
+      for (size_t i = 0; i < kGuard; ++i) {
+        if (b[i] != kGuardValue) return false;
+      }
+      for (size_t i = kGuard + used; i < b.size(); ++i) {
+        if (b[i] != kGuardValue) return false;
+      }
+      return true;
+    };
+    EXPECT_TRUE(guardIntact(luma, lumaStep * (ph - 1) + pw));
+    EXPECT_TRUE(guardIntact(chroma, chromaStep * (ph / 2 - 1) + pw));
+  }
+}
+
+std::vector<Case> nv12Sizes() {
+  std::vector<Case> cases;
+  for (int32_t w : {1, 2, 3, 17, 33, 1025, 2050}) {
+    for (int32_t h : {1, 2, 5}) cases.push_back({w, h});
+  }
+  return cases;
+}
+
+INSTANTIATE_TEST_SUITE_P(AllTiers, ColorConvertNv12Test, ::testing::Combine(::testing::ValuesIn(test::tiers()),
+                                                                            ::testing::ValuesIn(nv12Sizes())),
+                         [](const auto& info) {
+                           const Tier& tier = std::get<0>(info.param);
+                           const auto& c = std::get<1>(info.param);
+                           return std::string(tier.name) + "_" + std::to_string(c.width) + "x" +
+                                  std::to_string(c.height);
+                         });
+
+TEST(ColorConvertNv12StatusTest, BadArgumentsWriteNothing) {
+  std::vector<uint8_t> rgb(4 * 4 * 3), luma(16, 7), chroma(8, 7);
+  EXPECT_EQ(rgbToNv12Stepped(nullptr, 12, luma.data(), 4, chroma.data(), 4, 4, 4), kConvertNullPointer);
+  EXPECT_EQ(rgbToNv12Stepped(rgb.data(), 12, luma.data(), 4, nullptr, 4, 4, 4), kConvertNullPointer);
+  EXPECT_EQ(rgbToNv12Stepped(rgb.data(), 12, luma.data(), 4, chroma.data(), 4, 0, 4), kConvertBadSize);
+  EXPECT_EQ(rgbToNv12Stepped(rgb.data(), 12, luma.data(), 4, chroma.data(), 4, 4, -2), kConvertBadSize);
+  EXPECT_EQ(luma, std::vector<uint8_t>(16, 7));
+  EXPECT_EQ(chroma, std::vector<uint8_t>(8, 7));
+}
+
 }  // namespace
 }  // namespace kestrium

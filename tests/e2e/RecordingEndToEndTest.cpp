@@ -177,6 +177,85 @@ TEST_F(RecordingEndToEndTest, MjpegRecordingIsReadAndDecodedWhole) {
   EXPECT_NE(harness.log().find("Frames encoded 60, refused 0"), std::string::npos);
 }
 
+struct H264Case {
+  const char* size;
+  uint32_t frames;  // at 30 frames a second
+  uint32_t kbps;    // checked against the size of the video; 0: the default, not checked
+  const char* profile;
+  int profileIdc;  // what the SPS says
+};
+void PrintTo(const H264Case& c, std::ostream* os) { *os << c.size; }
+
+class H264RecordingTest : public RecordingEndToEndTest, public ::testing::WithParamInterface<H264Case> {};
+
+// H.264 from "h264.x264", as fast as the server takes the frames, in an AVI (the
+// MP4 writer does not exist yet: AVI is what an H.264 capture is recorded into
+// today). The frames carry milliseconds, which the AVI puts on its frame grid.
+// The encoder never refuses a frame, and the recorder takes a waiting encoded
+// frame before it hands the encoder the next source frame (else the two wait
+// for each other, which a tiny picture at full speed brings about): every frame
+// is there, with an IDR frame each second, the profile asked for in the SPS, and
+// the video within 15 % of the rate asked for.
+TEST_P(H264RecordingTest, HoldsEveryFrameAtTheRateAskedFor) {
+#if !KESTRIUM_WITH_X264
+  GTEST_SKIP() << "this build has no libx264";
+#endif
+  if (!haveTools()) GTEST_SKIP() << "ffprobe and ffmpeg are not available in this build";
+  const H264Case& c = GetParam();
+  std::vector<std::string> args = {"record", "--dir", dir().string(), "--encoder", "h264.x264", "--container", "avi",
+                                   "--size", c.size, "--fps", "30", "--frames", std::to_string(c.frames), "--pace",
+                                   "max", "--profile", c.profile};
+  if (c.kbps != 0) args.insert(args.end(), {"--bitrate", std::to_string(c.kbps)});
+  ASSERT_EQ(harness.client(args), 0) << harness.clientOutput;
+  EXPECT_EQ(field(harness.clientOutput, "frames_fed"), std::to_string(c.frames));
+  const auto files = filesIn(harness.clientOutput);
+  ASSERT_EQ(files.size(), 1u) << harness.clientOutput;
+  EXPECT_EQ(files[0].extension(), ".avi");
+  EXPECT_NE(harness.log().find("Frames encoded " + std::to_string(c.frames) + ", refused 0 for capture"),
+            std::string::npos)
+      << harness.log();
+
+  std::string out;
+  ASSERT_EQ(runTool(KESTRIUM_FFPROBE,
+                    {"-v", "error", "-select_streams", "v:0", "-show_entries", "packet=size,flags", "-of", "csv=p=0",
+                     files[0].string()},
+                    out),
+            0)
+      << out;
+  std::istringstream lines(out);
+  uint64_t bytes = 0;
+  uint32_t packets = 0;
+  for (std::string line; std::getline(lines, line); ++packets) {
+    bytes += std::stoull(line);
+    EXPECT_EQ(line.find('K') != std::string::npos, packets % 30 == 0) << "packet " << packets << ": " << line;
+  }
+  EXPECT_EQ(packets, c.frames) << "no empty frame: every frame has its grid place";
+  if (c.kbps != 0) {
+    const double expected = c.kbps * 1000.0 / 8 * c.frames / 30;
+    EXPECT_NEAR(double(bytes), expected, expected * 0.15);
+  }
+
+  ASSERT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", files[0].string(), "-f", "framecrc", "-"}, out), 0) << out;
+  size_t decoded = 0;
+  std::istringstream crcs(out);
+  for (std::string line; std::getline(crcs, line);) decoded += !line.empty() && line[0] != '#';
+  EXPECT_EQ(decoded, c.frames);
+  EXPECT_EQ(out.find("rror"), std::string::npos) << out;
+
+  ASSERT_EQ(runTool(KESTRIUM_FFMPEG, {"-hide_banner", "-i", files[0].string(), "-c", "copy", "-bsf:v", "trace_headers",
+                                     "-frames:v", "1", "-f", "null", "-"},
+                    out),
+            0);
+  const size_t at = out.find(" profile_idc ");
+  ASSERT_NE(at, std::string::npos) << out;
+  EXPECT_EQ(std::stoi(out.substr(out.find('=', at) + 1)), c.profileIdc) << out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, H264RecordingTest,
+                         ::testing::Values(H264Case{"1280x720", 600, 2000, "2", 100},
+                                           H264Case{"33x17", 300, 0, "0", 66}),
+                         [](const auto& info) { return std::string(info.param.size); });
+
 class TinyRecordingTest : public RecordingEndToEndTest, public ::testing::WithParamInterface<const char*> {};
 
 // A picture of 17 x 9 pixels: odd in both directions, and so small that a

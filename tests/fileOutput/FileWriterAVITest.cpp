@@ -231,6 +231,44 @@ TEST_F(FileWriterAVITest, GapsInFrameNumbersBecomeEmptyFrames) {
       << "the late frame comes before its gap";
 }
 
+// An H.264 capture: no bitmap format, but a configuration record, which goes
+// behind the stream's header, and frames timed in milliseconds, each put in the
+// grid place nearest its time (a missed one leaves an empty frame as ever).
+TEST_F(FileWriterAVITest, H264FramesTimedInMillisecondsTakeTheirGridPlaces) {
+  auto writer = std::make_unique<FileWriterAVI>(false, 10.0f, folder_.path() / "out");
+  writer->setNames(u"game.exe", false, false, 0);
+  const std::vector<std::byte> record = {std::byte{1}, std::byte{0x64}, std::byte{0}, std::byte{0x1F}, std::byte{0xFF},
+                                         std::byte{0xE1}, std::byte{0},    std::byte{1}, std::byte{0x67}, std::byte{1},
+                                         std::byte{0},    std::byte{1},    std::byte{0x68}};
+  writer->setVideoParameters(64, 48, 29970, 2000, record);
+  ASSERT_EQ(writer->begin(), 1);
+  // 29.97 frames a second: the frame at 267 ms (grid place 8) comes after the one
+  // at 100 ms (place 3), so three empty frames follow it, as for any late frame.
+  const std::vector<std::byte> frame(10, std::byte{0x42});
+  for (uint32_t ms : {0u, 33u, 67u, 100u, 267u, 300u}) writer->writeWrapper(frame, 0, 1, ms, ms == 0 ? 1 : 0);
+  EXPECT_EQ(writer->framesWritten(), 6u);
+  EXPECT_EQ(writer->emptyFramesWritten(), 3u);
+  EXPECT_EQ(writer->gridPosition(), 9u);
+  writer->finish(false);
+
+  const AviFile avi(writer->filePath());
+  const AviChunk* strl = avi.top[0].find("LIST", "hdrl")->find("LIST", "strl");
+  ASSERT_NE(strl, nullptr);
+  EXPECT_EQ(avi.text(strl->find("strh")->dataPosition() + 4, 4), "H264") << "fccHandler";
+  const AviChunk* strf = strl->find("strf");
+  ASSERT_EQ(strf->size, 40u + record.size());
+  EXPECT_EQ(avi.u32(strf->dataPosition()), 40u) << "biSize";
+  EXPECT_EQ(avi.u32(strf->dataPosition() + 4), 64u);
+  EXPECT_EQ(avi.text(strf->dataPosition() + 16, 4), "H264") << "biCompression";
+  EXPECT_EQ(std::memcmp(avi.data(strf->dataPosition() + 40), record.data(), record.size()), 0);
+  std::vector<uint32_t> sizes;
+  for (const auto& c : avi.top[0].find("LIST", "movi")->children) {
+    EXPECT_EQ(c.code, "00dc");
+    sizes.push_back(c.size);
+  }
+  EXPECT_EQ(sizes, (std::vector<uint32_t>{10, 10, 10, 10, 10, 0, 0, 0, 10}));
+}
+
 TEST_F(FileWriterAVITest, SideTracksLeaveTheAviWithVideoAlone) {
   auto writer = begin(16, 8, 30000, 1, true);
   record(*writer, 16, 8, 30, 1);

@@ -14,6 +14,7 @@
 #include "recorder/CaptureObjects.h"
 #include "tests/codecs/CodecTestSupport.h"
 #include "tests/support/TestSupport.h"
+#include "tests/videoEncoder/EncodedSlotConsumer.h"
 #include "videoEncoder/VidEncoderFast.h"
 
 namespace kestrium {
@@ -21,67 +22,7 @@ namespace {
 
 constexpr uint32_t kPatience = 20000;
 
-struct Delivered {
-  uint32_t position;
-  std::vector<uint8_t> bytes;
-};
-
-// The recorder's side of the encoded slot: copies every encoded frame out and
-// frees the slot again.
-class Consumer {
- public:
-  Consumer(const std::u16string& session, uint32_t width, uint32_t height) : objects_(session) {
-    objects_.openNewEncoded();
-    objects_.openCommonData();
-    objects_.openEncoderBuffer(encoderBufferSize(width, height));
-    stop_.create({}, true);
-    storeShared(objects_.common()->encodedFree, 1u);
-    thread_.start([this] { run(); });
-  }
-  ~Consumer() {
-    stop_.set();
-    thread_.join(kPatience);
-  }
-  // What the consumer has copied out, once it holds at least expected frames
-  // (the encoder's Close returns when the last frame is in the slot, which the
-  // consumer's thread then still has to take) or the patience is over.
-  std::vector<Delivered> taken(size_t expected = 0) {
-    const uint64_t until = platform::monotonicNs() + uint64_t{kPatience} * 1000000;
-    for (;;) {
-      {
-        std::lock_guard guard(mutex_);
-        if (delivered_.size() >= expected || platform::monotonicNs() > until) return delivered_;
-      }
-      platform::sleepMs(1);
-    }
-  }
-
- private:
-  void run() {
-    platform::Event* events[] = {&stop_, &objects_.newEncoded};
-    for (;;) {
-      // The encoder clears the free word before it writes the frame: only its
-      // event says that the frame is complete.
-      const uint32_t woken = platform::waitAny(events, platform::kInfinite);
-      if (woken != 1) return;
-      CommonData* common = objects_.common();
-      if (loadShared(common->encodedFree) != 0) continue;
-      const auto* data = reinterpret_cast<const uint8_t*>(objects_.encoderBuffer.view());
-      Delivered d{common->encodedPosition, std::vector<uint8_t>(data, data + common->encodedSize)};
-      {
-        std::lock_guard guard(mutex_);
-        delivered_.push_back(std::move(d));
-      }
-      storeShared(common->encodedFree, 1u);
-    }
-  }
-
-  CaptureObjects objects_;
-  platform::Event stop_;
-  platform::Thread thread_;
-  std::mutex mutex_;
-  std::vector<Delivered> delivered_;
-};
+using Consumer = test::EncodedSlotConsumer;
 
 std::unique_ptr<IVidEncoder> openFast(uint32_t width, uint32_t height, int threads) {
   auto encoder = CreateVideoEncoder(u"fast");
@@ -124,7 +65,7 @@ TEST_P(VidEncoderFastTest, EveryFrameDecodesToTheConversionOfItsSource) {
   }
   encoder->Close();
 
-  const std::vector<Delivered> taken = consumer.taken(kFrames);
+  const std::vector<test::EncodedFrame> taken = consumer.taken(kFrames);
   ASSERT_EQ(taken.size(), kFrames);
   const tmb2::FrameLayout layout = tmb2::frameLayout(w, h);
   std::vector<uint8_t> planes(layout.planesSize), expected(layout.planesSize), residuals(size_t(w) * h);

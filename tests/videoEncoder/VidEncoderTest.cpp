@@ -8,6 +8,7 @@
 #include "platform/System.h"
 #include "recorder/CaptureObjects.h"
 #include "tests/support/TestSupport.h"
+#include "tests/videoEncoder/EncodedSlotConsumer.h"
 #include "videoEncoder/VidEncoder.h"
 
 namespace kestrium {
@@ -34,88 +35,14 @@ class ShuffleEncoder : public VidEncoder {
   }
 };
 
-struct Delivered {
-  uint32_t size;
-  uint32_t timed;
-  uint32_t position;
-  uint64_t payload;
-};
+using Consumer = test::EncodedSlotConsumer;
 
-// The recorder's side of the encoded slot: takes each encoded frame and frees
-// the slot, unless held back.
-class Consumer {
- public:
-  explicit Consumer(const std::u16string& session) : objects_(session) {
-    objects_.openNewEncoded();
-    objects_.openCommonData();
-    objects_.openEncoderBuffer(encoderBufferSize(64, 64));
-    stop_.create({}, true);
-    // The client's duty: both slots start free.
-    storeShared(objects_.common()->encodedFree, 1u);
-    thread_.start([this] { run(); });
-  }
-  ~Consumer() {
-    stop_.set();
-    thread_.join(kPatience);
-  }
-
-  void hold(bool on) { held_ = on; }
-  // What the consumer has copied out, once it holds at least expected frames
-  // (Close returns when the last frame is in the slot, which this thread then
-  // still has to take) or a while has passed.
-  std::vector<Delivered> taken(size_t expected) {
-    const uint64_t until = platform::monotonicNs() + 20'000'000'000ull;
-    for (;;) {
-      {
-        std::lock_guard guard(mutex_);
-        if (delivered_.size() >= expected || platform::monotonicNs() > until) return delivered_;
-      }
-      platform::sleepMs(1);
-    }
-  }
-  size_t count() {
-    std::lock_guard guard(mutex_);
-    return delivered_.size();
-  }
-  bool waitForCount(size_t n) {
-    const uint64_t until = platform::monotonicNs() + uint64_t{kPatience} * 1000000;
-    while (count() < n) {
-      if (platform::monotonicNs() > until) return false;
-      platform::sleepMs(1);
-    }
-    return true;
-  }
-
- private:
-  void run() {
-    platform::Event* events[] = {&stop_, &objects_.newEncoded};
-    // Only a frame announced by the event is whole: the encoder clears the free
-    // word before it writes. One announced while held waits for the release.
-    bool announced = false;
-    for (;;) {
-      const uint32_t r = platform::waitAny(events, 5);
-      if (r == 0) return;
-      if (r == 1) announced = true;
-      CommonData* common = objects_.common();
-      if (!announced || held_ || loadShared(common->encodedFree) != 0) continue;
-      announced = false;
-      Delivered d{common->encodedSize, common->encodedTimed, common->encodedPosition, 0};
-      std::memcpy(&d.payload, objects_.encoderBuffer.view(), std::min<size_t>(8, d.size));
-      {
-        std::lock_guard guard(mutex_);
-        delivered_.push_back(d);
-      }
-      storeShared(common->encodedFree, 1u);
-    }
-  }
-
-  CaptureObjects objects_;
-  platform::Event stop_;
-  platform::Thread thread_;
-  std::atomic<bool> held_{false};
-  std::mutex mutex_;
-  std::vector<Delivered> delivered_;
-};
+// The first 8 bytes of an encoded frame: the payload ShuffleEncoder copies.
+uint64_t payload(const test::EncodedFrame& f) {
+  uint64_t p = 0;
+  std::memcpy(&p, f.bytes.data(), std::min<size_t>(8, f.bytes.size()));
+  return p;
+}
 
 class VidEncoderTest : public ::testing::TestWithParam<int> {
  protected:
@@ -143,7 +70,7 @@ class VidEncoderTest : public ::testing::TestWithParam<int> {
 };
 
 TEST_P(VidEncoderTest, FramesComeOutInTheOrderTheyWereTaken) {
-  Consumer consumer(u"cap");
+  Consumer consumer(u"cap", 64, 64);
   auto encoder = open(GetParam());
   constexpr uint32_t kFrames = 2000;
   for (uint32_t i = 0; i < kFrames; ++i) feed(*encoder, i);
@@ -153,8 +80,8 @@ TEST_P(VidEncoderTest, FramesComeOutInTheOrderTheyWereTaken) {
   for (uint32_t i = 0; i < kFrames; ++i) {
     ASSERT_EQ(taken[i].position, i);
     ASSERT_EQ(taken[i].timed, i % 2);
-    ASSERT_EQ(taken[i].size, 8u);
-    ASSERT_EQ(taken[i].payload, 0xF00D0000u + i);
+    ASSERT_EQ(taken[i].bytes.size(), 8u);
+    ASSERT_EQ(payload(taken[i]), 0xF00D0000u + i);
   }
 }
 
@@ -163,7 +90,7 @@ TEST_P(VidEncoderTest, FramesComeOutInTheOrderTheyWereTaken) {
 // per thread (plus the one in the slot) is ever held.
 TEST_P(VidEncoderTest, SlowConsumerMakesEncodeFrameRefuseWithoutBlocking) {
   const int threads = GetParam();
-  Consumer consumer(u"cap");
+  Consumer consumer(u"cap", 64, 64);
   consumer.hold(true);
   auto encoder = open(threads);
   uint32_t accepted = 0;
@@ -197,7 +124,7 @@ INSTANTIATE_TEST_SUITE_P(Workers, VidEncoderTest, ::testing::Values(1, 2, 3, 8),
 class VidEncoderEdgeTest : public VidEncoderTest {};
 
 TEST_F(VidEncoderEdgeTest, NoThreadsRefusesEveryFrameAndClosesAtOnce) {
-  Consumer consumer(u"cap");
+  Consumer consumer(u"cap", 64, 64);
   auto encoder = open(0);
   EXPECT_EQ(encoder->EncodeFrame(frame(1), 0, 0), 0);
   encoder->Close();
@@ -205,7 +132,7 @@ TEST_F(VidEncoderEdgeTest, NoThreadsRefusesEveryFrameAndClosesAtOnce) {
 }
 
 TEST_F(VidEncoderEdgeTest, SourceLargerThanAFrameIsRefused) {
-  Consumer consumer(u"cap");
+  Consumer consumer(u"cap", 64, 64);
   auto encoder = open(1);
   std::vector<std::byte> tooBig(64 * 64 * 3 + 1);
   EXPECT_EQ(encoder->EncodeFrame(tooBig, 0, 0), 0);
@@ -215,21 +142,21 @@ TEST_F(VidEncoderEdgeTest, SourceLargerThanAFrameIsRefused) {
 }
 
 TEST_F(VidEncoderEdgeTest, EncodedFrameThatDoesNotFitIsDeliveredEmpty) {
-  Consumer consumer(u"cap");
+  Consumer consumer(u"cap", 64, 64);
   auto encoder = open(1);
   encoder->encodedSizeOverride = static_cast<uint32_t>(encoderBufferSize(64, 64)) + 1;
   feed(*encoder, 5);
   encoder->Close();
   const auto taken = consumer.taken(1);
   ASSERT_EQ(taken.size(), 1u);
-  EXPECT_EQ(taken[0].size, 0u);
+  EXPECT_TRUE(taken[0].bytes.empty());
   EXPECT_EQ(taken[0].position, 5u) << "it still holds its place on the grid";
 }
 
 // An encoder torn down on an error path, with frames stuck behind a consumer
 // that has stopped, still ends its threads.
 TEST_F(VidEncoderEdgeTest, DestroyingWithoutCloseEndsTheWorkersEvenWhenStuck) {
-  Consumer consumer(u"cap");
+  Consumer consumer(u"cap", 64, 64);
   auto encoder = open(4);
   feed(*encoder, 0);
   ASSERT_TRUE(consumer.waitForCount(1));
