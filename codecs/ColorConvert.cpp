@@ -1,6 +1,7 @@
 #include "codecs/ColorConvert.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "codecs/simd/SimdKernels.h"
@@ -48,10 +49,30 @@ void convertRowPair(const ColorConvertKernels& k, const uint8_t* row0, const uin
 constexpr size_t kPieceBlocks = 512;
 static_assert(kPieceBlocks % kMaxBlocksPerStep == 0);
 
+// The planar form's chroma is that of analogue video, U = 0.492 (B - Y) and
+// V = 0.877 (R - Y); an H.264 player reads Cb = 0.564 (B - Y) and
+// Cr = 0.713 (R - Y) (BT.601, full range). Each byte is scaled on its way into
+// the pairs, by a table: the pictures would otherwise play with reds too strong
+// and blues too weak.
+struct ChromaTable {
+  std::array<uint8_t, 256> bytes{};
+  constexpr ChromaTable(int32_t numerator, int32_t denominator) {
+    for (int32_t c = 0; c < 256; ++c) {
+      const int32_t scaled = (c - 128) * numerator;
+      // Rounded to nearest, halves away from zero.
+      const int32_t rounded = (scaled >= 0 ? scaled + denominator / 2 : scaled - denominator / 2) / denominator;
+      bytes[static_cast<size_t>(c)] = static_cast<uint8_t>(std::clamp(rounded + 128, 0, 255));
+    }
+  }
+};
+// 0.5 / 0.886 over 0.492, and 0.5 / 0.701 over 0.877, in ten-thousandths.
+constexpr ChromaTable kCbOfU(11470, 10000);
+constexpr ChromaTable kCrOfV(8133, 10000);
+
 void interleave(const uint8_t* u, const uint8_t* v, uint8_t* uv, size_t n) {
   for (size_t i = 0; i < n; ++i) {
-    uv[2 * i] = u[i];
-    uv[2 * i + 1] = v[i];
+    uv[2 * i] = kCbOfU.bytes[u[i]];
+    uv[2 * i + 1] = kCrOfV.bytes[v[i]];
   }
 }
 
@@ -153,7 +174,9 @@ int32_t rgbToNv12Stepped(const ColorConvertKernels& kernels, const uint8_t* sour
       const uint8_t* last1 = row1 + (static_cast<size_t>(width) - 1) * 3;
       const uint8_t twice0[6] = {last0[0], last0[1], last0[2], last0[0], last0[1], last0[2]};
       const uint8_t twice1[6] = {last1[0], last1[1], last1[2], last1[0], last1[1], last1[2]};
-      rgbToYuvRowPair_C(twice0, twice1, y0 + width - 1, y1 + width - 1, uv + 2 * blocks, uv + 2 * blocks + 1, 1);
+      uint8_t u = 0, v = 0;
+      rgbToYuvRowPair_C(twice0, twice1, y0 + width - 1, y1 + width - 1, &u, &v, 1);
+      interleave(&u, &v, uv + 2 * blocks, 1);
     }
   }
   return kConvertDone;

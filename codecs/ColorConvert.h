@@ -69,8 +69,10 @@ int32_t rgbToYuv420Stepped(const uint8_t* source, ptrdiff_t sourceStep, uint8_t*
 int32_t rgbToYuv420Stepped(const ColorConvertKernels& kernels, const uint8_t* source, ptrdiff_t sourceStep,
                            uint8_t* const* planes, const ptrdiff_t* planeSteps, int32_t width, int32_t height);
 
-// NV12, the layout H.264 encoders take: a luma plane and one plane of U, V pairs
-// interleaved, with the values of the planar form. The picture is covered whole:
+// NV12, the layout H.264 encoders take: a luma plane and one plane of Cb, Cr
+// pairs interleaved, as players read them (BT.601, full range): the luma of the
+// planar form, its chroma scaled to Cb = 0.564 (B - Y) and Cr = 0.713 (R - Y),
+// with B and R the source's third and first bytes. The picture is covered whole:
 // an odd width or height is rounded up by repeating the last column or row, so
 // that an encoder that wants even sizes gets a full picture. The luma plane holds
 // ((width + 1) & ~1) x ((height + 1) & ~1) bytes at lumaStep, the chroma plane

@@ -251,7 +251,7 @@ TEST(ColorConvertDispatchTest, AlignedAndUnalignedPathsAgree) {
 // both planes and their rows spaced wider than the picture.
 class ColorConvertNv12Test : public ::testing::TestWithParam<std::tuple<Tier, Case>> {};
 
-TEST_P(ColorConvertNv12Test, EqualsThePlanarFormOfThePaddedPictureInterleaved) {
+TEST_P(ColorConvertNv12Test, IsThePlanarFormOfThePaddedPictureInterleavedAsCbCr) {
   const auto [tier, size] = GetParam();
   if (!test::tierAvailable(tier)) GTEST_SKIP() << "this processor lacks " << tier.name;
   const ColorConvertKernels kernels = colorConvertKernels(CpuFlags{tier.mask});
@@ -288,9 +288,16 @@ TEST_P(ColorConvertNv12Test, EqualsThePlanarFormOfThePaddedPictureInterleaved) {
     }
     for (int32_t row = 0; row < ph / 2; ++row) {
       const uint8_t* got = chroma.data() + kGuard + row * chromaStep;
+      // The planar chroma, 0.492 and 0.877 times the differences, scaled to
+      // BT.601's 0.564 and 0.713.
+      const auto scaled = [](uint8_t c, double factor) {
+        return std::clamp(128.0 + (double(c) - 128.0) * factor, 0.0, 255.0);
+      };
       for (int32_t x = 0; x < pw / 2; ++x) {
-        ASSERT_EQ(got[2 * x], u[size_t(row) * (pw / 2) + x]) << "U at " << x << ", row " << row;
-        ASSERT_EQ(got[2 * x + 1], v[size_t(row) * (pw / 2) + x]) << "V at " << x << ", row " << row;
+        ASSERT_NEAR(got[2 * x], scaled(u[size_t(row) * (pw / 2) + x], 0.5643 / 0.492), 0.51)
+            << "Cb at " << x << ", row " << row;
+        ASSERT_NEAR(got[2 * x + 1], scaled(v[size_t(row) * (pw / 2) + x], 0.7133 / 0.877), 0.51)
+            << "Cr at " << x << ", row " << row;
       }
       for (ptrdiff_t x = pw; x < chromaStep && row + 1 < ph / 2; ++x) ASSERT_EQ(got[x], kGuardValue);
     }
@@ -324,6 +331,33 @@ INSTANTIATE_TEST_SUITE_P(AllTiers, ColorConvertNv12Test, ::testing::Combine(::te
                            return std::string(tier.name) + "_" + std::to_string(c.width) + "x" +
                                   std::to_string(c.height);
                          });
+
+// What a player shows: flat pictures of pure and mixed colours come out as the
+// textbook BT.601 full-range values, within the rounding of the integer steps
+// (and the planar form's own clipping of the strongest reds).
+TEST(ColorConvertNv12ColourTest, FlatColoursGiveTheirBt601Values) {
+  struct Rgb {
+    int r, g, b;
+  };
+  for (const Rgb c : {Rgb{255, 0, 0}, Rgb{0, 255, 0}, Rgb{0, 0, 255}, Rgb{255, 255, 0}, Rgb{0, 255, 255},
+                      Rgb{200, 80, 40}, Rgb{30, 60, 200}, Rgb{128, 128, 128}, Rgb{255, 255, 255}, Rgb{0, 0, 0}}) {
+    std::vector<uint8_t> rgb(4 * 4 * 3);
+    for (size_t p = 0; p < 16; ++p) {
+      rgb[p * 3] = uint8_t(c.r), rgb[p * 3 + 1] = uint8_t(c.g), rgb[p * 3 + 2] = uint8_t(c.b);
+    }
+    std::vector<uint8_t> luma(16), chroma(8);
+    ASSERT_EQ(rgbToNv12Stepped(rgb.data(), 12, luma.data(), 4, chroma.data(), 4, 4, 4), kConvertDone);
+    const double y = 0.299 * c.r + 0.587 * c.g + 0.114 * c.b;
+    const double cb = std::clamp(128.0 + 0.5643 * (c.b - y), 0.0, 255.0);
+    const double cr = std::clamp(128.0 + 0.7133 * (c.r - y), 0.0, 255.0);
+    const std::string what = std::to_string(c.r) + "," + std::to_string(c.g) + "," + std::to_string(c.b);
+    EXPECT_NEAR(luma[5], y, 1.0) << what;
+    EXPECT_NEAR(chroma[0], cb, 2.0) << what;
+    // Where 0.877 (R - Y) passes 127 the planar form has clipped it already:
+    // the strongest reds and cyans keep up to a fifth less of their Cr.
+    EXPECT_NEAR(chroma[1], cr, std::abs(0.877 * (c.r - y)) > 127 ? 26.0 : 2.0) << what;
+  }
+}
 
 TEST(ColorConvertNv12StatusTest, BadArgumentsWriteNothing) {
   std::vector<uint8_t> rgb(4 * 4 * 3), luma(16, 7), chroma(8, 7);
