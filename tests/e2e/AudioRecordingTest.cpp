@@ -118,6 +118,16 @@ class AudioRecordingTest : public ServerTest {
     return double(p.frames) / kFps;
   }
 
+  // The bit rate of one stream as ffprobe reads it from the file.
+  static long bitrateOf(const std::filesystem::path& file, int stream) {
+    std::string out;
+    runTool(KESTRIUM_FFPROBE,
+            {"-v", "error", "-select_streams", "a:" + std::to_string(stream), "-show_entries", "stream=bit_rate", "-of",
+             "default=nw=1:nk=1", file.string()},
+            out);
+    return std::atol(out.c_str());
+  }
+
   SoundServer sound_;
   int decoded_ = 0;
 };
@@ -173,6 +183,66 @@ TEST_F(AudioRecordingTest, SideTracksHoldEachDeviceBesideTheVideo) {
   EXPECT_NEAR(mic.seconds(), video, 0.3);
   EXPECT_NEAR(game.toneDb(1, 1000), kPlayedDb, 0.5);
   EXPECT_NEAR(mic.toneDb(0, 440), kPlayedDb, 0.5);
+}
+
+// With --aac the tracks of the AVI are AAC that readers we did not write
+// take: the rate, channels and bit rate of the source and the request, and the
+// tone at its level and frequency after a lossy round trip.
+TEST_F(AudioRecordingTest, AacTracksInTheAviKeepTheirTone) {
+  sound_.play("game", 2, 1000, 12.0);
+  sound_.play("micsink", 1, 440, 12.0);
+  ASSERT_EQ(record(3.0, {"--audio", "Game Audio", "--audio", "USB Microphone", "--aac", "160"}), 0)
+      << harness.clientOutput << harness.log();
+  const auto avi = onlyFile(".avi");
+  EXPECT_EQ(probeStreams(avi), "rawvideo|video\naac|audio|48000|2\naac|audio|48000|1\n");
+  EXPECT_EQ(bitrateOf(avi, 0), 160000);
+  EXPECT_EQ(bitrateOf(avi, 1), 160000);
+  const double video = videoSeconds(avi);
+  const Track game = decode(avi, 0);
+  const Track mic = decode(avi, 1);
+  EXPECT_NEAR(game.seconds(), video, 0.3);
+  EXPECT_NEAR(mic.seconds(), video, 0.3);
+  for (uint32_t c = 0; c < 2; ++c) {
+    EXPECT_NEAR(game.toneDb(c, 1000), kPlayedDb, 1.0) << "channel " << c;
+    EXPECT_LT(game.toneDb(c, 440), -40.0) << "channel " << c;
+  }
+  EXPECT_NEAR(mic.toneDb(0, 440), kPlayedDb, 1.0);
+  EXPECT_LT(mic.toneDb(0, 1000), -40.0);
+}
+
+// Encoded side tracks keep the names of MP3 side tracks but hold AAC, each
+// frame behind an ADTS header: a file that players open on its own, read whole,
+// as long as the recording, with its device's tone.
+TEST_F(AudioRecordingTest, AacSideTracksPlayOnTheirOwn) {
+  sound_.play("game", 2, 1000, 12.0);
+  sound_.play("micsink", 1, 440, 12.0);
+  ASSERT_EQ(record(3.0, {"--audio", "Game Audio", "--audio", "USB Microphone", "--aac", "128", "--side-tracks", "mp3"}),
+            0)
+      << harness.clientOutput << harness.log();
+  const auto avi = onlyFile(".avi");
+  EXPECT_EQ(probeStreams(avi), "rawvideo|video\n");
+  const double video = videoSeconds(avi);
+  std::vector<std::filesystem::path> tracks;
+  for (const auto& file : filesIn(harness.clientOutput)) {
+    if (file.extension() == ".mp3") tracks.push_back(file);
+  }
+  ASSERT_EQ(tracks.size(), 2u) << harness.clientOutput;
+  std::sort(tracks.begin(), tracks.end());
+  EXPECT_EQ(tracks[0].filename(), avi.stem().string() + ".0.0.mp3");
+  EXPECT_EQ(probeStreams(tracks[0]), "aac|audio|48000|2\n");
+  EXPECT_EQ(probeStreams(tracks[1]), "aac|audio|48000|1\n");
+  for (const auto& track : tracks) {
+    // Every frame decodes: a header that lied about a length would show here.
+    std::string out;
+    EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", track.string(), "-f", "null", "-"}, out), 0);
+    EXPECT_EQ(out, "") << track;
+  }
+  const Track game = decode(tracks[0], 0);
+  const Track mic = decode(tracks[1], 0);
+  EXPECT_NEAR(game.seconds(), video, 0.1);
+  EXPECT_NEAR(mic.seconds(), video, 0.1);
+  EXPECT_NEAR(game.toneDb(0, 1000), kPlayedDb, 1.0);
+  EXPECT_NEAR(mic.toneDb(0, 440), kPlayedDb, 1.0);
 }
 
 // The mixer makes one track wide enough for every speaker of its devices: a
