@@ -37,23 +37,17 @@ void logFromLibav(void* object, int level, const char* format, va_list args) {
 WaveFormat aacFormat(int32_t channels, int32_t rate, int32_t bitrate) {
   // WAVEFORMATEX with HEAACWAVEINFO: raw AAC (payload type 1), no profile
   // level given (0xFE), no AudioSpecificConfig after it.
-  std::byte bytes[30] = {};
-  auto put16 = [&](size_t at, uint32_t v) {
-    bytes[at] = std::byte(v & 0xFF);
-    bytes[at + 1] = std::byte((v >> 8) & 0xFF);
-  };
-  put16(0, aac::kWaveFormatTag);
-  put16(2, static_cast<uint32_t>(channels));
-  put16(4, static_cast<uint32_t>(rate));
-  put16(6, static_cast<uint32_t>(rate) >> 16);
-  put16(8, static_cast<uint32_t>(bitrate / 8));
-  put16(10, static_cast<uint32_t>(bitrate / 8) >> 16);
-  put16(12, 1);
-  put16(14, 16);
-  put16(16, 12);
-  put16(18, 1);
-  put16(20, 0x00FE);
-  return WaveFormat::fromBytes(bytes);
+  WaveFormat f = WaveFormat::zeroed(30);
+  f.put16(0, aac::kWaveFormatTag);
+  f.put16(2, static_cast<uint16_t>(channels));
+  f.put32(4, static_cast<uint32_t>(rate));
+  f.put32(8, static_cast<uint32_t>(bitrate / 8));
+  f.put16(12, 1);
+  f.put16(14, 16);
+  f.put16(16, 12);
+  f.put16(18, 1);
+  f.put16(20, 0x00FE);
+  return f;
 }
 
 }  // namespace

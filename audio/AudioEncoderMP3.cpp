@@ -24,25 +24,18 @@ void logFromLame(const char* format, va_list args) {
 // MPEGLAYER3WAVEFORMAT. It names the source's rate even when the stream was
 // made at a lower one; readers take the rate from the frames themselves.
 WaveFormat mp3Format(int32_t channels, int32_t sourceRate, int32_t bitrate, int32_t frameSamples) {
-  std::byte bytes[30] = {};
-  auto put16 = [&](size_t at, uint32_t v) {
-    bytes[at] = std::byte(v & 0xFF);
-    bytes[at + 1] = std::byte((v >> 8) & 0xFF);
-  };
-  put16(0, kWaveFormatMp3);
-  put16(2, static_cast<uint32_t>(channels));
-  put16(4, static_cast<uint32_t>(sourceRate));
-  put16(6, static_cast<uint32_t>(sourceRate) >> 16);
-  put16(8, static_cast<uint32_t>(bitrate / 8));
-  put16(10, static_cast<uint32_t>(bitrate / 8) >> 16);
-  put16(12, static_cast<uint32_t>(frameSamples));
-  put16(14, 0);
-  put16(16, 12);
-  put16(18, 1);   // MPEGLAYER3_ID_MPEG
-  put16(20, 2);   // MPEGLAYER3_FLAG_PADDING_OFF
-  put16(24, static_cast<uint32_t>(frameSamples));
-  put16(26, 1);
-  return WaveFormat::fromBytes(bytes);
+  WaveFormat f = WaveFormat::zeroed(30);
+  f.put16(0, kWaveFormatMp3);
+  f.put16(2, static_cast<uint16_t>(channels));
+  f.put32(4, static_cast<uint32_t>(sourceRate));
+  f.put32(8, static_cast<uint32_t>(bitrate / 8));
+  f.put16(12, static_cast<uint16_t>(frameSamples));
+  f.put16(16, 12);
+  f.put16(18, 1);  // MPEGLAYER3_ID_MPEG
+  f.put32(20, 2);  // MPEGLAYER3_FLAG_PADDING_OFF
+  f.put16(24, static_cast<uint16_t>(frameSamples));
+  f.put16(26, 1);
+  return f;
 }
 
 }  // namespace

@@ -50,11 +50,11 @@ ffmpeg -hide_banner -nostdin -v error -f lavfi -i "anoisesrc=color=pink:amplitud
   -f lavfi -i "sine=f=330:d=$seconds:r=$rate" -filter_complex "amix=inputs=4:normalize=0" \
   -ac "$channels" -f s16le -acodec pcm_s16le "$work/sound.raw"
 
-larger() { awk -v a="$1" -v b="$2" 'BEGIN { print (a == "" || b > a) ? b : a }'; }
-smaller() { awk -v a="$1" -v b="$2" 'BEGIN { print (a == "" || b < a) ? b : a }'; }
+# larger, smaller and ratio
+# shellcheck source=bench/peer_frames.sh
+source "$root/bench/peer_frames.sh"
 rtime() { grep -oE 'rtime=[0-9.]+s' <<<"$1" | tail -1 | tr -dc '0-9.'; }
 times() { awk -v n="$seconds" -v s="$1" -v b="${2:-0}" 'BEGIN { printf "%.1f", (s > b) ? n / (s - b) : 0 }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0) ? a / b : 0 }'; }
 
 peer() {
   ffmpeg -hide_banner -nostdin -benchmark -threads 1 -f s16le -ar "$rate" -ac "$channels" -i "$work/sound.raw" \

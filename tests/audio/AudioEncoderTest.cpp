@@ -13,9 +13,7 @@
 #include "audio/IAudioEncoder.h"
 #include "fileOutput/AacConfig.h"
 #include "fileOutput/MP3Writer.h"
-#include "platform/System.h"
-#include "server/Log.h"
-#include "tests/support/TestSupport.h"
+#include "tests/support/LogFixture.h"
 
 namespace kestrium {
 namespace {
@@ -38,6 +36,12 @@ struct Packet {
   uint32_t timeMs;
 };
 
+std::vector<uint8_t> recordOf(IAudioEncoder& encoder) {
+  const auto bytes = encoder.GetFormat()->bytes();
+  const auto* at = reinterpret_cast<const uint8_t*>(bytes.data());
+  return {at, at + bytes.size()};
+}
+
 std::vector<Packet> drain(IAudioEncoder& encoder) {
   std::vector<Packet> out;
   Packet p;
@@ -58,20 +62,8 @@ double toneDb(const std::vector<int16_t>& samples, uint32_t channels, uint32_t r
   return 20.0 * std::log10(std::max(2.0 * std::abs(sum) / double(frames - start), 1e-10));
 }
 
-class AudioEncoderTest : public ::testing::Test {
+class AudioEncoderTest : public test::LoggedTest {
  protected:
-  void SetUp() override {
-    platform::setObjectNamespace(test::uniqueNamespace());
-    processLog().open(folder_.path() / "Kestrium.txt", true);
-  }
-  void TearDown() override { processLog().close(); }
-  std::string log() {
-    processLog().close();
-    const std::string text = test::readLog(folder_.path() / "Kestrium.txt");
-    processLog().open(folder_.path() / "Kestrium.txt", false);
-    return text;
-  }
-
   // The packets as a side track holds them (ADTS-framed when AAC).
   std::filesystem::path writeTrack(IAudioEncoder& encoder, const std::vector<Packet>& packets) {
     MP3Writer writer(folder_.path() / ("track" + std::to_string(tracks_++)), 0);
@@ -105,7 +97,6 @@ class AudioEncoderTest : public ::testing::Test {
     return d;
   }
 
-  test::TempFolder folder_;
   int tracks_ = 0;
 };
 
@@ -115,9 +106,7 @@ TEST_F(AudioEncoderTest, FormatRecordsAreTheWaveFormatsReadersExpect) {
   auto aac = CreateAudioEncoder(u"aac", 48000, 160000, 2, 3);
   const std::vector<uint8_t> aacRecord = {0x10, 0x16, 2, 0, 0x80, 0xBB, 0, 0, 0x20, 0x4E, 0, 0, 1, 0, 16,
                                           0,    12,   0, 1, 0,    0xFE, 0, 0, 0,    0,    0,    0, 0, 0, 0};
-  const auto got = aac->GetFormat()->bytes();
-  EXPECT_EQ(std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(got.data()), reinterpret_cast<const uint8_t*>(got.data()) + got.size()),
-            aacRecord);
+  EXPECT_EQ(recordOf(*aac), aacRecord);
   EXPECT_EQ(aac->GetFrameSamples(), 1024);
   // 48 kHz stereo LC: 0x11 0x90, in that order in memory.
   const uint16_t extra = aac->GetExtraData();
@@ -127,9 +116,7 @@ TEST_F(AudioEncoderTest, FormatRecordsAreTheWaveFormatsReadersExpect) {
   auto mp3 = CreateAudioEncoder(u"mp3", 96000, 128000, 1, 4);
   const std::vector<uint8_t> mp3Record = {0x55, 0,  1, 0, 0x00, 0x77, 1, 0, 0x80, 0x3E, 0, 0, 0x80, 4, 0,
                                           0,    12, 0, 1, 0,    2,    0, 0, 0,    0x80, 4, 1, 0,    0, 0};
-  const auto got3 = mp3->GetFormat()->bytes();
-  EXPECT_EQ(std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(got3.data()), reinterpret_cast<const uint8_t*>(got3.data()) + got3.size()),
-            mp3Record);
+  EXPECT_EQ(recordOf(*mp3), mp3Record);
   EXPECT_EQ(mp3->GetExtraData(), 0);
   EXPECT_EQ(CreateAudioEncoder(u"mp3", 22050, 64000, 2, 3)->GetFrameSamples(), 576);
 }
