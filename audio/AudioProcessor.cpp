@@ -48,15 +48,31 @@ int32_t AudioProcessor::AddSource(std::u16string_view deviceName, int32_t volume
   return 1;
 }
 
-int32_t AudioProcessor::InitEncoders(const std::u16string& encoderName, int32_t bitrateKbps, uint16_t* /*extraData*/) {
+int32_t AudioProcessor::InitEncoders(const std::u16string& encoderName, int32_t bitrateKbps, uint16_t* extraData) {
   if (bitrateKbps == 0) return 0;
-  // The audio encoders are not part of this build yet: the tracks stay PCM.
-  logLine(u"[Warning] *** AUD *** No %s encoder in this build; the audio is recorded as PCM\n", encoderName);
-  return 0;
+  std::vector<std::unique_ptr<IAudioEncoder>> made;
+  int32_t frameSamples = 0;
+  for (const auto& source : sources_) {
+    const WaveFormatExtensible& format = source->format16();
+    std::unique_ptr<IAudioEncoder> encoder = CreateAudioEncoder(
+        encoderName, static_cast<int32_t>(format.samplesPerSec), bitrateKbps * 1000, format.channels, format.channelMask);
+    if (!encoder) {
+      // A build without encoders (Windows, for now): the tracks stay PCM.
+      logLine(u"[Warning] *** AUD *** No %s encoder in this build; the audio is recorded as PCM\n", encoderName);
+      return 0;
+    }
+    frameSamples = encoder->GetFrameSamples();
+    if (extraData != nullptr) *extraData = encoder->GetExtraData();
+    made.push_back(std::move(encoder));
+  }
+  encoders_ = std::move(made);
+  logLine(u"  *** AUD *** Encoding:     ENABLED\n");
+  return frameSamples;
 }
 
 const WaveFormat* AudioProcessor::GetFormat(int32_t index) {
   if (!valid(index)) return nullptr;
+  if (IAudioEncoder* encoder = this->encoder(index)) return encoder->GetFormat();
   formats_.resize(sources_.size());
   formats_[static_cast<size_t>(index)] = toWaveFormat(sources_[static_cast<size_t>(index)]->format16());
   return &formats_[static_cast<size_t>(index)];
@@ -73,6 +89,8 @@ void AudioProcessor::DropPending() {
 
 int32_t AudioProcessor::Stop() {
   for (auto& source : sources_) source->Stop();
+  // The entries stay, empty: a track's encoder is never used after the stop.
+  for (auto& encoder : encoders_) encoder.reset();
   return 1;
 }
 
@@ -97,13 +115,24 @@ int32_t AudioProcessor::Read(int32_t index, std::vector<std::byte>& buffer, uint
   // While paused the devices are still read, so that nothing builds up, and
   // what they gave is dropped without moving the clock.
   if (paused_) return 0;
+  if (!encoders_.empty()) {
+    // A compressed track takes no PCM, also after its encoder is gone.
+    IAudioEncoder* encoder = this->encoder(index);
+    if (encoder == nullptr) return 0;
+    if (encoder->Encode(pcmScratch_.data(), static_cast<uint32_t>(bytes), timeMs != nullptr ? *timeMs : 0) == 0) {
+      logLine(u"[Error]   *** AUD *** Error encoding audio\n");
+      return 0;
+    }
+    return -1;
+  }
   if (buffer.size() < bytes) buffer.resize(bytes);
   std::memcpy(buffer.data(), pcmScratch_.data(), bytes);
   return static_cast<int32_t>(bytes);
 }
 
-int32_t AudioProcessor::GetEncoded(int32_t /*index*/, std::vector<std::byte>& /*packet*/, uint32_t* /*timeMs*/) {
-  return 0;
+int32_t AudioProcessor::GetEncoded(int32_t index, std::vector<std::byte>& packet, uint32_t* timeMs) {
+  IAudioEncoder* encoder = this->encoder(index);
+  return encoder != nullptr ? encoder->GetPacket(packet, timeMs) : 0;
 }
 
 void AudioProcessor::SetMuteMask(int32_t index, uint32_t mask) {

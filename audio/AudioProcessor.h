@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "audio/AudioSourceMixer.h"
+#include "audio/IAudioEncoder.h"
 #include "recorder/IAudProcessor.h"
 
 namespace kestrium {
@@ -39,6 +40,10 @@ class AudioProcessor : public IAudProcessor {
 
  private:
   bool valid(int32_t index) const { return index >= 0 && static_cast<size_t>(index) < sources_.size(); }
+  // The encoder of track index, or null: none made, or already destroyed by Stop.
+  IAudioEncoder* encoder(int32_t index) const {
+    return index >= 0 && static_cast<size_t>(index) < encoders_.size() ? encoders_[static_cast<size_t>(index)].get() : nullptr;
+  }
 
   bool mixer_;
   std::optional<StereoMixSettings> stereo_;
@@ -47,6 +52,8 @@ class AudioProcessor : public IAudProcessor {
   std::vector<uint64_t> sampleCounters_;
   std::vector<WaveFormat> formats_;
   std::vector<int16_t> pcmScratch_;
+  // Empty when the sound is recorded as PCM; entry i serves sources_[i].
+  std::vector<std::unique_ptr<IAudioEncoder>> encoders_;
   bool paused_ = false;
 };
 

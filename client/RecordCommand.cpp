@@ -50,6 +50,7 @@ struct RecordOptions {
   uint32_t aacKbps = 0;
   std::optional<StereoMixSettings> stereo;
   bool mixer = false, sideTracks = false;
+  std::u16string sideTrackKind;
   uint32_t muteMask = 0;
   std::u16string broadcastUrl, streamKey;
 };
@@ -176,9 +177,9 @@ std::string parse(const std::vector<std::u16string>& args, RecordOptions& o) {
       const auto volume = colon == std::u16string::npos ? std::nullopt : toWhole(value.substr(colon + 1));
       o.audio.emplace_back(volume ? value.substr(0, colon) : value, volume.value_or(100));
     } else if (key == u"--side-tracks") {
-      // MP3 side tracks come from the audio encoders; WAV is what there is.
-      if (value != u"wav") problem = "--side-tracks takes wav";
+      if (value != u"wav" && value != u"mp3") problem = "--side-tracks takes wav or mp3";
       o.sideTracks = true;
+      o.sideTrackKind = value;
     } else if (key == u"--mute-mask") {
       problem = whole(o.muteMask);
     } else if (key == u"--aac") {
@@ -210,6 +211,10 @@ std::string parse(const std::vector<std::u16string>& args, RecordOptions& o) {
     if (!problem.empty()) return problem;
   }
   if (o.width == 0 || o.height == 0) return "--size must not be 0";
+  // The server makes encoded side tracks whenever the sound is encoded: the
+  // kind follows from --aac, and the option only states it.
+  if (o.sideTrackKind == u"mp3" && o.aacKbps == 0) return "--side-tracks mp3 needs --aac KBPS";
+  if (o.sideTrackKind == u"wav" && o.aacKbps != 0) return "--side-tracks wav records PCM: leave out --aac";
   return {};
 }
 

@@ -71,10 +71,19 @@ int AVIVideoOutputStream::finalize() {
 void AVIAudioOutputStream::write(uint32_t flags, std::span<const std::byte> data, uint32_t /*samples*/,
                                  uint32_t streamNumber) {
   owner_->writeChunk(audioChunkId(streamNumber), flags, data);
-  if (!owner_->failed()) bytes += data.size();
+  if (!owner_->failed()) {
+    bytes += data.size();
+    ++chunks;
+  }
 }
 
 int AVIAudioOutputStream::finalize() {
+  // A stream of whole frames (no sample size): one chunk is one frame, and its
+  // scale and rate stay those of a frame.
+  if (header.dwSampleSize == 0) {
+    header.dwLength = chunks != 0 ? static_cast<uint32_t>(chunks) : 1;
+    return 1;
+  }
   // The format's block size and byte rate give the stream its length and rate.
   uint16_t blockAlign = 0;
   uint32_t avgBytes = 0;

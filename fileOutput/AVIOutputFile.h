@@ -55,6 +55,7 @@ class AVIAudioOutputStream : public AVIOutputStream {
   int finalize() override;
 
   uint64_t bytes = 0;
+  uint64_t chunks = 0;
 };
 
 // Audio chunk ids: the stream number in two decimal digits and "wb", "01wb" for

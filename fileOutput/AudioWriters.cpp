@@ -1,4 +1,7 @@
 #include <algorithm>
+#include <cstring>
+
+#include "fileOutput/AacConfig.h"
 
 #include "fileOutput/MP3Writer.h"
 #include "fileOutput/WavWriter.h"
@@ -93,7 +96,14 @@ int WavWriter::close(bool discard) {
   return 1;
 }
 
-int MP3Writer::open(const WaveFormat* /*format*/) {
+int MP3Writer::open(const WaveFormat* format) {
+  if (format != nullptr && format->formatTag() == aac::kWaveFormatTag) {
+    adtsRateIndex_ = aac::rateIndex(format->samplesPerSec());
+    adtsChannels_ = static_cast<uint8_t>(format->channels());
+    // A rate ADTS cannot name, or a layout past eight channels: the frames go
+    // as they are, as for any other format.
+    if (adtsChannels_ < 1 || adtsChannels_ > 8) adtsRateIndex_.reset();
+  }
   const std::filesystem::path name = createNextFile(file_, ".mp3");
   if (name.empty()) {
     logLine(u"[Error]   *** MP3 *** open file %d\n", platform::lastError());
@@ -104,7 +114,17 @@ int MP3Writer::open(const WaveFormat* /*format*/) {
 }
 
 int MP3Writer::write(std::span<const std::byte> data) {
-  if (!file_.isOpen() || data.data() == nullptr || data.empty() || !file_.write(data)) return 0;
+  if (!file_.isOpen() || data.data() == nullptr || data.empty()) return 0;
+  if (adtsRateIndex_ && data.size() + aac::kAdtsHeaderBytes <= aac::kAdtsMaxFrameBytes) {
+    // One write for header and frame: a file cut off by a crash never ends
+    // on a header without its frame.
+    const auto header = aac::adtsHeader(*adtsRateIndex_, adtsChannels_, data.size());
+    framed_.resize(header.size() + data.size());
+    std::memcpy(framed_.data(), header.data(), header.size());
+    std::memcpy(framed_.data() + header.size(), data.data(), data.size());
+    data = framed_;
+  }
+  if (!file_.write(data)) return 0;
   bytes_ += data.size();
   return 1;
 }

@@ -1,6 +1,9 @@
 #include "fileOutput/FileWriterAVI.h"
 
 #include <cstring>
+#include <optional>
+
+#include "fileOutput/AacConfig.h"
 
 #include "server/Log.h"
 
@@ -15,6 +18,29 @@ constexpr uint64_t kLongestGapSeconds = 300;
 
 constexpr uint16_t kWaveFormatExtensible = 0xFFFE;
 constexpr uint16_t kWaveFormatMp3 = 0x55;
+// Raw AAC as AVI readers know it: the base record and the AudioSpecificConfig.
+constexpr uint16_t kWaveFormatRawAac = 0x00FF;
+
+// An AAC track goes into the AVI as a stream of whole frames, one a chunk, each
+// 1024 samples long, under the raw AAC tag with the stream's configuration:
+// the form AVI readers decode. The encoder's own record (HE-AAC wave info)
+// names no configuration, so it is made here from the track's rate and channels.
+bool aviAacStream(const WaveFormat& format, AVIAudioOutputStream& audio) {
+  const std::optional<uint8_t> rateIndex = aac::rateIndex(format.samplesPerSec());
+  if (format.formatTag() != aac::kWaveFormatTag || !rateIndex) return false;
+  const auto configuration = aac::specificConfig(*rateIndex, static_cast<uint8_t>(format.channels()));
+  std::vector<std::byte> bytes(format.bytes().begin(), format.bytes().begin() + WaveFormat::kBaseSize);
+  bytes[0] = std::byte(kWaveFormatRawAac & 0xFF);
+  bytes[1] = std::byte(kWaveFormatRawAac >> 8);
+  bytes[16] = std::byte(configuration.size());
+  bytes[17] = std::byte(0);
+  for (uint8_t b : configuration) bytes.push_back(std::byte(b));
+  audio.format = std::move(bytes);
+  audio.header.dwScale = 1024;
+  audio.header.dwRate = format.samplesPerSec();
+  audio.header.dwSampleSize = 0;
+  return true;
+}
 
 }  // namespace
 
@@ -71,11 +97,12 @@ int FileWriterAVI::open() {
       audio.header.dwRate = format.avgBytesPerSec();
       audio.header.dwLength = 1;
       audio.header.dwSampleSize = format.blockAlign();
+      audioMask |= 1u << i;
+      if (aviAacStream(format, audio)) continue;
       // Only these two formats carry bytes after the base record that a reader needs.
       const bool withExtra = format.formatTag() == kWaveFormatExtensible || format.formatTag() == kWaveFormatMp3;
       const auto bytes = format.bytes().first(withExtra ? format.bytes().size() : WaveFormat::kBaseSize);
       audio.format.assign(bytes.begin(), bytes.end());
-      audioMask |= 1u << i;
     }
   }
 

@@ -41,6 +41,22 @@ class WaveFormat {
     return f;
   }
 
+  // A record of bytes zero bytes, its fields to be set one by one: the
+  // compressed formats, whose extra bytes each codec lays out its own way.
+  static WaveFormat zeroed(size_t bytes) {
+    WaveFormat f;
+    f.bytes_.resize(bytes);
+    return f;
+  }
+  void put16(size_t at, uint16_t v) {
+    bytes_[at] = std::byte(v & 0xFF);
+    bytes_[at + 1] = std::byte(v >> 8);
+  }
+  void put32(size_t at, uint32_t v) {
+    put16(at, static_cast<uint16_t>(v));
+    put16(at + 2, static_cast<uint16_t>(v >> 16));
+  }
+
   bool empty() const { return bytes_.empty(); }
   std::span<const std::byte> bytes() const { return bytes_; }
   uint16_t formatTag() const { return get16(0); }
@@ -56,14 +72,6 @@ class WaveFormat {
     return bytes_.size() < at + 2 ? 0 : static_cast<uint16_t>(std::to_integer<uint16_t>(bytes_[at]) | (std::to_integer<uint16_t>(bytes_[at + 1]) << 8));
   }
   uint32_t get32(size_t at) const { return get16(at) | (static_cast<uint32_t>(get16(at + 2)) << 16); }
-  void put16(size_t at, uint16_t v) {
-    bytes_[at] = std::byte(v & 0xFF);
-    bytes_[at + 1] = std::byte(v >> 8);
-  }
-  void put32(size_t at, uint32_t v) {
-    put16(at, static_cast<uint16_t>(v));
-    put16(at + 2, static_cast<uint16_t>(v >> 16));
-  }
 
   std::vector<std::byte> bytes_;
 };

@@ -5,6 +5,7 @@
 //   kestrium-bench KERNEL --input FILE --size WxH [--frames N] [--threads N]
 //                  [--cpu c|sse2|ssse3|avx2] [--pix-fmt rgb24|yuv420p] [--as-is]
 //   kestrium-bench pattern --out FILE --size WxH --frames N
+//   kestrium-bench aac|mp3 --input FILE [--rate HZ] [--channels N] [--bitrate KBPS] [--loops N]
 //
 // Kernels: convert (RGB to YUV 4:2:0), tmb2 (the whole job of the "fast"
 // encoder: conversion and coding; with --pix-fmt yuv420p the coder alone, on
@@ -46,6 +47,9 @@
 #if KESTRIUM_WITH_X264
 #include "tools/X264Bench.h"
 #endif
+#if KESTRIUM_WITH_AUDIO_ENCODERS
+#include "tools/AudioBench.h"
+#endif
 
 using namespace kestrium;
 
@@ -57,7 +61,8 @@ int usage() {
                "                      [--quality 1..100] [--subsample 444|420]   (mjpeg)\n"
                "                      [--profile N] [--bitrate KBPS] [--target-usage N] [--low-latency N] [--fps F]"
                "   (x264)\n"
-               "       kestrium-bench pattern --out FILE --size WxH --frames N\n";
+               "       kestrium-bench pattern --out FILE --size WxH --frames N\n"
+               "       kestrium-bench aac|mp3 --input FILE [--rate HZ] [--channels N] [--bitrate KBPS] [--loops N]\n";
   return 2;
 }
 
@@ -137,6 +142,14 @@ void toServerOrder(uint8_t* frame, uint32_t width, uint32_t height) {
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) return usage();
+  if (args[0] == "aac" || args[0] == "mp3") {
+#if KESTRIUM_WITH_AUDIO_ENCODERS
+    return tools::audioBenchMain(args);
+#else
+    std::cerr << "this build has no audio encoders\n";
+    return 1;
+#endif
+  }
   Options o;
   o.kernel = args[0];
   for (size_t i = 1; i < args.size(); ++i) {

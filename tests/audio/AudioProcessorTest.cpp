@@ -170,5 +170,37 @@ TEST_F(AudioProcessorTest, WithoutABitrateThereIsNoEncoder) {
   EXPECT_GT(audio.Read(0, buffer_, nullptr, 0), 0) << "PCM, not packets";
 }
 
+#if defined(KESTRIUM_WITH_AUDIO_ENCODERS)
+// With encoders every track reports the codec's format, a read hands over
+// packets instead of PCM, each encoder follows its own device's rate, and
+// after the stop no encoder is touched again.
+TEST_F(AudioProcessorTest, EncodedTracksGivePacketsUntilTheStop) {
+  AudioProcessor audio(false, std::nullopt, factory());
+  ASSERT_EQ(audio.AddSource(u"Game Audio", 100, 0), 1);
+  ASSERT_EQ(audio.AddSource(u"Mic", 100, 1), 1);
+  uint16_t extra = 0;
+  EXPECT_EQ(audio.InitEncoders(u"aac", 160, &extra), 1024);
+  EXPECT_EQ(extra, 0x9011) << "48 kHz stereo LC, 0x11 0x90 in memory";
+  for (int32_t track = 0; track < 2; ++track) {
+    EXPECT_EQ(audio.GetFormat(track)->formatTag(), 0x1610);
+    EXPECT_EQ(audio.GetFormat(track)->avgBytesPerSec(), 20000u);
+  }
+  devices_[u"Game Audio"]->queue(1000, 0.5f);
+  uint32_t time = 0;
+  EXPECT_EQ(audio.Read(0, buffer_, &time, 0), -1);
+  std::vector<std::byte> packet;
+  int packets = 0;
+  while (audio.GetEncoded(0, packet, &time) > 0) ++packets;
+  EXPECT_EQ(packets, 48000 / 1024) << "one packet for every whole frame of the second";
+  EXPECT_EQ(audio.GetEncoded(1, packet, &time), 0) << "the microphone gave nothing";
+  EXPECT_EQ(audio.GetEncoded(2, packet, &time), 0) << "no such track";
+
+  audio.Stop();
+  devices_[u"Game Audio"]->queue(1000, 0.5f);
+  EXPECT_EQ(audio.Read(0, buffer_, &time, 1), 0) << "neither packets nor PCM";
+  EXPECT_EQ(audio.GetEncoded(0, packet, &time), 0);
+}
+#endif
+
 }  // namespace
 }  // namespace kestrium

@@ -93,6 +93,11 @@ TEST_F(ServerEndToEndTest, ClientWithoutAServerSaysSoAndExitsThree) {
   }
   EXPECT_EQ(harness.client({"pause", "x", "maybe"}), 2);
   EXPECT_EQ(harness.client({"frobnicate"}), 2);
+  // Side tracks are encoded exactly when the sound is: the kind must agree with --aac.
+  EXPECT_EQ(harness.client({"record", "--side-tracks", "mp3"}), 2);
+  EXPECT_NE(harness.clientOutput.find("--side-tracks mp3 needs --aac KBPS"), std::string::npos) << harness.clientOutput;
+  EXPECT_EQ(harness.client({"record", "--side-tracks", "wav", "--aac", "128"}), 2);
+  EXPECT_EQ(harness.client({"record", "--side-tracks", "flac"}), 2);
 }
 
 // A user closing the server (SIGTERM, or closing its window on Windows) ends it

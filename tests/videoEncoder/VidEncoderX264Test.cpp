@@ -15,6 +15,7 @@
 #include "platform/System.h"
 #include "server/Log.h"
 #include "tests/codecs/CodecTestSupport.h"
+#include "tests/support/LogFixture.h"
 #include "tests/support/TestSupport.h"
 #include "tests/videoEncoder/EncodedSlotConsumer.h"
 #include "videoEncoder/H264Bitstream.h"
@@ -117,22 +118,7 @@ double mean(const uint8_t* plane, size_t stride, uint32_t x0, uint32_t y0, uint3
 }
 
 // Objects of the test's own, and the log in its folder.
-class X264Fixture : public ::testing::Test {
- protected:
-  void SetUp() override {
-    platform::setObjectNamespace(test::uniqueNamespace());
-    processLog().open(folder_.path() / "Kestrium.txt", true);
-  }
-  void TearDown() override { processLog().close(); }
-  std::string log() {
-    processLog().close();
-    const std::string text = test::readLog(folder_.path() / "Kestrium.txt");
-    processLog().open(folder_.path() / "Kestrium.txt", false);
-    return text;
-  }
-
-  test::TempFolder folder_;
-};
+using X264Fixture = test::LoggedTest;
 
 class VidEncoderX264Test : public X264Fixture, public ::testing::WithParamInterface<X264Case> {
  protected:
