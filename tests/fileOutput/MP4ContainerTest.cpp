@@ -1,0 +1,598 @@
+// The layout of the MP4 files we write, read back box by box and byte by byte.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "fileOutput/MP4Container.h"
+#include "platform/File.h"
+#include "tests/support/TestSupport.h"
+
+namespace kestrium {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Pairs = std::vector<std::pair<uint32_t, uint32_t>>;
+
+// Big-endian fields, joined by cat() into the bytes a box should hold.
+Bytes be(uint64_t v, size_t n) {
+  Bytes b(n);
+  for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(v >> (8 * (n - 1 - i)));
+  return b;
+}
+Bytes u8(uint32_t v) { return be(v, 1); }
+Bytes u16(uint32_t v) { return be(v, 2); }
+Bytes u32(uint32_t v) { return be(v, 4); }
+Bytes u64(uint64_t v) { return be(v, 8); }
+Bytes str(std::string_view s) { return {s.begin(), s.end()}; }
+Bytes zeros(size_t n) { return Bytes(n); }
+Bytes cat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
+// Byte strings compare as hex in groups of four, so that a failure shows where.
+std::string hex(const Bytes& b) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string out;
+  for (size_t i = 0; i < b.size(); ++i) {
+    if (i > 0 && i % 4 == 0) out += ' ';
+    out += {kDigits[b[i] >> 4], kDigits[b[i] & 15]};
+  }
+  return out;
+}
+
+uint64_t read(std::span<const uint8_t> d, size_t at, size_t n) {
+  if (at + n > d.size()) throw std::out_of_range("read past the end of a box");
+  uint64_t v = 0;
+  for (size_t i = 0; i < n; ++i) v = v << 8 | d[at + i];
+  return v;
+}
+
+constexpr uint32_t kWidth = 160, kHeight = 120, kRate = 30000;  // thousandths of a frame a second
+// In 2042 the seconds since 1904 no longer fit 32 bits: the boxes keep the low bits.
+constexpr uint64_t kNow = 2300000000;
+constexpr uint32_t kCreated = static_cast<uint32_t>(kNow + 2082844800);
+constexpr uint64_t kMdat = 40, kFirstSample = 56;  // behind ftyp and free; behind the mdat header
+const Bytes kMatrix = cat({u32(0x10000), zeros(12), u32(0x10000), zeros(12), u32(0x40000000)});
+const Bytes kSps = {0x67, 0x64, 0x00, 0x0C, 0xAC, 0xD9, 0x41};
+const Bytes kPps = {0x68, 0xEB, 0xE3, 0xCB};
+
+Bytes payload(size_t size, size_t seed) {
+  Bytes data(size);
+  for (size_t i = 0; i < size; ++i) data[i] = static_cast<uint8_t>(seed * 131 + i * 7);
+  return data;
+}
+std::span<const std::byte> asBytes(const Bytes& b) { return std::as_bytes(std::span(b)); }
+Bytes sized(const Bytes& b, size_t width) { return cat({be(b.size(), width), b}); }
+
+// An AVC configuration record as the encoder gives it.
+Bytes avcRecord(const Bytes& sps, const Bytes& pps) {
+  return cat({Bytes{1, 0x64, 0x00, 0x0C, 0xFF, 0xE1}, sized(sps, 2), u8(1), sized(pps, 2)});
+}
+const Bytes kRecord = avcRecord(kSps, kPps);
+// A key frame as it lands in the file: the parameter sets go in front of it.
+Bytes withSets(const Bytes& frame) { return cat({sized(kSps, 4), sized(kPps, 4), frame}); }
+// The two AAC configuration bytes go in as a uint16_t whose bytes in memory they are.
+uint16_t memoryOrder(uint8_t first, uint8_t second) {
+  const uint8_t b[2] = {first, second};
+  uint16_t v;
+  std::memcpy(&v, b, 2);
+  return v;
+}
+
+struct Box {
+  std::string code;
+  uint64_t position;  // of its header in the file
+  size_t header;
+  std::span<const uint8_t> body;
+  uint32_t u32(size_t at) const { return static_cast<uint32_t>(read(body, at, 4)); }
+  std::string hex(size_t size = SIZE_MAX) const {
+    return kestrium::hex({body.begin(), body.begin() + static_cast<ptrdiff_t>(std::min(size, body.size()))});
+  }
+};
+
+std::vector<Box> parseBoxes(std::span<const uint8_t> data, uint64_t position) {
+  std::vector<Box> boxes;
+  for (size_t at = 0; at < data.size();) {
+    uint64_t size = read(data, at, 4);
+    const std::string code(reinterpret_cast<const char*>(data.data()) + at + 4, 4);
+    size_t header = 8;
+    if (size == 1) size = read(data, at + 8, 8), header = 16;
+    if (size < header || size > data.size() - at) throw std::runtime_error("box '" + code + "' overruns its parent");
+    boxes.push_back({code, position + at, header, data.subspan(at + header, size - header)});
+    at += size;
+  }
+  return boxes;
+}
+
+std::vector<Box> children(const Box& box) {
+  // The bytes of its own that a box holding boxes has in front of them.
+  static const std::map<std::string, size_t> kSkip = {
+      {"moov", 0}, {"trak", 0},    {"mdia", 0}, {"minf", 0}, {"dinf", 0}, {"stbl", 0},  {"udta", 0},
+      {"ilst", 0}, {"\xA9too", 0}, {"meta", 4}, {"dref", 8}, {"stsd", 8}, {"mp4a", 28}, {"avc1", 78}};
+  const auto skip = kSkip.find(box.code);
+  if (skip == kSkip.end()) throw std::runtime_error("'" + box.code + "' holds no boxes");
+  return parseBoxes(box.body.subspan(skip->second), box.position + box.header + skip->second);
+}
+
+std::vector<std::string> codes(const std::vector<Box>& boxes) {
+  std::vector<std::string> out;
+  for (const Box& b : boxes) out.push_back(b.code);
+  return out;
+}
+
+// A path such as "moov/trak[1]/mdia": [n] picks the n-th box of that code, from 0.
+Box find(std::vector<Box> level, std::string_view path) {
+  const std::string whole(path);
+  for (;;) {
+    const size_t slash = path.find('/');
+    std::string_view step = path.substr(0, slash);
+    size_t index = 0;
+    if (const size_t open = step.find('['); open != std::string_view::npos) {
+      index = std::stoul(std::string(step.substr(open + 1)));
+      step = step.substr(0, open);
+    }
+    const auto found =
+        std::find_if(level.begin(), level.end(), [&](const Box& b) { return b.code == step && index-- == 0; });
+    if (found == level.end()) throw std::runtime_error("no box at " + whole);
+    if (slash == std::string_view::npos) return *found;
+    level = children(*found);
+    path = path.substr(slash + 1);
+  }
+}
+
+struct Mp4 {
+  Bytes data;  // the bytes from base on
+  uint64_t base = 0;
+  std::vector<Box> top = parseBoxes(data, base);
+  Box operator[](std::string_view path) const { return find(top, path); }
+};
+
+// {sample count, delta} of stts; {first chunk, samples per chunk} of stsc.
+Pairs pairsOf(const Box& b) {
+  const size_t entry = b.code == "stsc" ? 12 : 8;
+  Pairs out;
+  for (uint32_t i = 0, n = b.u32(4); i < n; ++i) {
+    out.emplace_back(b.u32(8 + i * entry), b.u32(12 + i * entry));
+    if (entry == 12) {
+      EXPECT_EQ(b.u32(16 + i * entry), 1u) << "sample description index";
+    }
+  }
+  return out;
+}
+std::vector<uint32_t> numbersOf(const Box& b, size_t countAt) {
+  std::vector<uint32_t> out;
+  for (uint32_t i = 0, n = b.u32(countAt); i < n; ++i) out.push_back(b.u32(countAt + 4 + 4 * i));
+  return out;
+}
+std::vector<uint64_t> chunkOffsets(const Box& stbl) {
+  const std::vector<std::string> names = codes(children(stbl));
+  const bool wide = std::find(names.begin(), names.end(), "co64") != names.end();
+  const Box table = find(children(stbl), wide ? "co64" : "stco");
+  const size_t width = wide ? 8 : 4;
+  std::vector<uint64_t> out;
+  for (uint32_t i = 0, n = table.u32(4); i < n; ++i) out.push_back(read(table.body, 8 + i * width, width));
+  return out;
+}
+
+// Every sample's bytes, found the way a player finds them.
+std::vector<std::string> samplesOf(const Mp4& f, const Box& stbl) {
+  const Pairs stsc = pairsOf(find(children(stbl), "stsc"));
+  const std::vector<uint32_t> sizes = numbersOf(find(children(stbl), "stsz"), 8);
+  const std::vector<uint64_t> offsets = chunkOffsets(stbl);
+  std::vector<std::string> out;
+  for (size_t chunk = 0, e = 0; chunk < offsets.size(); ++chunk) {
+    while (e + 1 < stsc.size() && stsc[e + 1].first <= chunk + 1) ++e;
+    for (uint64_t i = 0, at = offsets[chunk] - f.base; i < stsc.at(e).second && out.size() < sizes.size(); ++i) {
+      const uint32_t size = sizes[out.size()];
+      if (at + size > f.data.size()) throw std::out_of_range("a sample past the end of the file");
+      const auto from = f.data.begin() + static_cast<ptrdiff_t>(at);
+      out.push_back(hex({from, from + size}));
+      at += size;
+    }
+  }
+  return out;
+}
+
+// Keeps what is written, byte by byte by position, except writes of dropFrom
+// bytes or more: those only move the position on, so that a test passes 4 GiB
+// without holding them.
+class MemorySink : public Serializer {
+ public:
+  struct Stored {
+    std::map<uint64_t, uint8_t> bytes;
+    bool closed = false;
+    Bytes read(uint64_t at, size_t n) const {
+      Bytes out;
+      for (uint64_t i = at; i < at + n; ++i) out.push_back(bytes.at(i));
+      return out;
+    }
+  };
+
+  MemorySink(std::shared_ptr<Stored> stored, size_t dropFrom) : stored_(std::move(stored)), dropFrom_(dropFrom) {}
+  void write(std::span<const std::byte> data) override {
+    for (size_t i = 0; i < data.size() && data.size() < dropFrom_; ++i) {
+      stored_->bytes[position_ + i] = std::to_integer<uint8_t>(data[i]);
+    }
+    position_ += data.size();
+    end_ = std::max(end_, position_);
+  }
+  void seek(int64_t offset, Origin origin) override {
+    const uint64_t base = origin == Origin::Begin ? 0 : origin == Origin::Current ? position_ : end_;
+    position_ = static_cast<uint64_t>(std::max<int64_t>(0, static_cast<int64_t>(base) + offset));
+  }
+  uint64_t tell() const override { return position_; }
+  void close() override { stored_->closed = true; }
+
+ private:
+  std::shared_ptr<Stored> stored_;
+  size_t dropFrom_;
+  uint64_t position_ = 0, end_ = 0;
+};
+
+struct Recording {
+  explicit Recording(size_t dropFrom = SIZE_MAX) {
+    EXPECT_EQ(mp4.open(std::make_unique<MemorySink>(stored, dropFrom)), 1);
+    EXPECT_TRUE(mp4.setVideoTrack(kWidth, kHeight, kRate, asBytes(kRecord)));
+  }
+  // 128 kbit/s: 320 bytes last 20 ms. 1024 samples a frame at 48 kHz.
+  void aac() { mp4.setAudioTrack(false, 48000, 128000, 1024, memoryOrder(0x11, 0x90)); }
+  Mp4 finish() {
+    EXPECT_EQ(mp4.finalize(), 1);
+    EXPECT_TRUE(stored->closed);
+    return Mp4{stored->read(0, stored->bytes.size())};
+  }
+  std::shared_ptr<MemorySink::Stored> stored = std::make_shared<MemorySink::Stored>();
+  MP4Container mp4{[] { return kNow; }};
+};
+
+enum class Audio { None, Aac, Mp3 };
+void PrintTo(Audio a, std::ostream* os) { *os << (a == Audio::None ? "NoAudio" : a == Audio::Aac ? "Aac" : "Mp3"); }
+
+class MP4HeaderTest : public ::testing::TestWithParam<Audio> {};
+
+TEST_P(MP4HeaderTest, BoxesHoldTheirFixedValues) {
+  const Audio kind = GetParam();
+  Recording r;
+  const uint32_t rate = kind == Audio::Mp3 ? 44100 : 48000, perFrame = kind == Audio::Mp3 ? 1152 : 1024;
+  if (kind != Audio::None) r.mp4.setAudioTrack(kind == Audio::Mp3, rate, 128999, perFrame, memoryOrder(0x11, 0x90));
+  // Video times start at 1000: the tables count from the first frame. The
+  // audio samples end before their frames' worth of samples would, so the
+  // clock stretches none of them.
+  for (uint32_t i = 0; i < 3; ++i) {
+    r.mp4.addSample(0, 1000 + 33 * i, asBytes(payload(100, i)), i == 0);
+    if (kind != Audio::None) r.mp4.addSample(1, 21 * i, asBytes(payload(320, 10 + i)), false);
+  }
+  const Mp4 f = r.finish();
+
+  // ftyp, free, mdat with its size in 64 bits, then moov to the end of the file.
+  ASSERT_EQ(codes(f.top), (std::vector<std::string>{"ftyp", "free", "mdat", "moov"}));
+  EXPECT_EQ(hex({f.data.begin(), f.data.begin() + kFirstSample}),
+            hex(cat({u32(32), str("ftypisom"), u32(0x200), str("isomiso2avc1mp41"), u32(8), str("free"), u32(1),
+                     str("mdat"), u64(f["moov"].position - kMdat)})));
+  EXPECT_EQ(f["moov"].position + f["moov"].header + f["moov"].body.size(), f.data.size());
+
+  // The last frame's time from the first, and one frame more.
+  const uint32_t d = 66 + 1000000 / kRate;
+  EXPECT_EQ(f["moov/mvhd"].hex(), hex(cat({u32(0), u32(kCreated), u32(kCreated), u32(1000), u32(d), u32(0x10000),
+                                           u16(0x100), zeros(10), kMatrix, zeros(24), u32(3)})));
+  EXPECT_EQ(codes(children(f["moov"])), kind == Audio::None
+                                            ? (std::vector<std::string>{"mvhd", "trak", "udta"})
+                                            : (std::vector<std::string>{"mvhd", "trak", "trak", "udta"}));
+  const std::string dinf = hex(cat({u32(28), str("dref"), u32(0), u32(1), u32(12), str("url "), u32(1)}));
+
+  const std::string v = kind == Audio::None ? "moov/trak/" : "moov/trak[1]/";
+  EXPECT_EQ(f[v + "tkhd"].hex(), hex(cat({u32(7), u32(kCreated), u32(kCreated), u32(2), u32(0), u32(d), zeros(16),
+                                          kMatrix, u32(kWidth << 16), u32(kHeight << 16)})));
+  EXPECT_EQ(f[v + "mdia/mdhd"].hex(),
+            hex(cat({u32(0), u32(kCreated), u32(kCreated), u32(1000), u32(d), u32(0x55C40000)})));
+  EXPECT_EQ(f[v + "mdia/hdlr"].hex(), hex(cat({u32(0), u32(0), str("vide"), zeros(12), str("Video track"), u8(0)})));
+  EXPECT_EQ(f[v + "mdia/minf/vmhd"].hex(), hex(cat({u32(1), zeros(8)})));
+  EXPECT_EQ(f[v + "mdia/minf/dinf"].hex(), dinf);
+  EXPECT_EQ(f[v + "mdia/minf/stbl/stsd/avc1"].hex(78),
+            hex(cat({zeros(6), u16(1), zeros(16), u16(kWidth), u16(kHeight), u32(0x480000), u32(0x480000), u32(0),
+                     u16(1), u8(9), str("H.264/AVC"), zeros(22), u16(0x18), u16(0xFFFF)})));
+
+  if (kind != Audio::None) {
+    const std::string a = "moov/trak[0]/";
+    EXPECT_EQ(f[a + "tkhd"].hex(), hex(cat({u32(7), u32(kCreated), u32(kCreated), u32(1), u32(0), u32(66), zeros(12),
+                                            u16(0x100), u16(0), kMatrix, u32(0), u32(0)})))
+        << "the audio track lasts to the last frame's time";
+    // Three samples in chunks of one: the position counts two frames.
+    EXPECT_EQ(f[a + "mdia/mdhd"].hex(), hex(cat({u32(0), u32(kCreated), u32(kCreated), u32(rate), u32(2 * perFrame),
+                                                 u32(kind == Audio::Mp3 ? 0x55C40000 : 0x15C70000)})));
+    EXPECT_EQ(f[a + "mdia/hdlr"].hex(), hex(cat({u32(0), u32(0), str("soun"), zeros(12), str("Audio track"), u8(0)})));
+    EXPECT_EQ(f[a + "mdia/minf/smhd"].hex(), hex(zeros(8)));
+    EXPECT_EQ(f[a + "mdia/minf/dinf"].hex(), dinf);
+    EXPECT_EQ(f[a + "mdia/minf/stbl/stsd/mp4a"].hex(28),
+              hex(cat({zeros(6), u16(1), zeros(8), u16(0), u16(16), u32(0), u32(rate << 16)})));
+    // Each descriptor's length covers the ones inside it; bit rates in whole kbit.
+    EXPECT_EQ(f[a + "mdia/minf/stbl/stsd/mp4a/esds"].hex(),
+              hex(cat({u32(0), Bytes{3, 25, 0, 0, 0, 4, 17, uint8_t(kind == Audio::Mp3 ? 0x6B : 0x40), 0x15, 0, 6, 0},
+                       u32(128000), u32(128000), Bytes{5, 2, 0x11, 0x90, 6, 1, 2}})));
+  }
+
+  EXPECT_EQ(f["moov/udta"].hex(), hex(cat({u32(85), str("meta"), u32(0), u32(33), str("hdlr"), u32(0), u32(0),
+                                           str("mdirappl"), zeros(9), u32(40), str("ilst"), u32(32), str("\xA9too"),
+                                           u32(24), str("data"), u32(1), u32(0), str("Kestrium")})));
+}
+
+INSTANTIATE_TEST_SUITE_P(Audio, MP4HeaderTest, ::testing::Values(Audio::None, Audio::Aac, Audio::Mp3),
+                         [](const auto& info) { return ::testing::PrintToString(info.param); });
+
+struct RecordCase {
+  const char* name;
+  Bytes record;
+  bool valid;
+};
+void PrintTo(const RecordCase& c, std::ostream* os) { *os << c.name; }
+
+Bytes edited(Bytes b, size_t size, std::initializer_list<std::pair<size_t, uint8_t>> changes = {}) {
+  b.resize(size);
+  for (auto [at, value] : changes) b[at] = value;
+  return b;
+}
+
+class MP4ParameterSetTest : public ::testing::TestWithParam<RecordCase> {};
+
+TEST_P(MP4ParameterSetTest, KeyFramesCarryTheSetsOfTheRecord) {
+  const RecordCase& c = GetParam();
+  Recording r;
+  EXPECT_EQ(r.mp4.setVideoTrack(kWidth, kHeight, kRate, asBytes(c.record)), c.valid);
+  const Bytes key = payload(50, 1), other = payload(40, 2);
+  r.mp4.addSample(0, 0, asBytes(key), true);
+  r.mp4.addSample(0, 33, asBytes(other), false);
+  r.mp4.addSample(0, 66, asBytes(key), true);
+  const Mp4 f = r.finish();
+
+  const Bytes sps = c.valid ? kSps : Bytes{}, pps = c.valid ? kPps : Bytes{};
+  EXPECT_EQ(f["moov/trak/mdia/minf/stbl/stsd/avc1/avcC"].hex(),
+            hex(cat({Bytes{1, 0x64, 0x00, 0x1F, 0xFF, 0xE1}, sized(sps, 2), u8(1), sized(pps, 2)})))
+      << "profile 100, level 3.1 whatever the record says";
+  const std::vector<std::string> samples = samplesOf(f, f["moov/trak/mdia/minf/stbl"]);
+  ASSERT_EQ(samples.size(), 3u);
+  EXPECT_EQ(samples[1], hex(other)) << "other frames stay as they are";
+  if (c.valid) {
+    EXPECT_EQ(samples[0], hex(withSets(key)));
+    EXPECT_EQ(samples[2], hex(withSets(key)));
+  }
+}
+
+const size_t kPpsLengthAt = 9 + kSps.size();
+INSTANTIATE_TEST_SUITE_P(
+    Records, MP4ParameterSetTest,
+    ::testing::Values(RecordCase{"Whole", kRecord, true},
+                      // The set counts are not read: one SPS and one PPS are taken as they stand.
+                      RecordCase{"CountsIgnored", edited(kRecord, kRecord.size(), {{5, 0xE0}, {kPpsLengthAt - 1, 0}}),
+                                 true},
+                      RecordCase{"HighProfileTail", cat({kRecord, Bytes{0xFD, 0xF8, 0xF8, 0}}), true},
+                      RecordCase{"PpsOneByteShort", edited(kRecord, kRecord.size() - 1), false},
+                      RecordCase{"PpsLengthCut", edited(kRecord, kPpsLengthAt + 1), false},
+                      RecordCase{"SpsLengthPastTheEnd", edited(kRecord, kRecord.size(), {{7, 200}}), false},
+                      RecordCase{"SpsLengthCut", edited(kRecord, 7), false}, RecordCase{"Empty", {}, false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct TrackTables {
+  Pairs stts, stsc;
+  size_t chunks;
+};
+struct TableCase {
+  const char* name;
+  // In the order they come: K key frame, V other frame (80 bytes), A audio
+  // (320 bytes, 20 ms), each with its time.
+  const char* events;
+  TrackTables video;
+  std::vector<uint32_t> stss;
+  TrackTables audio{};  // none: the track is set up but has no samples
+  uint32_t audioDuration = 0;
+};
+void PrintTo(const TableCase& c, std::ostream* os) { *os << c.name; }
+
+void expectTrack(const Mp4& f, const std::string& trak, const TrackTables& want, const std::vector<Bytes>& samples) {
+  SCOPED_TRACE(trak);
+  const Box stbl = f[trak + "/mdia/minf/stbl"];
+  EXPECT_EQ(pairsOf(find(children(stbl), "stts")), want.stts);
+  EXPECT_EQ(pairsOf(find(children(stbl), "stsc")), want.stsc);
+  EXPECT_EQ(chunkOffsets(stbl).size(), want.chunks);
+  std::vector<uint32_t> sizes;
+  std::vector<std::string> given;
+  for (const Bytes& s : samples) sizes.push_back(static_cast<uint32_t>(s.size())), given.push_back(hex(s));
+  EXPECT_EQ(numbersOf(find(children(stbl), "stsz"), 8), sizes);
+  EXPECT_EQ(samplesOf(f, stbl), given) << "chunk offsets and sizes lead to each sample's bytes";
+}
+
+class MP4SampleTableTest : public ::testing::TestWithParam<TableCase> {};
+
+TEST_P(MP4SampleTableTest, TablesLeadToEverySample) {
+  const TableCase& c = GetParam();
+  Recording r;
+  r.aac();
+  std::vector<Bytes> video, audio;
+  std::optional<uint32_t> lastVideoTime;
+  std::istringstream events(c.events);
+  char kind;
+  uint32_t time;
+  for (size_t i = 0; events >> kind >> time; ++i) {
+    const Bytes data = payload(kind == 'A' ? 320 : 80, i);
+    r.mp4.addSample(kind == 'A' ? 1 : 0, time, asBytes(data), kind == 'K');
+    if (kind == 'A') {
+      audio.push_back(data);
+    } else if (lastVideoTime == time) {  // one instant, one sample
+      video.back() = cat({video.back(), kind == 'K' ? withSets(data) : data});
+    } else {
+      video.push_back(kind == 'K' ? withSets(data) : data);
+    }
+    if (kind != 'A') lastVideoTime = time;
+  }
+  const Mp4 f = r.finish();
+
+  const std::string v = audio.empty() ? "moov/trak" : "moov/trak[1]";
+  expectTrack(f, v, c.video, video);
+  EXPECT_EQ(numbersOf(f[v + "/mdia/minf/stbl/stss"], 4), c.stss);
+  if (audio.empty()) {
+    EXPECT_EQ(children(f["moov"]).size(), 3u) << "no audio trak without audio samples";
+    return;
+  }
+  expectTrack(f, "moov/trak[0]", c.audio, audio);
+  EXPECT_EQ(f["moov/trak[0]/mdia/mdhd"].u32(16), c.audioDuration) << "the position, without the last delta";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Recordings, MP4SampleTableTest,
+    ::testing::Values(
+        // One chunk of three: the last frame gets the delta before it.
+        TableCase{"VideoOnly", "K0 V33 V66", {{{3, 33}}, {{1, 3}}, 1}, {1}},
+        TableCase{"OneFrame", "K500", {{}, {{1, 1}}, 1}, {1}},
+        TableCase{"NoKeyFrame", "V0 V40", {{{2, 40}}, {{1, 2}}, 1}, {}},
+        TableCase{
+            "DeltasRunLengthCoded", "K0 V33 V67 V100 K133 V166", {{{1, 33}, {1, 34}, {4, 33}}, {{1, 6}}, 1}, {1, 5}},
+        TableCase{"LastInstantWrittenTwice", "K0 V33 V33", {{{2, 33}}, {{1, 2}}, 1}, {1}},
+        // The second write of an instant adds to its sample, but the chunk
+        // still expects the next sample where the first write ended: the next
+        // frame starts a chunk.
+        TableCase{"SameTimeIsOneSample", "K0 V0 V33 V66", {{{3, 33}}, {{1, 1}, {2, 2}}, 2}, {1}},
+        // Chunks of one sample: no closing entry, one stts sample fewer than stsz.
+        TableCase{
+            "Interleaved", "K0 A0 V33 A21 V66 A43", {{{2, 33}}, {{1, 1}}, 3}, {1}, {{{2, 1024}}, {{1, 1}}, 3}, 2048},
+        TableCase{"RunsOfAudio",
+                  "A0 A21 K0 A43 A64 A85 V33 A107",
+                  {{{1, 33}}, {{1, 1}}, 2},
+                  {1},
+                  {{{5, 1024}}, {{1, 2}, {2, 3}, {3, 1}}, 3},
+                  5120},
+        // The clock counts from time 0, and first from the third sample on.
+        TableCase{"AudioStartsLate",
+                  "K0 A100 A121 A142",
+                  {{}, {{1, 1}}, 1},
+                  {1},
+                  {{{1, 1024}, {2, 5744}}, {{1, 3}}, 1},
+                  6768},
+        // 137 ms without sound: the first sample after the gap stretches to
+        // meet the clock, so that those after it keep their times.
+        TableCase{"AudioGap",
+                  "K0 A0 A21 A43 A200 A221 A243",
+                  {{}, {{1, 1}}, 1},
+                  {1},
+                  {{{3, 1024}, {1, 7488}, {2, 1024}}, {{1, 6}}, 1},
+                  11584}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// One track has a chunk behind 4 GiB of the other's samples and needs 64-bit
+// offsets; the other keeps 32-bit ones.
+class MP4LargeOffsetTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(MP4LargeOffsetTest, EachTrackChoosesItsOffsetWidth) {
+  const bool audioPasses = GetParam();
+  constexpr size_t kBig = 64 << 20;
+  Recording r(1 << 20);
+  r.aac();
+  const auto big = std::make_unique_for_overwrite<std::byte[]>(kBig);  // never read: the sink only counts it
+  const Bytes small = payload(400, 1);
+  const uint32_t passer = audioPasses ? 1 : 0, filler = audioPasses ? 0 : 1;
+  r.mp4.addSample(passer, 0, asBytes(small), true);
+  for (uint32_t i = 0; i < 64; ++i) r.mp4.addSample(filler, 33 * i, {big.get(), kBig}, i == 0);
+  r.mp4.addSample(passer, 3000, asBytes(small), false);
+  ASSERT_EQ(r.mp4.finalize(), 1);
+
+  const uint64_t sets = withSets({}).size();
+  const uint64_t first = kFirstSample + small.size() + (audioPasses ? 0 : sets);
+  const uint64_t last = first + 64 * kBig + (audioPasses ? sets : 0);
+  const uint64_t mdatEnd = last + small.size();
+  ASSERT_GT(last, 0xFFFFFFFFu);
+  EXPECT_EQ(hex(r.stored->read(kMdat, 16)), hex(cat({u32(1), str("mdat"), u64(mdatEnd - kMdat)})));
+  EXPECT_EQ(hex(r.stored->read(last, small.size())), hex(small));
+  const Mp4 f{r.stored->read(mdatEnd, read(r.stored->read(mdatEnd, 4), 0, 4)), mdatEnd};
+
+  const std::string passerTrak = audioPasses ? "moov/trak[0]" : "moov/trak[1]";
+  const std::string fillerTrak = audioPasses ? "moov/trak[1]" : "moov/trak[0]";
+  EXPECT_EQ(f[passerTrak + "/mdia/minf/stbl/co64"].hex(), hex(cat({u32(0), u32(2), u64(kFirstSample), u64(last)})));
+  EXPECT_EQ(f[fillerTrak + "/mdia/minf/stbl/stco"].hex(), hex(cat({u32(0), u32(1), u32(uint32_t(first))})));
+  EXPECT_EQ(numbersOf(f[fillerTrak + "/mdia/minf/stbl/stsz"], 8).at(63), kBig);
+}
+
+INSTANTIATE_TEST_SUITE_P(Tracks, MP4LargeOffsetTest, ::testing::Bool(),
+                         [](const auto& info) { return std::string(info.param ? "AudioPasses" : "VideoPasses"); });
+
+// NAL units of an Annex B stream, without their start codes.
+std::vector<Bytes> nalUnits(const std::vector<char>& stream) {
+  const auto* p = reinterpret_cast<const uint8_t*>(stream.data());
+  std::vector<Bytes> units;
+  std::optional<size_t> start;
+  for (size_t i = 0; i + 3 <= stream.size(); ++i) {
+    if (p[i] != 0 || p[i + 1] != 0 || p[i + 2] != 1) continue;
+    if (start) units.emplace_back(p + *start, p + i - (p[i - 1] == 0 ? 1 : 0));
+    start = i + 3;
+  }
+  if (start) units.emplace_back(p + *start, p + stream.size());
+  return units;
+}
+
+TEST(MP4ContainerTest, FfmpegDecodesARealRecording) {
+  if (std::string(KESTRIUM_FFMPEG).empty() || std::string(KESTRIUM_FFPROBE).empty()) GTEST_SKIP() << "no ffmpeg";
+  const test::TempFolder folder;
+  const auto h264 = folder.path() / "source.h264", path = folder.path() / "test.mp4";
+  std::string out;
+  // No B-frames: the file has no composition offsets. Key frames every 15.
+  ASSERT_EQ(test::runTool(KESTRIUM_FFMPEG,
+                          {"-v",  "error", "-f",         "lavfi",   "-i",     "testsrc2=size=160x120:rate=30",
+                           "-t",  "2",     "-pix_fmt",   "yuv420p", "-c:v",   "libx264",
+                           "-bf", "0",     "-g",         "15",      "-bsf:v", "h264_mp4toannexb",
+                           "-f",  "h264",  h264.string()},
+                          out),
+            0)
+      << out;
+
+  // Each frame's slices as length-prefixed units; SPS, PPS and SEI stay out.
+  Bytes sps, pps;
+  std::vector<std::pair<Bytes, bool>> frames;
+  for (const Bytes& nal : nalUnits(test::readBytes(h264))) {
+    const int type = nal.at(0) & 0x1F;
+    if (type == 7 && sps.empty()) sps = nal;
+    if (type == 8 && pps.empty()) pps = nal;
+    if (type != 1 && type != 5) continue;
+    if ((nal.at(1) & 0x80) != 0 || frames.empty()) frames.emplace_back();  // first_mb_in_slice 0: a new frame
+    frames.back().first = cat({frames.back().first, sized(nal, 4)});
+    frames.back().second |= type == 5;
+  }
+  ASSERT_EQ(frames.size(), 60u);
+  ASSERT_GT(std::count_if(frames.begin(), frames.end(), [](const auto& f) { return f.second; }), 1);
+  {
+    MP4Container mp4;
+    platform::File file;
+    ASSERT_TRUE(file.open(path, platform::File::Mode::CreateAlways));
+    ASSERT_EQ(mp4.open(std::move(file)), 1);
+    ASSERT_TRUE(mp4.setVideoTrack(160, 120, 30000, asBytes(avcRecord(sps, pps))));
+    for (size_t i = 0; i < frames.size(); ++i) {
+      mp4.addSample(0, static_cast<uint32_t>(i * 1000 / 30), asBytes(frames[i].first), frames[i].second);
+    }
+    ASSERT_EQ(mp4.finalize(), 1);
+  }
+
+  // The frames are one chunk, so the last one has its time entry too.
+  const std::vector<char> raw = test::readBytes(path);
+  const Mp4 f{Bytes(raw.begin(), raw.end())};
+  uint32_t timed = 0;
+  for (auto entry : pairsOf(f["moov/trak/mdia/minf/stbl/stts"])) timed += entry.first;
+  EXPECT_EQ(timed, frames.size());
+
+  ASSERT_EQ(test::runTool(KESTRIUM_FFPROBE, {"-v", "error", "-count_frames", "-show_streams", path.string()}, out), 0)
+      << out;
+  EXPECT_NE(out.find("codec_name=h264\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("width=160\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("nb_read_frames=" + std::to_string(timed) + "\n"), std::string::npos) << out;
+  ASSERT_EQ(test::runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", path.string(), "-f", "null", "-"}, out), 0) << out;
+  EXPECT_EQ(out, "") << "the decoder complains";
+}
+
+}  // namespace
+}  // namespace kestrium
