@@ -544,29 +544,46 @@ void MP4Container::dropLostSamples(uint64_t durable) {
   lastRelativeTime_ = video_.empty() ? 0 : video_.back().time;
 }
 
+uint64_t MP4Container::cutTo(uint64_t limit) {
+  dropLostSamples(limit);
+  uint64_t end = mdatPosition_ + kMdatHeaderSize;
+  for (const auto* track : {&video_, &audio_}) {
+    if (!track->empty()) end = std::max(end, track->back().position + track->back().size);
+  }
+  sink_->truncate(end);
+  return end;
+}
+
 int MP4Container::finalize() {
   if (!open_) return 0;
   open_ = false;
   Serializer& out = *sink_;
   uint64_t mdatEnd = out.tell();
-  if (!out.ok()) {
-    // The tables keep what is wholly in the file, and the file is cut behind
-    // it: that frees what the failed write left, and the index may still fit.
-    dropLostSamples(out.durable());
-    mdatEnd = mdatPosition_ + kMdatHeaderSize;
-    for (const auto* track : {&video_, &audio_}) {
-      if (!track->empty()) mdatEnd = std::max(mdatEnd, track->back().position + track->back().size);
-    }
-    out.truncate(mdatEnd);
-  }
+  // After a failed write the tables keep what is wholly in the file, and the
+  // file is cut behind it: that frees what the failed write left.
+  if (!out.ok()) mdatEnd = cutTo(out.durable());
   if (timesBack_ > 1) logLine(u"[Warning] *** MP4 *** %u video times came before the frame before them\n", timesBack_);
   if (audioDropped_ > 1) logLine(u"[Warning] *** MP4 *** %u audio samples had no track\n", audioDropped_);
 
-  out.write(buildMoov(clock_()));
-  if (!out.ok()) {
-    logLine(u"[Error]   *** MP4 *** The index could not be written (error %u): the file holds its data without it\n",
-            out.error());
-    out.truncate(mdatEnd);
+  const uint64_t now = clock_();
+  for (int attempt = 0;; ++attempt) {
+    const std::vector<std::byte> moov = buildMoov(now);
+    out.write(moov);
+    if (out.flush()) break;
+    const uint32_t error = out.error();
+    if (attempt == 2 || !out.truncate(mdatEnd)) {
+      logLine(u"[Error]   *** MP4 *** The index could not be written (error %u): the file holds its data without it\n",
+              error);
+      out.truncate(mdatEnd);
+      break;
+    }
+    // A full disk: a file without its index plays nowhere, so the last
+    // samples give way to it, with room to spare for its growth.
+    const size_t frames = video_.size();
+    const uint64_t room = moov.size() + 0x10000;
+    mdatEnd = cutTo(mdatEnd > room ? mdatEnd - room : 0);
+    logLine(u"[Warning] *** MP4 *** The disk is full (error %u): the last %u frames give way to the index\n", error,
+            static_cast<uint32_t>(frames - video_.size()));
   }
   // The size of "mdat" last: a file with it set has its index behind the data.
   out.seek(static_cast<int64_t>(mdatPosition_ + 8), Serializer::Origin::Begin);

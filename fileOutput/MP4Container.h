@@ -89,6 +89,9 @@ class MP4Container {
   void writeAudio(std::span<const std::byte> data, uint32_t time);
   // After a failed write: the samples that did not wholly reach the file go.
   void dropLostSamples(uint64_t durable);
+  // Drops the samples that end past limit and cuts the file behind the rest;
+  // the new end of the data.
+  uint64_t cutTo(uint64_t limit);
 
   Clock clock_;
   std::unique_ptr<Serializer> sink_;

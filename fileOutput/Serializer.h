@@ -32,6 +32,8 @@ class Serializer {
   // Cuts the target at size and writes on from there, the failure behind it;
   // false where that cannot be done.
   virtual bool truncate(uint64_t /*size*/) { return false; }
+  // Everything written so far reaches its target; false if it did not.
+  virtual bool flush() { return ok(); }
   // Everything written reaches its target, which is then closed.
   virtual void close() {}
 
@@ -64,7 +66,7 @@ class XFileOutputSerializer : public Serializer {
   bool truncate(uint64_t size) override;
   // Flushes, pushes the file to the disk and closes it.
   void close() override;
-  bool flush();
+  bool flush() override;
 
  private:
   void fail();

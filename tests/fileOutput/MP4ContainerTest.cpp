@@ -15,6 +15,7 @@
 
 #include "fileOutput/MP4Container.h"
 #include "platform/File.h"
+#include "tests/support/LogFixture.h"
 #include "tests/support/TestSupport.h"
 
 namespace kestrium {
@@ -522,6 +523,76 @@ TEST_P(MP4LargeOffsetTest, EachTrackChoosesItsOffsetWidth) {
 
 INSTANTIATE_TEST_SUITE_P(Tracks, MP4LargeOffsetTest, ::testing::Bool(),
                          [](const auto& info) { return std::string(info.param ? "AudioPasses" : "VideoPasses"); });
+
+// A disk that takes bytes up to its capacity: a write past it keeps what fits
+// and fails, as a full file system does; cutting the file frees the space.
+class FullDiskSink : public Serializer {
+ public:
+  FullDiskSink(size_t capacity, Bytes& file) : file_(file), capacity_(capacity) {}
+  void write(std::span<const std::byte> data) override {
+    for (size_t i = 0; i < data.size() && error_ == 0; ++i) {
+      if (position_ >= capacity_) {
+        error_ = 28;
+        break;
+      }
+      if (file_.size() <= position_) file_.resize(position_ + 1);
+      file_[position_++] = std::to_integer<uint8_t>(data[i]);
+      durable_ = std::max(durable_, position_);
+    }
+  }
+  void seek(int64_t offset, Origin) override { position_ = static_cast<uint64_t>(offset); }
+  uint64_t tell() const override { return position_; }
+  bool ok() const override { return error_ == 0; }
+  uint32_t error() const override { return error_; }
+  uint64_t durable() const override { return durable_; }
+  bool truncate(uint64_t size) override {
+    file_.resize(size);
+    position_ = durable_ = size;
+    error_ = 0;
+    return true;
+  }
+
+ private:
+  Bytes& file_;
+  size_t capacity_;
+  uint64_t position_ = 0, durable_ = 0;
+  uint32_t error_ = 0;
+};
+
+class MP4FullDiskTest : public test::LoggedTest, public ::testing::WithParamInterface<size_t> {};
+
+// A full disk ends the data at the last whole frame, and the index still goes
+// in behind it: where the disk has no room left for it, the last frames (about
+// 64 KiB of them) give way to it.
+TEST_P(MP4FullDiskTest, FileKeepsWholeFramesAndItsIndex) {
+  const size_t room = GetParam();  // what the disk holds behind the last frame that fits
+  const Bytes frame = payload(10000, 3);
+  constexpr size_t kFit = 40;
+  Bytes file;
+  MP4Container mp4([] { return kNow; });
+  ASSERT_EQ(mp4.open(std::make_unique<FullDiskSink>(kFirstSample + kFit * frame.size() + room, file)), 1);
+  for (uint32_t i = 0; i < 60 && !mp4.failed(); ++i) mp4.addSample(0, 33 * i, asBytes(frame), false);
+  EXPECT_EQ(mp4.error(), 28u);
+  ASSERT_EQ(mp4.finalize(), 1);
+
+  const Mp4 f{file};
+  ASSERT_EQ(codes(f.top), (std::vector<std::string>{"ftyp", "free", "mdat", "moov"})) << log();
+  const std::vector<std::string> samples = samplesOf(f, f["moov/trak/mdia/minf/stbl"]);
+  for (const std::string& s : samples) EXPECT_EQ(s, hex(frame));
+  EXPECT_EQ(f["moov"].position, kFirstSample + samples.size() * frame.size()) << "the index right behind the data";
+  const bool gaveWay = log().find("frames give way to the index") != std::string::npos;
+  if (room >= 2000) {
+    EXPECT_EQ(samples.size(), kFit);
+    EXPECT_FALSE(gaveWay);
+  } else {
+    EXPECT_LT(samples.size(), kFit - 6);
+    EXPECT_GT(samples.size(), kFit - 10);
+    EXPECT_TRUE(gaveWay);
+  }
+}
+
+// The index of 40 frames takes well under 2000 bytes.
+INSTANTIATE_TEST_SUITE_P(Disks, MP4FullDiskTest, ::testing::Values(0, 300, 2000, 9000));
 
 // NAL units of an Annex B stream, without their start codes.
 std::vector<Bytes> nalUnits(const std::vector<char>& stream) {
