@@ -296,9 +296,7 @@ void MP4Container::writeAudio(std::span<const std::byte> data, uint32_t time) {
   const uint64_t position = out.tell();
   out.write(data);
   if (!out.ok()) return;
-  // The time of its end, by the bit rate.
-  const uint64_t end = time + uint64_t{8} * data.size() / (bitrate_ / 1000);
-  audio_.push_back({position, static_cast<uint32_t>(data.size()), static_cast<uint32_t>(end)});
+  audio_.push_back({position, static_cast<uint32_t>(data.size()), time});
 }
 
 MP4Container::TrackTables MP4Container::videoTables() const {
@@ -314,18 +312,19 @@ MP4Container::TrackTables MP4Container::audioTables() const {
   TrackTables t;
   uint32_t lastChunkCount = 0;
   chunkTables(audio_, {}, t, lastChunkCount);
-  // The track follows the clock: where sound is missing, one sample lasts
-  // longer, so that the samples after it stay at their times instead of moving
-  // forward.
+  // The track follows the clock: where sound is missing, the sample before
+  // the gap lasts longer, so that the samples after it stay at their times
+  // instead of moving forward. A packet's time is that of its first sound,
+  // to the millisecond and as the encoder saw it, which may run up to a frame
+  // ahead of the count; only a whole frame ahead is a gap. (The end of a
+  // packet by the bit rate is no clock: AAC packets vary in size, and each
+  // large one would stretch a sample for sound that was never missing.)
   const uint64_t f = samplesPerFrame_;
   uint64_t& p = t.audioPosition;
   for (size_t n = 1; n < audio_.size(); ++n) {
     uint64_t next = p + f;
-    if (n > 1) {
-      uint64_t clock = uint64_t{sampleRate_} * audio_[n - 1].time / 1000;
-      clock = std::max(clock, n * f);
-      if (next < clock && next <= 0xFFFFFFFFu) next = clock;
-    }
+    const uint64_t clock = uint64_t{sampleRate_} * audio_[n].time / 1000;
+    if (clock >= next + f && clock <= 0xFFFFFFFFu) next = clock;
     sttsStep(t.stts, static_cast<uint32_t>(next - p));
     p = next;
   }

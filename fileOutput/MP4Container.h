@@ -12,7 +12,7 @@
 namespace kestrium {
 
 // One sample as the tables remember it: where it lies, how long it is and its
-// time in milliseconds (for audio, the time of its end).
+// time in milliseconds.
 struct MP4Sample {
   uint64_t position;
   uint32_t size;

@@ -15,49 +15,14 @@
 
 #include "fileOutput/MP4Container.h"
 #include "platform/File.h"
+#include "tests/fileOutput/Mp4TestSupport.h"
 #include "tests/support/LogFixture.h"
 #include "tests/support/TestSupport.h"
 
 namespace kestrium {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-using Pairs = std::vector<std::pair<uint32_t, uint32_t>>;
-
-// Big-endian fields, joined by cat() into the bytes a box should hold.
-Bytes be(uint64_t v, size_t n) {
-  Bytes b(n);
-  for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(v >> (8 * (n - 1 - i)));
-  return b;
-}
-Bytes u8(uint32_t v) { return be(v, 1); }
-Bytes u16(uint32_t v) { return be(v, 2); }
-Bytes u32(uint32_t v) { return be(v, 4); }
-Bytes u64(uint64_t v) { return be(v, 8); }
-Bytes str(std::string_view s) { return {s.begin(), s.end()}; }
-Bytes zeros(size_t n) { return Bytes(n); }
-Bytes cat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
-// Byte strings compare as hex in groups of four, so that a failure shows where.
-std::string hex(const Bytes& b) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (size_t i = 0; i < b.size(); ++i) {
-    if (i > 0 && i % 4 == 0) out += ' ';
-    out += {kDigits[b[i] >> 4], kDigits[b[i] & 15]};
-  }
-  return out;
-}
-
-uint64_t read(std::span<const uint8_t> d, size_t at, size_t n) {
-  if (at + n > d.size()) throw std::out_of_range("read past the end of a box");
-  uint64_t v = 0;
-  for (size_t i = 0; i < n; ++i) v = v << 8 | d[at + i];
-  return v;
-}
+using namespace mp4test;
 
 constexpr uint32_t kWidth = 160, kHeight = 120, kRate = 30000;  // thousandths of a frame a second
 // In 2042 the seconds since 1904 no longer fit 32 bits: the boxes keep the low bits.
@@ -73,13 +38,6 @@ Bytes payload(size_t size, size_t seed) {
   for (size_t i = 0; i < size; ++i) data[i] = static_cast<uint8_t>(seed * 131 + i * 7);
   return data;
 }
-std::span<const std::byte> asBytes(const Bytes& b) { return std::as_bytes(std::span(b)); }
-Bytes sized(const Bytes& b, size_t width) { return cat({be(b.size(), width), b}); }
-
-// An AVC configuration record as the encoder gives it.
-Bytes avcRecord(const Bytes& sps, const Bytes& pps) {
-  return cat({Bytes{1, 0x64, 0x00, 0x0C, 0xFF, 0xE1}, sized(sps, 2), u8(1), sized(pps, 2)});
-}
 const Bytes kRecord = avcRecord(kSps, kPps);
 // A key frame as it lands in the file: the parameter sets go in front of it.
 Bytes withSets(const Bytes& frame) { return cat({sized(kSps, 4), sized(kPps, 4), frame}); }
@@ -91,117 +49,9 @@ uint16_t memoryOrder(uint8_t first, uint8_t second) {
   return v;
 }
 
-struct Box {
-  std::string code;
-  uint64_t position;  // of its header in the file
-  size_t header;
-  std::span<const uint8_t> body;
-  uint32_t u32(size_t at) const { return static_cast<uint32_t>(read(body, at, 4)); }
-  std::string hex(size_t size = SIZE_MAX) const {
-    return kestrium::hex({body.begin(), body.begin() + static_cast<ptrdiff_t>(std::min(size, body.size()))});
-  }
-};
-
-std::vector<Box> parseBoxes(std::span<const uint8_t> data, uint64_t position) {
-  std::vector<Box> boxes;
-  for (size_t at = 0; at < data.size();) {
-    uint64_t size = read(data, at, 4);
-    const std::string code(reinterpret_cast<const char*>(data.data()) + at + 4, 4);
-    size_t header = 8;
-    if (size == 1) size = read(data, at + 8, 8), header = 16;
-    if (size < header || size > data.size() - at) throw std::runtime_error("box '" + code + "' overruns its parent");
-    boxes.push_back({code, position + at, header, data.subspan(at + header, size - header)});
-    at += size;
-  }
-  return boxes;
-}
-
-std::vector<Box> children(const Box& box) {
-  // The bytes of its own that a box holding boxes has in front of them.
-  static const std::map<std::string, size_t> kSkip = {
-      {"moov", 0}, {"trak", 0},    {"mdia", 0}, {"minf", 0}, {"dinf", 0}, {"stbl", 0},  {"udta", 0},
-      {"ilst", 0}, {"\xA9too", 0}, {"meta", 4}, {"dref", 8}, {"stsd", 8}, {"mp4a", 28}, {"avc1", 78}};
-  const auto skip = kSkip.find(box.code);
-  if (skip == kSkip.end()) throw std::runtime_error("'" + box.code + "' holds no boxes");
-  return parseBoxes(box.body.subspan(skip->second), box.position + box.header + skip->second);
-}
-
-std::vector<std::string> codes(const std::vector<Box>& boxes) {
-  std::vector<std::string> out;
-  for (const Box& b : boxes) out.push_back(b.code);
-  return out;
-}
-
-// A path such as "moov/trak[1]/mdia": [n] picks the n-th box of that code, from 0.
-Box find(std::vector<Box> level, std::string_view path) {
-  const std::string whole(path);
-  for (;;) {
-    const size_t slash = path.find('/');
-    std::string_view step = path.substr(0, slash);
-    size_t index = 0;
-    if (const size_t open = step.find('['); open != std::string_view::npos) {
-      index = std::stoul(std::string(step.substr(open + 1)));
-      step = step.substr(0, open);
-    }
-    const auto found =
-        std::find_if(level.begin(), level.end(), [&](const Box& b) { return b.code == step && index-- == 0; });
-    if (found == level.end()) throw std::runtime_error("no box at " + whole);
-    if (slash == std::string_view::npos) return *found;
-    level = children(*found);
-    path = path.substr(slash + 1);
-  }
-}
-
-struct Mp4 {
-  Bytes data;  // the bytes from base on
-  uint64_t base = 0;
-  std::vector<Box> top = parseBoxes(data, base);
-  Box operator[](std::string_view path) const { return find(top, path); }
-};
-
-// {sample count, delta} of stts; {first chunk, samples per chunk} of stsc.
-Pairs pairsOf(const Box& b) {
-  const size_t entry = b.code == "stsc" ? 12 : 8;
-  Pairs out;
-  for (uint32_t i = 0, n = b.u32(4); i < n; ++i) {
-    out.emplace_back(b.u32(8 + i * entry), b.u32(12 + i * entry));
-    if (entry == 12) {
-      EXPECT_EQ(b.u32(16 + i * entry), 1u) << "sample description index";
-    }
-  }
-  return out;
-}
-std::vector<uint32_t> numbersOf(const Box& b, size_t countAt) {
-  std::vector<uint32_t> out;
-  for (uint32_t i = 0, n = b.u32(countAt); i < n; ++i) out.push_back(b.u32(countAt + 4 + 4 * i));
-  return out;
-}
-std::vector<uint64_t> chunkOffsets(const Box& stbl) {
-  const std::vector<std::string> names = codes(children(stbl));
-  const bool wide = std::find(names.begin(), names.end(), "co64") != names.end();
-  const Box table = find(children(stbl), wide ? "co64" : "stco");
-  const size_t width = wide ? 8 : 4;
-  std::vector<uint64_t> out;
-  for (uint32_t i = 0, n = table.u32(4); i < n; ++i) out.push_back(read(table.body, 8 + i * width, width));
-  return out;
-}
-
-// Every sample's bytes, found the way a player finds them.
 std::vector<std::string> samplesOf(const Mp4& f, const Box& stbl) {
-  const Pairs stsc = pairsOf(find(children(stbl), "stsc"));
-  const std::vector<uint32_t> sizes = numbersOf(find(children(stbl), "stsz"), 8);
-  const std::vector<uint64_t> offsets = chunkOffsets(stbl);
   std::vector<std::string> out;
-  for (size_t chunk = 0, e = 0; chunk < offsets.size(); ++chunk) {
-    while (e + 1 < stsc.size() && stsc[e + 1].first <= chunk + 1) ++e;
-    for (uint64_t i = 0, at = offsets[chunk] - f.base; i < stsc.at(e).second && out.size() < sizes.size(); ++i) {
-      const uint32_t size = sizes[out.size()];
-      if (at + size > f.data.size()) throw std::out_of_range("a sample past the end of the file");
-      const auto from = f.data.begin() + static_cast<ptrdiff_t>(at);
-      out.push_back(hex({from, from + size}));
-      at += size;
-    }
-  }
+  for (std::span<const uint8_t> s : sampleBytes(f, stbl)) out.push_back(hex({s.begin(), s.end()}));
   return out;
 }
 
@@ -471,21 +321,21 @@ INSTANTIATE_TEST_SUITE_P(
                   {1},
                   {{{5, 1024}}, {{1, 2}, {2, 3}, {3, 1}}, 3},
                   5120},
-        // The clock counts from time 0, and first from the third sample on.
+        // The first sample plays at once; the one behind it is placed at its time.
         TableCase{"AudioStartsLate",
                   "K0 A100 A121 A142",
                   {{}, {{1, 1}}, 1},
                   {1},
-                  {{{1, 1024}, {2, 5744}}, {{1, 3}}, 1},
-                  6768},
-        // 137 ms without sound: the first sample after the gap stretches to
-        // meet the clock, so that those after it keep their times.
+                  {{{1, 5808}, {2, 1024}}, {{1, 3}}, 1},
+                  6832},
+        // 157 ms without sound: the sample before the gap stretches, so that
+        // those after it keep their times. A packet up to a frame late is no gap.
         TableCase{"AudioGap",
                   "K0 A0 A21 A43 A200 A221 A243",
                   {{}, {{1, 1}}, 1},
                   {1},
-                  {{{3, 1024}, {1, 7488}, {2, 1024}}, {{1, 6}}, 1},
-                  11584}),
+                  {{{2, 1024}, {1, 7552}, {3, 1024}}, {{1, 6}}, 1},
+                  11648}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // One track has a chunk behind 4 GiB of the other's samples and needs 64-bit
@@ -594,47 +444,15 @@ TEST_P(MP4FullDiskTest, FileKeepsWholeFramesAndItsIndex) {
 // The index of 40 frames takes well under 2000 bytes.
 INSTANTIATE_TEST_SUITE_P(Disks, MP4FullDiskTest, ::testing::Values(0, 300, 2000, 9000));
 
-// NAL units of an Annex B stream, without their start codes.
-std::vector<Bytes> nalUnits(const std::vector<char>& stream) {
-  const auto* p = reinterpret_cast<const uint8_t*>(stream.data());
-  std::vector<Bytes> units;
-  std::optional<size_t> start;
-  for (size_t i = 0; i + 3 <= stream.size(); ++i) {
-    if (p[i] != 0 || p[i + 1] != 0 || p[i + 2] != 1) continue;
-    if (start) units.emplace_back(p + *start, p + i - (p[i - 1] == 0 ? 1 : 0));
-    start = i + 3;
-  }
-  if (start) units.emplace_back(p + *start, p + stream.size());
-  return units;
-}
-
 TEST(MP4ContainerTest, FfmpegDecodesARealRecording) {
   if (std::string(KESTRIUM_FFMPEG).empty() || std::string(KESTRIUM_FFPROBE).empty()) GTEST_SKIP() << "no ffmpeg";
   const test::TempFolder folder;
-  const auto h264 = folder.path() / "source.h264", path = folder.path() / "test.mp4";
+  const auto path = folder.path() / "test.mp4";
   std::string out;
-  // No B-frames: the file has no composition offsets. Key frames every 15.
-  ASSERT_EQ(test::runTool(KESTRIUM_FFMPEG,
-                          {"-v",  "error", "-f",         "lavfi",   "-i",     "testsrc2=size=160x120:rate=30",
-                           "-t",  "2",     "-pix_fmt",   "yuv420p", "-c:v",   "libx264",
-                           "-bf", "0",     "-g",         "15",      "-bsf:v", "h264_mp4toannexb",
-                           "-f",  "h264",  h264.string()},
-                          out),
-            0)
-      << out;
-
-  // Each frame's slices as length-prefixed units; SPS, PPS and SEI stay out.
-  Bytes sps, pps;
-  std::vector<std::pair<Bytes, bool>> frames;
-  for (const Bytes& nal : nalUnits(test::readBytes(h264))) {
-    const int type = nal.at(0) & 0x1F;
-    if (type == 7 && sps.empty()) sps = nal;
-    if (type == 8 && pps.empty()) pps = nal;
-    if (type != 1 && type != 5) continue;
-    if ((nal.at(1) & 0x80) != 0 || frames.empty()) frames.emplace_back();  // first_mb_in_slice 0: a new frame
-    frames.back().first = cat({frames.back().first, sized(nal, 4)});
-    frames.back().second |= type == 5;
-  }
+  // Two seconds, key frames every 15.
+  H264 h264;
+  ASSERT_NO_FATAL_FAILURE(makeH264(folder.path(), 60, 15, h264));
+  const auto& frames = h264.frames;
   ASSERT_EQ(frames.size(), 60u);
   ASSERT_GT(std::count_if(frames.begin(), frames.end(), [](const auto& f) { return f.second; }), 1);
   {
@@ -642,7 +460,7 @@ TEST(MP4ContainerTest, FfmpegDecodesARealRecording) {
     platform::File file;
     ASSERT_TRUE(file.open(path, platform::File::Mode::CreateAlways));
     ASSERT_EQ(mp4.open(std::move(file)), 1);
-    ASSERT_TRUE(mp4.setVideoTrack(160, 120, 30000, asBytes(avcRecord(sps, pps))));
+    ASSERT_TRUE(mp4.setVideoTrack(160, 120, 30000, asBytes(h264.record())));
     for (size_t i = 0; i < frames.size(); ++i) {
       mp4.addSample(0, static_cast<uint32_t>(i * 1000 / 30), asBytes(frames[i].first), frames[i].second);
     }
