@@ -152,6 +152,35 @@ void dataReference(BoxWriter& box) {
   box.close();
 }
 
+void trackHeader(BoxWriter& box, uint32_t created, uint32_t id, uint32_t duration, uint16_t volume, uint32_t width,
+                 uint32_t height) {
+  box.openFull("tkhd", 7);  // enabled, in the movie, in the preview
+  box.out.wb32(created);
+  box.out.wb32(created);
+  box.out.wb32(id);
+  box.out.wb32(0);
+  box.out.wb32(duration);
+  box.out.zeros(8);
+  box.out.wb16(0);  // layer
+  box.out.wb16(0);  // alternate group
+  box.out.wb16(volume);
+  box.out.wb16(0);
+  box.matrix();
+  box.out.wb32(width << 16);
+  box.out.wb32(height << 16);
+  box.close();
+}
+
+void mediaHeader(BoxWriter& box, uint32_t created, uint32_t timescale, uint32_t duration, uint32_t language) {
+  box.openFull("mdhd", 0);
+  box.out.wb32(created);
+  box.out.wb32(created);
+  box.out.wb32(timescale);
+  box.out.wb32(duration);
+  box.out.wb32(language);
+  box.close();
+}
+
 void handler(BoxWriter& box, std::string_view type, std::string_view name) {
   box.openFull("hdlr", 0);
   box.out.wb32(0);
@@ -361,29 +390,10 @@ std::vector<std::byte> MP4Container::buildMoov(uint64_t secondsSince1970) const 
 
   if (withAudio) {
     box.open("trak");
-    box.openFull("tkhd", 7);
-    out.wb32(created);
-    out.wb32(created);
-    out.wb32(1);
-    out.wb32(0);
-    out.wb32(lastRelativeTime_);
-    out.zeros(8);
-    out.wb16(0);
-    out.wb16(0);
-    out.wb16(0x0100);
-    out.wb16(0);
-    box.matrix();
-    out.wb32(0);
-    out.wb32(0);
-    box.close();
+    trackHeader(box, created, 1, lastRelativeTime_, 0x0100, 0, 0);
     box.open("mdia");
-    box.openFull("mdhd", 0);
-    out.wb32(created);
-    out.wb32(created);
-    out.wb32(sampleRate_);
-    out.wb32(static_cast<uint32_t>(audio.audioPosition));
-    out.wb32(mp3_ ? kLanguageUnd : kLanguageEng);
-    box.close();
+    mediaHeader(box, created, sampleRate_, static_cast<uint32_t>(audio.audioPosition),
+                mp3_ ? kLanguageUnd : kLanguageEng);
     handler(box, "soun", "Audio track");
     box.open("minf");
     box.openFull("smhd", 0);
@@ -441,29 +451,9 @@ std::vector<std::byte> MP4Container::buildMoov(uint64_t secondsSince1970) const 
   }
 
   box.open("trak");
-  box.openFull("tkhd", 7);
-  out.wb32(created);
-  out.wb32(created);
-  out.wb32(2);
-  out.wb32(0);
-  out.wb32(duration);
-  out.zeros(8);
-  out.wb16(0);
-  out.wb16(0);
-  out.wb16(0);
-  out.wb16(0);
-  box.matrix();
-  out.wb32(width_ << 16);
-  out.wb32(height_ << 16);
-  box.close();
+  trackHeader(box, created, 2, duration, 0, width_, height_);
   box.open("mdia");
-  box.openFull("mdhd", 0);
-  out.wb32(created);
-  out.wb32(created);
-  out.wb32(1000);
-  out.wb32(duration);
-  out.wb32(kLanguageUnd);
-  box.close();
+  mediaHeader(box, created, 1000, duration, kLanguageUnd);
   handler(box, "vide", "Video track");
   box.open("minf");
   box.openFull("vmhd", 1);
