@@ -11,12 +11,11 @@ namespace {
 constexpr uint64_t kUnitsPerMs = 100000;  // the clock of a block runs in 10 ns units
 }
 
-AudioEncoder::AudioEncoder(int32_t sourceRate, int32_t highestRate, int32_t bitrate, int32_t channels, Stamps stamps)
+AudioEncoder::AudioEncoder(int32_t sourceRate, int32_t highestRate, int32_t bitrate, int32_t channels)
     : sourceRate_(sourceRate),
       engineRate_(std::min(sourceRate, highestRate)),
       bitrate_(bitrate),
-      channels_(channels),
-      stamps_(stamps) {}
+      channels_(channels) {}
 
 void AudioEncoder::finishSetup(int32_t frameSamples, WaveFormat format) {
   if (engineRate_ != sourceRate_) {
@@ -55,6 +54,19 @@ int32_t AudioEncoder::Encode(const void* pcm, uint32_t bytes, uint32_t timeMs) {
   if (engineRate_ != sourceRate_) input = resample(input);
 
   uint64_t clock = uint64_t{timeMs} * kUnitsPerMs;
+  const bool counted = stampsByCount();
+  if (counted && !input.empty()) {
+    blocks_.push_back({received_, timeMs});
+    received_ += input.size() / channels;
+  }
+  // The time of the sound the next packet starts with, by its place in the
+  // blocks it came in.
+  auto countedStamp = [&]() -> uint32_t {
+    const uint64_t s = emitted_++ * static_cast<uint64_t>(frameSamples_);
+    while (blocks_.size() > 1 && blocks_[1].start <= s) blocks_.pop_front();
+    const Block& b = blocks_.front();
+    return b.timeMs + static_cast<uint32_t>((s - std::min(s, b.start)) * 1000 / static_cast<uint64_t>(engineRate_));
+  };
   while (!input.empty()) {
     const size_t take = std::min(frameBuffer_.size() - frameFill_, input.size());
     std::copy_n(input.begin(), take, frameBuffer_.begin() + static_cast<std::ptrdiff_t>(frameFill_));
@@ -64,10 +76,11 @@ int32_t AudioEncoder::Encode(const void* pcm, uint32_t bytes, uint32_t timeMs) {
     if (frameFill_ < frameBuffer_.size()) break;
     frameFill_ = 0;
     if (!EncodeFrame(frameBuffer_, outBuffer_)) continue;
-    if (outBuffer_.empty()) continue;
-    const uint32_t stamp = stamps_ == Stamps::Running ? static_cast<uint32_t>(clock / kUnitsPerMs) : timeMs;
-    packets_.push_back({std::vector<std::byte>(outBuffer_.begin(), outBuffer_.end()), stamp});
-    clock += frameDuration_;
+    for (bool more = !outBuffer_.empty(); more; more = NextPacket(outBuffer_)) {
+      const uint32_t stamp = counted ? countedStamp() : static_cast<uint32_t>(clock / kUnitsPerMs);
+      packets_.push_back({std::vector<std::byte>(outBuffer_.begin(), outBuffer_.end()), stamp});
+      clock += frameDuration_;
+    }
   }
   return 1;
 }

@@ -20,12 +20,9 @@ class AudioEncoder : public IAudioEncoder {
   int32_t engineRate() const { return engineRate_; }
 
  protected:
-  // How packets are stamped: running on from the block's time by one frame's
-  // length for each frame already made from the block (AAC), or all with the
-  // block's time (MP3).
-  enum class Stamps { Running, BlockTime };
-
-  AudioEncoder(int32_t sourceRate, int32_t highestRate, int32_t bitrate, int32_t channels, Stamps stamps);
+  // Packets are stamped running on from the block's time by one frame's length
+  // for each packet already made from the block, or by count.
+  AudioEncoder(int32_t sourceRate, int32_t highestRate, int32_t bitrate, int32_t channels);
 
   // Called by the codec's constructor once its engine is open (or not), with
   // the engine's frame length. Logs the resampling and sizes the buffers.
@@ -35,6 +32,13 @@ class AudioEncoder : public IAudioEncoder {
   // false when the engine cannot take it. out may stay empty: the engine is
   // still holding the sound back.
   virtual bool EncodeFrame(std::span<const int16_t> frame, std::vector<std::byte>& out) = 0;
+  // A further packet the last frame of sound completed, into out; false when
+  // there is none. An engine that holds sound back can finish two at once.
+  virtual bool NextPacket(std::vector<std::byte>& /*out*/) { return false; }
+  // True for an engine whose packets do not keep step with the frames it is
+  // given (it holds sound back, then hands out several): its packets are
+  // stamped by where the n-th frame of sound stood in the blocks it came in.
+  virtual bool stampsByCount() const { return false; }
   virtual bool engineOpen() const = 0;
 
   const int32_t sourceRate_;
@@ -50,7 +54,6 @@ class AudioEncoder : public IAudioEncoder {
 
   std::span<const int16_t> resample(std::span<const int16_t> input);
 
-  const Stamps stamps_;
   WaveFormat format_;
   int32_t frameSamples_ = 0;
   uint64_t frameDuration_ = 0;  // one frame in units of 10 ns, at the source rate
@@ -59,6 +62,15 @@ class AudioEncoder : public IAudioEncoder {
   std::vector<int16_t> resampleBuffer_;
   std::vector<std::byte> outBuffer_;
   std::deque<AudioPacket> packets_;
+  // For stamps by count: the blocks that may still hold a packet's first
+  // sound, by their first frame at the engine's rate.
+  struct Block {
+    uint64_t start;
+    uint32_t timeMs;
+  };
+  std::deque<Block> blocks_;
+  uint64_t received_ = 0;  // frames of sound taken at the engine's rate
+  uint64_t emitted_ = 0;   // packets made
 };
 
 }  // namespace kestrium

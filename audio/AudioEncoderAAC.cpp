@@ -57,7 +57,7 @@ void AudioEncoderAAC::FrameFree::operator()(AVFrame* f) const { av_frame_free(&f
 void AudioEncoderAAC::PacketFree::operator()(AVPacket* p) const { av_packet_free(&p); }
 
 AudioEncoderAAC::AudioEncoderAAC(int32_t sourceRate, int32_t bitrate, int32_t channels, uint32_t channelMask)
-    : AudioEncoder(sourceRate, kHighestRate, bitrate, channels, Stamps::Running) {
+    : AudioEncoder(sourceRate, kHighestRate, bitrate, channels) {
   static std::once_flag logRouted;
   std::call_once(logRouted, [] { av_log_set_callback(logFromLibav); });
   if (!open()) {

@@ -38,12 +38,29 @@ WaveFormat mp3Format(int32_t channels, int32_t sourceRate, int32_t bitrate, int3
   return f;
 }
 
+// The length of the MPEG audio layer III frame whose header starts data, or 0
+// where no whole header of one stands.
+size_t frameLength(std::span<const std::byte> data) {
+  static constexpr uint16_t kMpeg1Kbps[16] = {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 0};
+  static constexpr uint16_t kMpeg2Kbps[16] = {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160, 0};
+  static constexpr uint32_t kRates[4][3] = {{11025, 12000, 8000}, {0, 0, 0}, {22050, 24000, 16000}, {44100, 48000, 32000}};
+  if (data.size() < 4) return 0;
+  const auto b1 = std::to_integer<uint32_t>(data[1]), b2 = std::to_integer<uint32_t>(data[2]);
+  if (std::to_integer<uint32_t>(data[0]) != 0xFF || (b1 & 0xE0) != 0xE0 || ((b1 >> 1) & 3) != 1) return 0;
+  const uint32_t version = (b1 >> 3) & 3, rateIndex = (b2 >> 2) & 3;
+  if (version == 1 || rateIndex == 3) return 0;
+  const uint32_t kbps = version == 3 ? kMpeg1Kbps[b2 >> 4] : kMpeg2Kbps[b2 >> 4];
+  if (kbps == 0) return 0;
+  const uint32_t perFrame = version == 3 ? 144000 : 72000;
+  return perFrame * kbps / kRates[version][rateIndex] + ((b2 >> 1) & 1);
+}
+
 }  // namespace
 
 void AudioEncoderMP3::LameClose::operator()(lame_global_struct* flags) const { lame_close(flags); }
 
 AudioEncoderMP3::AudioEncoderMP3(int32_t sourceRate, int32_t bitrate, int32_t channels, uint32_t channelMask)
-    : AudioEncoder(sourceRate, kHighestRate, bitrate, channels, Stamps::BlockTime) {
+    : AudioEncoder(sourceRate, kHighestRate, bitrate, channels) {
   if (!open()) {
     lame_.reset();
     logLine(u"[Error]   Error initializing MP3 %d %d %d %02X\n", sourceRate, bitrate, channels, channelMask);
@@ -92,7 +109,21 @@ bool AudioEncoderMP3::EncodeFrame(std::span<const int16_t> frame, std::vector<st
     out.clear();
     return false;
   }
-  out.resize(static_cast<size_t>(made));
+  pending_.insert(pending_.end(), out.begin(), out.begin() + made);
+  if (!NextPacket(out)) out.clear();
+  return true;
+}
+
+bool AudioEncoderMP3::NextPacket(std::vector<std::byte>& out) {
+  // LAME starts each of its outputs on a frame header; a byte that is none
+  // would only come of a fault, and is passed over to the next header.
+  size_t skip = 0;
+  while (skip + 4 <= pending_.size() && frameLength(std::span(pending_).subspan(skip)) == 0) ++skip;
+  pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(skip));
+  const size_t length = frameLength(pending_);
+  if (length == 0 || pending_.size() < length) return false;
+  out.assign(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(length));
+  pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(length));
   return true;
 }
 

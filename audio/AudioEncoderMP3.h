@@ -8,9 +8,10 @@ struct lame_global_struct;
 
 namespace kestrium {
 
-// MPEG layer 3 on LAME: frames of 1152 samples at 32 kHz and up, 576 below,
-// each packet the bytes LAME gave for one frame of sound (it holds some back,
-// so a packet may carry parts of several frames).
+// MPEG layer 3 on LAME: frames of 1152 samples at 32 kHz and up, 576 below.
+// LAME gives its bytes as it likes, holding some back; they are cut here into
+// whole MPEG frames, one a packet, as a container that indexes each frame
+// needs them.
 class AudioEncoderMP3 : public AudioEncoder {
  public:
   static constexpr int32_t kHighestRate = 48000;
@@ -20,6 +21,8 @@ class AudioEncoderMP3 : public AudioEncoder {
 
  protected:
   bool EncodeFrame(std::span<const int16_t> frame, std::vector<std::byte>& out) override;
+  bool NextPacket(std::vector<std::byte>& out) override;
+  bool stampsByCount() const override { return true; }
   bool engineOpen() const override { return lame_ != nullptr; }
 
  private:
@@ -31,6 +34,7 @@ class AudioEncoderMP3 : public AudioEncoder {
 
   std::unique_ptr<lame_global_struct, LameClose> lame_;
   std::vector<int16_t> left_, right_;
+  std::vector<std::byte> pending_;  // LAME's bytes not yet a whole frame
 };
 
 }  // namespace kestrium

@@ -33,7 +33,7 @@ struct RecordOptions {
   std::filesystem::path dir = "recordings";
   std::u16string base = u"kestrium.exe";
   std::u16string encoder = u"fast";
-  bool mp4 = false;
+  std::optional<bool> mp4;  // unset: MP4 for H.264 encoders, AVI for the others
   uint32_t width = 1280;
   uint32_t height = 720;
   double fps = 30.0;
@@ -211,6 +211,8 @@ std::string parse(const std::vector<std::u16string>& args, RecordOptions& o) {
     if (!problem.empty()) return problem;
   }
   if (o.width == 0 || o.height == 0) return "--size must not be 0";
+  // H.264 is what MP4 is made for; every other encoder records into AVI.
+  if (!o.mp4) o.mp4 = o.encoder.rfind(u"h264", 0) == 0;
   // The server makes encoded side tracks whenever the sound is encoded: the
   // kind follows from --aac, and the option only states it.
   if (o.sideTrackKind == u"mp3" && o.aacKbps == 0) return "--side-tracks mp3 needs --aac KBPS";
@@ -233,7 +235,7 @@ std::unique_ptr<CommandBlock> startBlock(const RecordOptions& o, const std::file
   setWireString(p.destinationFolder, destination.u16string());
   setWireString(p.baseName, o.base);
   setWireString(p.encoder, o.encoder);
-  p.container = o.mp4 ? 1 : 0;
+  p.container = *o.mp4 ? 1 : 0;
   p.width = o.width;
   p.height = o.height;
   p.frameRate = static_cast<uint32_t>(std::llround(o.fps * 1000.0));
@@ -397,7 +399,7 @@ class Session {
   }
 
   void give(uint32_t number) {
-    const bool timedMs = o_.mp4 || o_.encoder.rfind(u"h264", 0) == 0;
+    const bool timedMs = *o_.mp4 || o_.encoder.rfind(u"h264", 0) == 0;
     source_.fill(number, {objects_.sourceBuffer.view(), size_t{o_.width} * o_.height * 3}, layout_);
     common_->sourceSize = o_.width * o_.height * 3;
     common_->sourceTimed = timedMs ? 1 : 0;

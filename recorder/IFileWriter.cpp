@@ -1,5 +1,6 @@
 #include "recorder/IFileWriter.h"
 
+#include <algorithm>
 #include <cstring>
 #include <system_error>
 
@@ -209,7 +210,25 @@ void IFileWriter::popOldest() {
 }
 
 void IFileWriter::skipToKey() {
-  while (!list_.empty() && !(list_.front().track == 0 && list_.front().key != 0)) popOldest();
+  auto isKey = [](const PrerecordEntry& e) { return e.track == 0 && e.key != 0; };
+  const auto key = std::find_if(list_.begin(), list_.end(), isKey);
+  const bool haveKey = key != list_.end();
+  const uint32_t keyPosition = haveKey ? key->position : 0;
+  // Timed sound can reach the list before the frame of its time, which the
+  // encoder still held: what is stamped at or after the key frame belongs to
+  // the file, right behind the key frame. Untimed sound has its place by order
+  // alone and goes.
+  std::vector<PrerecordEntry> kept;
+  while (!list_.empty() && !isKey(list_.front())) {
+    PrerecordEntry& front = list_.front();
+    if (haveKey && front.track != 0 && front.timed != 0 && front.position >= keyPosition) {
+      kept.push_back(std::move(front));
+    }
+    popOldest();
+  }
+  if (!list_.empty()) {
+    list_.insert(list_.begin() + 1, std::make_move_iterator(kept.begin()), std::make_move_iterator(kept.end()));
+  }
 }
 
 void IFileWriter::finish(bool deleteFiles) {

@@ -230,9 +230,21 @@ std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
   IVidEncoder& video = *recorder->encoder;
   if (!captureObjectsUsable(name, video.EncodedCapacity())) return fail(std::move(recorder));
 
+  if (params.container != 0 && video.HasBitmapFormat() != 0) {
+    logLine(u"[Error]   *** CAP *** An MP4 file holds H.264 video: the encoder %s makes none\n", encoderName);
+    return fail(std::move(recorder));
+  }
+
   uint16_t audioConfiguration = 0;
   int32_t audioEncoderValue = 0;
   recorder->audio = makeAudio(params, audioConfiguration, audioEncoderValue);
+  // An MP4 audio track places each packet by the bit rate of its codec; PCM has
+  // none. In side tracks PCM goes to WAV files and the MP4 holds no sound.
+  if (params.container != 0 && params.sideTracks == 0 && recorder->audio && audioEncoderValue == 0) {
+    logLine(u"[Error]   *** CAP *** An MP4 file holds AAC or MP3 sound: give the sound a bit rate, or record it "
+            u"in side tracks\n");
+    return fail(std::move(recorder));
+  }
 
   std::unique_ptr<IFileWriter> writer = IFileWriter::Create(params.sideTracks != 0, params.prerecordLimit,
                                                             params.container != 0 ? u"MP4" : u"AVI", *destination);

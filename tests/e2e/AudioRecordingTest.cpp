@@ -8,6 +8,7 @@
 #include <complex>
 #include <fstream>
 #include <numbers>
+#include <sstream>
 #include <thread>
 
 #include "tests/audio/SoundServer.h"
@@ -338,6 +339,138 @@ TEST_F(AudioRecordingTest, UnpluggedDeviceLeavesTheRestWhole) {
   const Track mic = decode(avi, 1);
   EXPECT_NEAR(mic.seconds(), video, 0.3);
   EXPECT_NEAR(mic.toneDb(0, 440), kPlayedDb, 0.5);
+}
+
+// The top-level boxes of an MP4 file, in order: their codes and sizes.
+std::vector<std::pair<std::string, uint64_t>> topLevelBoxes(const std::filesystem::path& file) {
+  const std::vector<char> bytes = readBytes(file);
+  std::vector<std::pair<std::string, uint64_t>> boxes;
+  auto b = [&](size_t at) { return uint64_t(static_cast<unsigned char>(bytes[at])); };
+  for (size_t at = 0; at + 8 <= bytes.size();) {
+    uint64_t size = b(at) << 24 | b(at + 1) << 16 | b(at + 2) << 8 | b(at + 3);
+    if (size == 1 && at + 16 <= bytes.size()) {
+      size = 0;
+      for (size_t i = 8; i < 16; ++i) size = size << 8 | b(at + i);
+    }
+    boxes.emplace_back(std::string(&bytes[at + 4], 4), size);
+    if (size < 8) break;
+    at += size;
+  }
+  return boxes;
+}
+
+struct Mp4Case {
+  const char* name;
+  std::vector<std::string> extra;
+  double seconds;  // what the file holds
+};
+class Mp4RecordingTest : public AudioRecordingTest, public ::testing::WithParamInterface<Mp4Case> {};
+INSTANTIATE_TEST_SUITE_P(
+    Ways, Mp4RecordingTest,
+    ::testing::Values(Mp4Case{"Plain", {"--seconds", "30"}, 30.0},
+                      // The press comes 6 s in, with up to 4 s kept from before it.
+                      Mp4Case{"Prerecorded", {"--seconds", "9", "--prerecord", "4", "--begin-after", "6"}, 7.0},
+                      Mp4Case{"Paused", {"--seconds", "6", "--pause-at", "2", "--resume-at", "3.5"}, 6.0}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// H.264 from "h264.x264" and AAC into MP4, the way users share recordings:
+// readers we did not write find both tracks with their lengths, decode every
+// frame, and hear the tone at its level. The file starts with a key frame at
+// time 0, holds a key frame each second, and has its index behind the data.
+// The video's last sample has no time of its own in the tables, so readers
+// count one frame fewer than the encoder delivered.
+TEST_P(Mp4RecordingTest, HoldsH264AndAacThatPlayFromTheStart) {
+#if !KESTRIUM_WITH_X264
+  GTEST_SKIP() << "this build has no libx264";
+#endif
+  const Mp4Case& c = GetParam();
+  sound_.play("game", 2, 1000, c.seconds + 30.0);
+  std::vector<std::string> args = {"record", "--dir", dir().string(), "--encoder", "h264.x264", "--size", "1280x720",
+                                   "--fps", "30", "--bitrate", "2000", "--audio", "Game Audio", "--aac", "160"};
+  args.insert(args.end(), c.extra.begin(), c.extra.end());
+  ASSERT_EQ(harness.client(args), 0) << harness.clientOutput << harness.log();
+  const auto mp4 = onlyFile(".mp4");
+  ASSERT_FALSE(mp4.empty());
+  EXPECT_NE(harness.log().find("  *** MP4 *** MP4 file: " + mp4.string() + "\r\n"), std::string::npos);
+
+  const auto boxes = topLevelBoxes(mp4);
+  ASSERT_EQ(boxes.size(), 4u);
+  EXPECT_EQ(boxes[0].first + boxes[1].first + boxes[2].first + boxes[3].first, "ftypfreemdatmoov");
+  EXPECT_EQ(boxes[0].second + boxes[1].second + boxes[2].second + boxes[3].second, std::filesystem::file_size(mp4));
+  EXPECT_EQ(probeStreams(mp4), "aac|audio|48000|2\nh264|video\n");
+  // Readers measure an MP4 track's rate from its bytes and length.
+  EXPECT_NEAR(bitrateOf(mp4, 0), 160000, 8000);
+
+  std::string out;
+  ASSERT_EQ(runTool(KESTRIUM_FFPROBE,
+                    {"-v", "error", "-select_streams", "v:0", "-show_entries", "packet=pts_time,flags", "-of",
+                     "csv=p=0", mp4.string()},
+                    out),
+            0)
+      << out;
+  std::istringstream lines(out);
+  std::vector<double> times;
+  for (std::string line; std::getline(lines, line);) {
+    const bool key = line.find('K') != std::string::npos;
+    EXPECT_EQ(key, times.size() % 30 == 0) << "packet " << times.size() << ": " << line;
+    times.push_back(std::stod(line));
+  }
+  ASSERT_FALSE(times.empty());
+  EXPECT_EQ(times.front(), 0.0) << "the file plays from its first frame";
+  const double frames = double(times.size());
+  EXPECT_NEAR(frames / kFps, c.seconds, 1.0);
+  if (c.extra.size() == 2) {
+    // All the encoder delivered is in the file.
+    EXPECT_EQ(times.size(), uint64_t(framesEncoded(harness.log(), "capture"))) << harness.log();
+  }
+
+  ASSERT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", mp4.string(), "-map", "0:v", "-f", "framecrc", "-"}, out),
+            0);
+  size_t decoded = 0;
+  std::istringstream crcs(out);
+  for (std::string line; std::getline(crcs, line);) decoded += !line.empty() && line[0] != '#';
+  EXPECT_EQ(decoded, times.size());
+  EXPECT_EQ(out.find("rror"), std::string::npos) << out;
+
+  std::string durations;
+  runTool(KESTRIUM_FFPROBE,
+          {"-v", "error", "-show_entries", "stream=duration", "-of", "csv=p=0", mp4.string()}, durations);
+  std::istringstream d(durations);
+  double audioDuration = 0, videoDuration = 0;
+  d >> audioDuration >> videoDuration;
+  EXPECT_NEAR(videoDuration, frames / kFps, 1.0 / kFps + 1e-3) << durations;
+  const Track sound = decode(mp4, 0);
+  // The track's time in the tables is the sound it holds, to one AAC frame.
+  EXPECT_NEAR(audioDuration, sound.seconds(), 1024.0 / 48000 + 1e-3) << durations;
+  EXPECT_NEAR(sound.seconds(), videoDuration, 0.3);
+  for (uint32_t ch = 0; ch < 2; ++ch) EXPECT_NEAR(sound.toneDb(ch, 1000), kPlayedDb, 1.0) << "channel " << ch;
+}
+
+// An MP4 audio track needs a codec with a bit rate: PCM is refused at the
+// start with a reason, unless it goes to side tracks, where the MP4 keeps the
+// video and WAV files beside it keep the sound.
+TEST_F(AudioRecordingTest, Mp4TakesPcmOnlyInSideTracks) {
+#if !KESTRIUM_WITH_X264
+  GTEST_SKIP() << "this build has no libx264";
+#endif
+  sound_.play("game", 2, 1000, 12.0);
+  const std::vector<std::string> args = {"record", "--dir", dir().string(), "--encoder", "h264.x264", "--size",
+                                         "320x180", "--fps", "30", "--seconds", "2", "--audio", "Game Audio"};
+  EXPECT_EQ(harness.client(args), 4) << harness.clientOutput;
+  EXPECT_NE(harness.log().find("[Error]   *** CAP *** An MP4 file holds AAC or MP3 sound: give the sound a bit rate, "
+                               "or record it in side tracks\r\n"),
+            std::string::npos)
+      << harness.log();
+
+  auto sideTracks = args;
+  sideTracks.insert(sideTracks.end(), {"--side-tracks", "wav"});
+  ASSERT_EQ(harness.client(sideTracks), 0) << harness.clientOutput << harness.log();
+  const auto mp4 = onlyFile(".mp4");
+  EXPECT_EQ(probeStreams(mp4), "h264|video\n");
+  const auto wavs = filesWith(".wav");
+  ASSERT_EQ(wavs.size(), 1u);
+  EXPECT_EQ(wavs[0].filename(), mp4.stem().string() + ".0.0.wav");
+  EXPECT_NEAR(decode(wavs[0], 0).toneDb(0, 1000), kPlayedDb, 0.5);
 }
 
 }  // namespace

@@ -307,6 +307,35 @@ TEST_F(CaptureFaultTest, FullDiskEndsOneCaptureAndTheOtherRecordsWhole) {
   }
 }
 
+// A full disk under an MP4 recording: the file keeps the frames that reached
+// the disk whole, and its index still goes in behind them (the last frames give
+// way to it where nothing else would make room), so it plays.
+TEST_F(CaptureFaultTest, FullDiskLeavesAnMp4ThatPlays) {
+#if !KESTRIUM_WITH_X264
+  GTEST_SKIP() << "this build has no libx264";
+#endif
+  const auto small = harness.folder() / "small";
+  std::filesystem::create_directories(small);
+  SmallVolume volume(small, 2 << 20);
+  if (!volume.mounted()) GTEST_SKIP() << volume.why();
+
+  Background full = startRecording("full", {"--frames", "150", "--fps", "30", "--encoder", "h264.x264", "--size",
+                                            "1280x720", "--bitrate", "20000", "--dir", (small / "rec").string()});
+  EXPECT_EQ(full.finish(), 5) << "the client sees its capture end: " << full.text();
+  const std::string log = harness.log();
+  EXPECT_NE(log.find("*** MP4 *** Writing the file failed (error "), std::string::npos) << log;
+  EXPECT_EQ(log.find("The index could not be written"), std::string::npos) << log;
+  const auto files = filesIn(full.text());
+  ASSERT_EQ(files.size(), 1u) << full.text();
+  if (!haveTools()) return;
+  const Probe probe = probeVideo(files[0]);
+  EXPECT_GT(probe.packets, 10) << probe.text;
+  EXPECT_LT(probe.packets, 150) << probe.text;
+  std::string out;
+  EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", files[0].string(), "-f", "null", "-"}, out), 0);
+  EXPECT_EQ(out, "") << "every frame kept decodes";
+}
+
 // A program that made the command block first, too small, leaves the server
 // without a channel to read, never one that reads past the block.
 TEST(CommandChannelFaultTest, CommandBlockTooSmallIsNeverRead) {
