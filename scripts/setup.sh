@@ -6,11 +6,13 @@ set -euo pipefail
 packages=(
   # native build and the libraries the product uses
   build-essential cmake ninja-build pkg-config libjpeg62-turbo-dev libpulse-dev libx264-dev
-  libavcodec-dev libmp3lame-dev
+  libavcodec-dev libmp3lame-dev librtmp-dev
   # tests and benchmarks, and the independent readers that check our files
   googletest libgtest-dev libgmock-dev libbenchmark-dev ffmpeg sox libsox-fmt-mp3
   # a real sound server for the audio tests: a PulseAudio daemon with null sinks
   pulseaudio pulseaudio-utils
+  # a real RTMP server for the broadcast tests: nginx with its RTMP module
+  nginx-light libnginx-mod-rtmp
   # the Windows builds and running their tests
   g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix wine64
 )
