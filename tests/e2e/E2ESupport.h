@@ -49,17 +49,23 @@ inline int64_t wholeNumber(const std::string& text) {
   return std::stoll(text);
 }
 
-// The encoded-frame count the server logs for a capture at its stop.
-inline int64_t framesEncoded(const std::string& log, const std::string& name) {
+// A count the server logs for a capture at its stop, in its line "Frames
+// encoded N, refused M for NAME": which names the number ("encoded", "refused").
+inline int64_t frameCount(const std::string& log, const std::string& name, const std::string& which) {
   const std::string tail = " for " + name + "\r\n";
   for (size_t end = log.find(tail); end != std::string::npos; end = log.find(tail, end + 1)) {
     const size_t start = log.rfind("Frames encoded ", end);
-    if (start != std::string::npos && log.find('\n', start) > end) {
-      const std::string count = log.substr(start + 15, log.find(',', start) - start - 15);
-      return wholeNumber(count);
-    }
+    if (start == std::string::npos || log.find('\n', start) < end) continue;
+    const std::string line = log.substr(start, end - start);
+    const size_t at = line.find(which + " ");
+    if (at == std::string::npos) return -1;
+    const size_t from = at + which.size() + 1;
+    return wholeNumber(line.substr(from, line.find_first_of(", ", from) - from));
   }
   return -1;
+}
+inline int64_t framesEncoded(const std::string& log, const std::string& name) {
+  return frameCount(log, name, "encoded");
 }
 
 // ffprobe's count of the video stream's packets and frames, read whole; -1 when
