@@ -70,6 +70,7 @@ struct RTMPPublisher::Core {
   std::counting_semaphore<0x7FFFFFFF> sendSignal{0};
 
   std::atomic<bool> connectionStarted{false};
+  std::atomic<bool> connectionRunning{false};  // the connection thread's body has not returned
   std::atomic<bool> connected{false};
   std::atomic<bool> stopping{false};
   std::atomic<bool> sendLoopExit{false};
@@ -116,8 +117,10 @@ struct RTMPPublisher::Core {
   void queueFrame(std::vector<std::byte> block, uint32_t timestamp, int type) {
     if (!connected && !connectionStarted && !stopping) {
       connectionStarted = true;
+      connectionRunning = true;
       if (!connectionThread.start([this] { connect(); }, "kestrium-rtmpcon")) {
         logLine(u"[Error]   RTMP: creating thread\n");
+        connectionRunning = false;
         stopping = true;
       }
     }
@@ -194,6 +197,12 @@ struct RTMPPublisher::Core {
   // --- connection thread ---------------------------------------------------
 
   void connect() {
+    attemptConnection();
+    std::lock_guard guard(rtmpLock);
+    connectionRunning = false;
+  }
+
+  void attemptConnection() {
     connectStartNs = platform::monotonicNs();
     std::u16string address, stream;
     uint32_t kbps = 0;
@@ -232,6 +241,7 @@ struct RTMPPublisher::Core {
     {
       std::lock_guard guard(rtmpLock);
       rtmp.reset();
+      connectionRunning = false;
     }
     logLine(u"[Error]   Error 7\n");
     stopping = true;
@@ -429,9 +439,11 @@ struct RTMPPublisher::Core {
   bool shutDown() {
     stopping = true;
     if (connectionThread.joinable()) {
+      // Only an attempt still under way is cut short: a finished one leaves the
+      // connection that the stream is on.
       {
         std::lock_guard guard(rtmpLock);
-        if (rtmp) rtmp->abort();
+        if (rtmp && connectionRunning) rtmp->abort();
       }
       connectionThread.join(platform::kInfinite);
     }
