@@ -210,6 +210,16 @@ TEST_F(RtmpServerTest, AnswersOnItsPortAndLeavesNothingBehind) {
   }
 }
 
+// A server that cannot start says why, with nginx's own words, and leaves no
+// process behind.
+TEST(RtmpServerStartTest, SaysWhyItDidNotStart) {
+  if (!RtmpServer::available()) GTEST_SKIP() << RtmpServer::whyUnavailable();
+  RtmpServer broken;
+  EXPECT_FALSE(broken.start("no_such_directive on;"));
+  EXPECT_NE(broken.why().find("unknown directive \"no_such_directive\""), std::string::npos) << broken.why();
+  EXPECT_FALSE(broken.running());
+}
+
 // Paused, the kernel still takes the connection but nothing answers; resumed,
 // the waiting handshake is answered. The destructor stops a paused server too.
 TEST_F(RtmpServerTest, PauseFreezesItUntilResume) {
@@ -300,7 +310,7 @@ TEST_F(RtmpServerTest, RecordsAPublishedStreamUnderItsKey) {
   EXPECT_EQ(p.tagsSent, 30);
   ASSERT_TRUE(rtmp_.waitForRecordingClosed("game", 10000)) << rtmp_.errorLog();
   // The debug log shows what arrived, for the tests of a publisher's own.
-  EXPECT_NE(rtmp_.errorLog().find("setting chunk_size=4096"), std::string::npos);
+  EXPECT_TRUE(rtmp_.waitForLog("setting chunk_size=4096", 1000));
   if (!haveFfprobe()) GTEST_SKIP() << "no ffprobe";
   const std::string out = probeRecording(rtmp_.recordingOf("game"));
   EXPECT_NE(out.find("codec_name=pcm_s16le"), std::string::npos) << out;
