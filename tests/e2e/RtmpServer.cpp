@@ -33,6 +33,16 @@ uint16_t freeLoopbackPort() {
   return port;
 }
 
+// A path as one argument of a directive, whatever the temporary folder holds.
+std::string quoted(const std::filesystem::path& path) {
+  std::string out = "\"";
+  for (const char c : path.string()) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out + "\"";
+}
+
 std::string textOf(const std::filesystem::path& file) {
   const std::vector<char> bytes = readBytes(file);
   return {bytes.begin(), bytes.end()};
@@ -71,6 +81,15 @@ std::filesystem::path RtmpServer::recordingOf(const std::string& key) const {
 std::string RtmpServer::errorLog() const { return textOf(folder_.path() / "error.log"); }
 std::string RtmpServer::accessLog() const { return textOf(folder_.path() / "access.log"); }
 
+bool RtmpServer::waitForLog(const std::string& text, uint32_t timeoutMs) const {
+  const uint64_t until = platform::monotonicNs() + uint64_t{timeoutMs} * 1'000'000;
+  for (;;) {
+    if (errorLog().find(text) != std::string::npos) return true;
+    if (platform::monotonicNs() >= until) return false;
+    platform::sleepMs(10);
+  }
+}
+
 bool RtmpServer::start(const std::string& extraLiveDirectives, uint32_t timeoutMs) {
   if (running()) return true;
   if (!available()) {
@@ -102,7 +121,7 @@ bool RtmpServer::startOnce(const std::string& extraLiveDirectives, uint32_t time
   const auto config = dir / "nginx.conf";
   const auto pidFile = dir / "nginx.pid";
   const auto errorFile = dir / "error.log";
-  const std::string temp = (dir / "temp").string();
+  const std::filesystem::path temp = dir / "temp";
   std::filesystem::remove(pidFile);
   std::filesystem::remove(errorFile);
   {
@@ -112,8 +131,8 @@ bool RtmpServer::startOnce(const std::string& extraLiveDirectives, uint32_t time
     out << "load_module " << kModule << ";\n"
         << "daemon off;\n"
         << "master_process off;\n"
-        << "pid " << pidFile.string() << ";\n"
-        << "error_log " << errorFile.string() << " debug;\n"
+        << "pid " << quoted(pidFile) << ";\n"
+        << "error_log " << quoted(errorFile) << " debug;\n"
         << "events { worker_connections 256; }\n"
         // The RTMP module asks this http server whether a key may publish
         // (on_publish): a refused key is a file of that name in the refused
@@ -121,21 +140,21 @@ bool RtmpServer::startOnce(const std::string& extraLiveDirectives, uint32_t time
         // the folder and logs no requests.
         << "http {\n"
         << "  access_log off;\n"
-        << "  client_body_temp_path " << temp << "/body;\n"
-        << "  proxy_temp_path " << temp << "/proxy;\n"
-        << "  fastcgi_temp_path " << temp << "/fastcgi;\n"
-        << "  uwsgi_temp_path " << temp << "/uwsgi;\n"
-        << "  scgi_temp_path " << temp << "/scgi;\n"
+        << "  client_body_temp_path " << quoted(temp / "body") << ";\n"
+        << "  proxy_temp_path " << quoted(temp / "proxy") << ";\n"
+        << "  fastcgi_temp_path " << quoted(temp / "fastcgi") << ";\n"
+        << "  uwsgi_temp_path " << quoted(temp / "uwsgi") << ";\n"
+        << "  scgi_temp_path " << quoted(temp / "scgi") << ";\n"
         << "  server {\n"
         << "    listen 127.0.0.1:" << notifyPort_ << ";\n"
         << "    location /publish {\n"
-        << "      if (-f " << refusedFolder().string() << "/$arg_name) { return 403; }\n"
+        << "      if (-f " << quoted(refusedFolder() / "$arg_name") << ") { return 403; }\n"
         << "      return 200;\n"
         << "    }\n"
         << "  }\n"
         << "}\n"
         << "rtmp {\n"
-        << "  access_log " << (dir / "access.log").string() << ";\n"
+        << "  access_log " << quoted(dir / "access.log") << ";\n"
         << "  server {\n"
         << "    listen 127.0.0.1:" << port_ << ";\n"
         << "    chunk_size 4096;\n"
@@ -144,7 +163,7 @@ bool RtmpServer::startOnce(const std::string& extraLiveDirectives, uint32_t time
         << "      notify_method get;\n"
         << "      on_publish http://127.0.0.1:" << notifyPort_ << "/publish;\n"
         << "      record all;\n"
-        << "      record_path " << recordingsFolder().string() << ";\n"
+        << "      record_path " << quoted(recordingsFolder()) << ";\n"
         << "      record_unique off;\n"
         << "      meta copy;\n"
         << "      " << extraLiveDirectives << "\n"

@@ -79,12 +79,21 @@ class RtmpServer {
   // True once the recording of key exists and nginx no longer holds it open:
   // nginx closes it when the publisher unpublishes or its connection ends (or,
   // with a silent publisher, after drop_idle_publisher). False after timeoutMs.
+  // Use a key once per test: a file left from an earlier publish of the same
+  // key counts as closed until the next publish has reached nginx.
   bool waitForRecordingClosed(const std::string& key, uint32_t timeoutMs) const;
 
   // The text of nginx's error log so far (debug level).
   std::string errorLog() const;
-  // The text of the RTMP access log: one line per finished session, with the
-  // application, stream key and bytes in and out.
+  // True once the error log holds text, e.g. "publish: name='game'" when nginx
+  // has taken a publish command; false after timeoutMs.
+  bool waitForLog(const std::string& text, uint32_t timeoutMs) const;
+  // The text of the RTMP access log: one line per session, written when its
+  // connection has ended, e.g.
+  //   127.0.0.1 [25/Nov/2026:09:21:29 +0000] PUBLISH "live" "game" "" - 265175 529 "" "" (0s)
+  // with the bytes received and sent after the handshake (3073 bytes each
+  // way). The bytes sent include the last status messages, which nginx writes
+  // after the publisher has closed.
   std::string accessLog() const;
   const std::filesystem::path& folder() const { return folder_.path(); }
   const std::string& why() const { return why_; }
