@@ -110,6 +110,7 @@ struct RTMPPublisher::Core {
   int lowLatencyFactor = 0;
 
   uint64_t connectStartNs = 0;
+  std::atomic<uint32_t> publishMs{0};
   std::atomic<uint32_t> firstPacketMs{0};
 
   // --- recorder's thread ---------------------------------------------------
@@ -231,6 +232,7 @@ struct RTMPPublisher::Core {
       logLine(u"[Error]   Error 6\n");
       return fail();
     }
+    publishMs = std::max<uint32_t>(1, static_cast<uint32_t>((platform::monotonicNs() - connectStartNs) / 1000000));
     wantKeyFrame(1000);
     startMachinery(kbps);
     connected = true;
@@ -559,6 +561,7 @@ uint32_t RTMPPublisher::framesDropped() { return core_->dropped; }
 uint32_t RTMPPublisher::framesSent() { return core_->videoFramesSent; }
 bool RTMPPublisher::connected() const { return core_->connected; }
 bool RTMPPublisher::stopping() const { return core_->stopping; }
+uint32_t RTMPPublisher::connectToPublishMs() const { return core_->publishMs; }
 uint32_t RTMPPublisher::connectToFirstPacketMs() const { return core_->firstPacketMs; }
 
 }  // namespace kestrium

@@ -53,8 +53,10 @@ class RTMPPublisher final : public NetworkStream {
   bool connected() const;
   // True once the connection failed for good, or the publisher is stopping.
   bool stopping() const;
-  // Milliseconds from the start of the connection to the first media packet
-  // handed to the socket; 0 until then.
+  // Milliseconds from the start of the connection to the server's go-ahead to
+  // publish, and to the first media packet handed to the socket (which waits
+  // for the interleave queue to fill too); 0 until then.
+  uint32_t connectToPublishMs() const;
   uint32_t connectToFirstPacketMs() const;
 
   struct Core;
