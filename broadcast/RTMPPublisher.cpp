@@ -317,6 +317,13 @@ struct RTMPPublisher::Core {
         c.rtmp->socket().wake();
         return static_cast<int64_t>(take);
       }
+      if (c.sendLoopExit) {
+        // The end of the broadcast: a link too slow to take the rest of this
+        // packet must not hold up the end of the capture. The stream is cut
+        // short, so it is not closed in order.
+        c.discardedAtEnd = true;
+        return static_cast<int64_t>(size);
+      }
       if (!counted) {
         ++c.stalls;
         c.bytesStalled += size;

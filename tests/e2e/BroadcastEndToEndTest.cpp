@@ -139,6 +139,8 @@ TEST_F(BroadcastWithSoundTest, TheServerRecordsH264AndAacThatPlayersReadLive) {
   watcher.join();
   ASSERT_EQ(status, 0) << harness.clientOutput;
   expectLocalRecordingWhole();
+  // The client's figures show what went out: about 20 s at 2 Mbit/s.
+  EXPECT_GT(wholeNumber(field(harness.clientOutput, "bytes_sent")), 3'000'000) << harness.clientOutput;
   EXPECT_NE(player.find("encoder         : Kestrium 5"), std::string::npos) << player;
   EXPECT_NE(player.find("Video: h264"), std::string::npos) << player;
   EXPECT_NE(player.find("640x360"), std::string::npos) << player;
@@ -171,6 +173,9 @@ TEST_F(BroadcastWithSoundTest, TheServerRecordsH264AndAacThatPlayersReadLive) {
   ASSERT_NE(chunk, std::string::npos);
   EXPECT_LT(chunk, server.find("connect: app='live'"));
   EXPECT_NE(log.find("RTMP: Handshake time"), std::string::npos);
+  // A link that keeps up ends in order, with nothing left behind.
+  EXPECT_EQ(log.find("could not be sent"), std::string::npos) << log;
+  EXPECT_EQ(log.find("[Error]"), std::string::npos) << log;
 }
 
 TEST_F(BroadcastWithSoundTest, ASlowUplinkLosesVideoFramesButNeitherSoundNorTheCapturesPace) {
