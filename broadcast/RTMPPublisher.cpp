@@ -50,6 +50,7 @@ constexpr uint32_t kSocketThreadPatienceMs = 60000;
 // At the end, what is still in the byte buffer gets this long to leave; a link
 // that takes nothing any more must not hold up the end of the capture.
 constexpr uint32_t kDrainMs = 5000;
+constexpr uint32_t kDropLogMs = 10000;
 
 }  // namespace
 
@@ -67,6 +68,8 @@ struct RTMPPublisher::Core {
   SendQueue sendQueue;
   std::vector<std::byte> avcConfiguration;
   bool metadataSent = false;
+  uint32_t dropsLogged = 0;  // drops counted in the log so far
+  uint32_t lastDropLog = 0;
   std::counting_semaphore<0x7FFFFFFF> sendSignal{0};
 
   std::atomic<bool> connectionStarted{false};
@@ -158,12 +161,20 @@ struct RTMPPublisher::Core {
       const uint32_t before = sendQueue.counters().droppedReference + sendQueue.counters().droppedOther;
       const bool wantKey = sendQueue.applyDropRules(platform::tickCountMs(), interleave.audioOffset());
       const uint32_t after = sendQueue.counters().droppedReference + sendQueue.counters().droppedOther;
-      if (after != before) {
-        logLine(u"[Warning] RTMP: the link is behind: %u frames dropped (%u in all)\n", after - before, after);
-      }
+      if (after != before) noteDrops(after);
       if (wantKey) wantKeyFrame(1000);
     }
     if (!sendQueue.empty()) sendSignal.release();
+  }
+
+  // Under lasting congestion a round of drops runs every second or so: the log
+  // hears of them at most every ten seconds.
+  void noteDrops(uint32_t total) {
+    const uint32_t now = platform::tickCountMs();
+    if (dropsLogged != 0 && now - lastDropLog < kDropLogMs) return;
+    logLine(u"[Warning] RTMP: the link is behind: %u frames dropped (%u in all)\n", total - dropsLogged, total);
+    dropsLogged = total;
+    lastDropLog = now;
   }
 
   // The three packets that open the stream, sent at once, each on its own:

@@ -32,6 +32,12 @@ int64_t numberAfter(const std::string& text, size_t at, const std::string& label
   return wholeNumber(text.substr(start, text.find_first_not_of("0123456789", start) - start));
 }
 
+// The publisher's closing line, for the test's report.
+std::string figuresLine(const std::string& log) {
+  const size_t at = log.find("RTMP: frames ");
+  return at == std::string::npos ? std::string() : log.substr(at, log.find('\r', at) - at);
+}
+
 Figures figuresIn(const std::string& log) {
   const size_t at = log.find("RTMP: frames ");
   if (at == std::string::npos) return {};
@@ -199,6 +205,7 @@ TEST_F(BroadcastWithSoundTest, ASlowUplinkLosesVideoFramesButNeitherSoundNorTheC
   EXPECT_NE(log.find("[Warning] RTMP: the link is behind"), std::string::npos) << log;
   const Figures sent = figuresIn(log);
   EXPECT_GT(sent.dropped, 0) << log;
+  RecordProperty("publisher", figuresLine(log));
   ASSERT_TRUE(rtmp_.waitForRecordingClosed("slow", 20000)) << rtmp_.errorLog();
   const std::filesystem::path flv = rtmp_.recordingOf("slow");
   // What arrived decodes from its first key frame on, and the sound kept
@@ -236,6 +243,7 @@ TEST_F(BroadcastWithSoundTest, ALinkThatStallsCostsFramesAndTheStreamGoesOnWhenI
   const std::string log = harness.log();
   EXPECT_NE(log.find("[Warning] RTMP: the link is behind"), std::string::npos) << log;
   EXPECT_GT(figuresIn(log).dropped, 0) << log;
+  RecordProperty("publisher", figuresLine(log));
   ASSERT_TRUE(rtmp_.waitForRecordingClosed("stall", 20000)) << rtmp_.errorLog();
   const std::filesystem::path flv = rtmp_.recordingOf("stall");
   std::string errors;
