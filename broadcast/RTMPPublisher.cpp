@@ -230,7 +230,8 @@ struct RTMPPublisher::Core {
       rtmp = std::make_unique<RtmpConnection>();
     }
     if (!rtmp->setup(platform::toUtf8(address), platform::toUtf8(stream))) return fail();
-    // No bind address: the OS picks the interface by its routes.
+    // No bind address: the OS picks the interface by its routes. (Nor is the
+    // route looked up beforehand: nothing would use what it found.)
     RtmpConnection::Options options;
     options.noDelay = settings.noDelay;
     options.chunkSize = kChunkSize;

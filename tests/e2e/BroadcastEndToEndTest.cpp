@@ -257,6 +257,7 @@ TEST_F(BroadcastWithSoundTest, ALinkThatStallsCostsFramesAndTheStreamGoesOnWhenI
 struct FailureCase {
   std::string name;
   std::vector<std::string> lines;
+  std::string absent;  // a line that would mean the failure was taken for another
 };
 
 class BroadcastFailureTest : public BroadcastTest, public ::testing::WithParamInterface<FailureCase> {};
@@ -265,6 +266,7 @@ TEST_P(BroadcastFailureTest, TheCaptureGoesOnAndEndsCleanly) {
   const std::string& name = GetParam().name;
   std::string url = rtmp_.url();
   if (name == "KeyRefused") rtmp_.refuseKey("game");
+  if (name == "UnreadableAddress") url = "rtmp:/127.0.0.1";
   if (name == "NoServer") {
     const uint16_t port = rtmp_.port();
     ASSERT_TRUE(rtmp_.stop());
@@ -283,14 +285,18 @@ TEST_P(BroadcastFailureTest, TheCaptureGoesOnAndEndsCleanly) {
   expectLocalRecordingWhole();
   const std::string log = harness.log();
   for (const std::string& line : GetParam().lines) EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+  EXPECT_EQ(log.find(GetParam().absent), std::string::npos) << GetParam().absent << "\n" << log;
   EXPECT_NE(log.find("Stopping capture"), std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     FarEnds, BroadcastFailureTest,
-    ::testing::Values(FailureCase{"KeyRefused", {"[Error]   Error 6\r\n", "[Error]   Error 7\r\n"}},
-                      FailureCase{"NoServer", {"[Error]   Error 5\r\n", "[Error]   Error 7\r\n"}},
-                      FailureCase{"ServerGoneMidStream", {"[Error]   Error 11\r\n", "[Error]   Error 13\r\n"}}),
+    ::testing::Values(
+        FailureCase{"KeyRefused", {"[Error]   Error 6\r\n", "[Error]   Error 7\r\n"}, "[Error]   Error 5\r\n"},
+        FailureCase{"NoServer", {"[Error]   Error 5\r\n", "[Error]   Error 7\r\n"}, "[Error]   Error 6\r\n"},
+        // A stream that was up and is lost is no failed connection.
+        FailureCase{"ServerGoneMidStream", {"[Error]   Error 11\r\n", "[Error]   Error 13\r\n"}, "[Error]   Error 7\r\n"},
+        FailureCase{"UnreadableAddress", {"[Error]   Error 7\r\n"}, "[Error]   Error 5\r\n"}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(BroadcastTest, AnEncoderWithoutH264RecordsOnly) {
