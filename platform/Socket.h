@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Wait.h"
+
 namespace kestrium::platform {
 
 // A write to a socket whose peer has gone must come back as an error, not end
