@@ -485,8 +485,9 @@ struct RTMPPublisher::Core {
     if (abandoned) return false;
     logFigures();
     if (connected && rtmp) {
-      if (!linkLost && !discardedAtEnd) finishStream();
-      rtmp->close(settings.closeWaitMs);
+      const bool orderly = !linkLost && !discardedAtEnd;
+      if (orderly) finishStream();
+      rtmp->close(settings.closeWaitMs, orderly);
     }
     rtmp.reset();
     return true;

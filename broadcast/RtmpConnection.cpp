@@ -109,8 +109,10 @@ bool RtmpConnection::connect(const Options& options) {
   // librtmp gets a descriptor of its own: whatever it closes, the number the
   // hook and our threads know stays ours until we close it.
   libraryDescriptor_ = socket_.duplicate();
-  if (libraryDescriptor_ < 0 || aborted_) return false;
+  if (libraryDescriptor_ < 0) return false;
+  // From here the library owns its copy, and closes it with the RTMP object.
   rtmp_->m_sb.sb_socket = static_cast<int>(libraryDescriptor_);
+  if (aborted_) return false;
   rtmp_->m_outChunkSize = options.chunkSize;
 
   // The Set Chunk Size goes in the place of `connect`, which we then send
@@ -200,11 +202,11 @@ void RtmpConnection::abort() {
   socket_.abort();
 }
 
-void RtmpConnection::close(uint32_t waitMs) {
+void RtmpConnection::close(uint32_t waitMs, bool orderly) {
   if (rtmp_ == nullptr || closed_) return;
   closed_ = true;
   removeHook();
-  if (isConnected()) {
+  if (orderly && isConnected()) {
     socket_.setSendTimeout(waitMs);
     RTMP_DeleteStream(rtmp_);
     socket_.shutdownSend();
@@ -221,8 +223,8 @@ void RtmpConnection::close(uint32_t waitMs) {
       if (s == platform::SocketStatus::Closed || s == platform::SocketStatus::Failed) break;
     }
   }
-  // The stream is deleted and our side shut: the library's close must not try
-  // to say more on a socket that can no longer send.
+  // The stream is deleted and our side shut (or the connection is gone): the
+  // library's close must not try to say more on a socket that cannot send.
   if (rtmp_->m_sb.sb_socket >= 0) {
     platform::closeDescriptor(rtmp_->m_sb.sb_socket);
     rtmp_->m_sb.sb_socket = -1;

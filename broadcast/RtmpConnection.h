@@ -58,7 +58,9 @@ class RtmpConnection {
 
   // The orderly end: deleteStream, the sending side shut, the server's last
   // bytes read until it closes (at most waitMs), then the library's close.
-  void close(uint32_t waitMs);
+  // Without orderly (the connection is gone, or the stream was cut short) only
+  // the last step.
+  void close(uint32_t waitMs, bool orderly = true);
 
   // Milliseconds from the start of connect() to the end of the handshake.
   uint32_t handshakeMs() const { return handshakeMs_; }
