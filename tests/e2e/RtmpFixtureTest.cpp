@@ -1,8 +1,8 @@
 // The fixture of the broadcast tests, proved before they rely on it: nginx comes
-// up on loopback, records what a publisher sends, refuses the closed
-// application, freezes and thaws, and leaves nothing behind; the throttling
-// proxy delivers every byte both ways, holds the uplink to its rate, and passes
-// a close on.
+// up on loopback, records what a publisher sends, refuses the keys it is told
+// to, freezes and thaws, and leaves nothing behind; the throttling proxy
+// delivers every byte both ways, holds the uplink to its rate, and passes a
+// close on.
 
 #include <gtest/gtest.h>
 
@@ -12,9 +12,9 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <sys/ioctl.h>
 
 #include <functional>
 #include <optional>
@@ -238,7 +238,8 @@ TEST_F(RtmpServerTest, PauseFreezesItUntilResume) {
 }
 
 // A publisher written with plain librtmp calls: connect, publish, a few tags of
-// 16-bit PCM, close. Returns how many tags went out before an error.
+// 16-bit PCM, close. It reports how far it got, and how many tags went out
+// before an error.
 struct Publish {
   bool connected = false;
   bool published = false;
@@ -302,7 +303,7 @@ std::string probeRecording(const std::filesystem::path& file) {
 }
 
 // What a publisher sends to "live" under a key is in that key's FLV once the
-// publisher is gone, as ffprobe reads it: every tag, the full duration.
+// publisher is gone, as ffprobe reads it: every tag, in the format it was sent.
 TEST_F(RtmpServerTest, RecordsAPublishedStreamUnderItsKey) {
   signal(SIGPIPE, SIG_IGN);  // librtmp sends without MSG_NOSIGNAL
   const Publish p = publishPcm(rtmp_.url() + "/game", 30);
