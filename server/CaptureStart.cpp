@@ -14,6 +14,10 @@
 #include "server/Dispatcher.h"
 #include "server/Log.h"
 
+#if KESTRIUM_WITH_RTMP
+#include "broadcast/RTMPPublisher.h"
+#endif
+
 namespace kestrium {
 
 namespace {
@@ -180,6 +184,32 @@ void fillBroadcastInfo(const StartParameters& p, IVidEncoder& encoder, IAudProce
   info.stream = wireString(p.broadcastStream);
 }
 
+// The publisher of a broadcast, or null when this capture cannot have one: the
+// stream carries H.264 and AAC, and nothing else. A capture whose broadcast is
+// refused still records.
+std::unique_ptr<NetworkStream> makePublisher(IVidEncoder& video, std::u16string_view encoderName, bool pcmSound) {
+#if KESTRIUM_WITH_RTMP
+  if (video.HasBitmapFormat() != 0) {
+    logLine(u"[Warning] *** CAP *** A broadcast carries H.264 video: the encoder %s makes none; the capture is "
+            u"recorded only\n",
+            encoderName);
+    return nullptr;
+  }
+  if (pcmSound) {
+    logLine(u"[Warning] *** CAP *** A broadcast carries AAC sound: give the sound a bit rate; the capture is recorded "
+            u"only\n");
+    return nullptr;
+  }
+  return std::make_unique<RTMPPublisher>();
+#else
+  static_cast<void>(video);
+  static_cast<void>(encoderName);
+  static_cast<void>(pcmSound);
+  logLine(u"[Warning] *** CAP *** This build cannot broadcast: the capture is recorded only\n");
+  return nullptr;
+#endif
+}
+
 std::unique_ptr<Recorder> fail(std::unique_ptr<Recorder> recorder) {
   // Whatever was recorded is discarded: a failed start leaves no file.
   Recorder::Retire(std::move(recorder), true);
@@ -269,7 +299,8 @@ std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
 
   if (params.broadcast != 0) {
     logLine(u"  *** CAP *** Creating broadcaster...\n");
-    logLine(u"[Warning] *** CAP *** This server cannot broadcast yet: the capture is recorded only\n");
+    // The publisher reads the block when its first frame comes, not before.
+    recorder->publisher = makePublisher(video, encoderName, recorder->audio != nullptr && audioEncoderValue == 0);
     fillBroadcastInfo(params, video, recorder->audio.get(), audioConfiguration);
   }
 

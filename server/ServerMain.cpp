@@ -8,6 +8,7 @@
 #include "platform/MessageWindow.h"
 #include "platform/NamedMutex.h"
 #include "platform/SharedMapping.h"
+#include "platform/Socket.h"
 #include "platform/System.h"
 #include "platform/Thread.h"
 #include "server/CommandBlock.h"
@@ -46,6 +47,8 @@ bool contains(std::u16string_view text, std::u16string_view word) {
 }  // namespace
 
 int runServer(int argc, char** argv) {
+  // Before any socket: a broadcast's server that goes away must not end us.
+  platform::ignoreBrokenPipe();
   ProcessObjects objects;
 
   // Switches are found anywhere in the command line, even inside a longer word.

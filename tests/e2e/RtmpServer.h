@@ -1,0 +1,122 @@
+#pragma once
+
+// A real RTMP server for one test: nginx with its RTMP module, in a folder of
+// its own, listening on a free loopback port. It records every stream published
+// to its "live" application as an FLV file, refuses the stream keys a test
+// names, and is stopped by its pid at the end. Linux only.
+//
+//   RtmpServer rtmp;
+//   if (!RtmpServer::available()) GTEST_SKIP() << RtmpServer::whyUnavailable();
+//   ASSERT_TRUE(rtmp.start()) << rtmp.why();
+//   ... publish to rtmp.url() with stream key "game" ...
+//   ASSERT_TRUE(rtmp.waitForRecordingClosed("game", 10000)) << rtmp.errorLog();
+//   probe rtmp.recordingOf("game") with ffprobe
+//
+// nginx's error log is written at debug level (Debian builds nginx with
+// --with-debug): it shows every RTMP message that arrived, in order. A
+// publisher's Set Chunk Size shows as "RTMP recv chunk_size" followed by
+// "setting chunk_size=4096"; its connect as "connect: app='live' ..." and its
+// publish as "publish: name='KEY' ...". Every connection starts with
+// "setting chunk_size=128", nginx's own default for what it reads.
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "platform/ChildProcess.h"
+#include "tests/support/TestSupport.h"
+
+namespace kestrium::test {
+
+class RtmpServer {
+ public:
+  static constexpr const char* kNginx = "/usr/sbin/nginx";
+  static constexpr const char* kModule = "/usr/lib/nginx/modules/ngx_rtmp_module.so";
+
+  // Whether nginx and its RTMP module are installed; if not, the reason, for
+  // GTEST_SKIP.
+  static bool available() { return whyUnavailable().empty(); }
+  static std::string whyUnavailable();
+
+  RtmpServer() = default;
+  // Stops the server if it still runs: SIGTERM, then SIGKILL if it will not go.
+  ~RtmpServer();
+  RtmpServer(const RtmpServer&) = delete;
+  RtmpServer& operator=(const RtmpServer&) = delete;
+
+  // Writes the configuration, starts nginx and waits until its port takes
+  // connections. extraLiveDirectives go into the "live" application's block as
+  // they are (e.g. "drop_idle_publisher 5s;"). False with why() set if it did
+  // not come up within timeoutMs.
+  bool start(const std::string& extraLiveDirectives = {}, uint32_t timeoutMs = 10000);
+  // Stops it now (as the destructor does): the pid is gone when this returns
+  // true. A recording is whole once its publisher has gone and
+  // waitForRecordingClosed() said so: stop after that, not before.
+  bool stop(uint32_t timeoutMs = 5000);
+
+  bool running() const { return nginx_.running(); }
+  uint32_t pid() const { return nginx_.id(); }
+  uint16_t port() const { return port_; }
+  // rtmp://127.0.0.1:PORT/live: the application that takes any stream key and
+  // records it.
+  std::string url() const { return urlOf("live"); }
+  std::string urlOf(const std::string& application) const;
+
+  // From now on, publishing under key to "live" is refused (until acceptKey):
+  // connect, createStream and the publish command go through, then nginx
+  // closes the connection without sending NetStream.Publish.Start, and records
+  // nothing. A publisher already on that key is not dropped. (Behind it: the
+  // RTMP module's on_publish asks nginx's own http server on a second loopback
+  // port, which answers 403 for a key with a file in the refused folder.)
+  void refuseKey(const std::string& key);
+  void acceptKey(const std::string& key);
+
+  // The FLV file that "live" writes for a stream key: KEY.flv in the
+  // recordings folder. It appears at publish and is made anew by each publish
+  // of the same key.
+  std::filesystem::path recordingOf(const std::string& key) const;
+  std::filesystem::path recordingsFolder() const { return folder_.path() / "recordings"; }
+  std::filesystem::path refusedFolder() const { return folder_.path() / "refused"; }
+  // True once the recording of key exists and nginx no longer holds it open:
+  // nginx closes it when the publisher unpublishes or its connection ends (or,
+  // with a silent publisher, after drop_idle_publisher). False after timeoutMs.
+  // Use a key once per test: a file left from an earlier publish of the same
+  // key counts as closed until the next publish has reached nginx.
+  bool waitForRecordingClosed(const std::string& key, uint32_t timeoutMs) const;
+
+  // The text of nginx's error log so far (debug level).
+  std::string errorLog() const;
+  // True once the error log holds text, e.g. "publish: name='game'" when nginx
+  // has taken a publish command; false after timeoutMs.
+  bool waitForLog(const std::string& text, uint32_t timeoutMs) const;
+  // The text of the RTMP access log: one line per session, written when its
+  // connection has ended, e.g.
+  //   127.0.0.1 [25/Nov/2026:09:21:29 +0000] PUBLISH "live" "game" "" - 265175 529 "" "" (0s)
+  // with the bytes received and sent after the handshake (3073 bytes each
+  // way). The bytes sent include the last status messages, which nginx writes
+  // after the publisher has closed.
+  std::string accessLog() const;
+  const std::filesystem::path& folder() const { return folder_.path(); }
+  const std::string& why() const { return why_; }
+
+  // Freezes the server (SIGSTOP) and lets it go on (SIGCONT): while paused, the
+  // kernel still takes connections and data until the socket buffers fill, but
+  // nothing answers. Measured here: a sender on loopback got about 4 MiB out
+  // before its sends blocked (its send buffer grows to tcp_wmem's 4 MiB);
+  // behind a ThrottledProxy, about 1.3 MiB, mostly its own send buffer.
+  bool pause();
+  bool resume();
+
+ private:
+  bool startOnce(const std::string& extraLiveDirectives, uint32_t timeoutMs, bool& portTaken);
+  bool holdsOpen(const std::filesystem::path& file) const;
+
+  TempFolder folder_{"-nginx"};
+  platform::ChildProcess nginx_;
+  uint16_t port_ = 0;
+  uint16_t notifyPort_ = 0;
+  bool paused_ = false;
+  std::string why_;
+};
+
+}  // namespace kestrium::test
