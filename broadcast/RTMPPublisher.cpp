@@ -51,13 +51,29 @@ constexpr uint32_t kSocketThreadPatienceMs = 60000;
 // that takes nothing any more must not hold up the end of the capture.
 constexpr uint32_t kDrainMs = 5000;
 constexpr uint32_t kDropLogMs = 10000;
+// A server that takes nothing for this long while bytes wait (it hangs, or its
+// window stays shut) is given up: the send queue, which keeps key frames and
+// sound whatever the drops do, would otherwise grow for as long as the capture runs.
+constexpr uint32_t kStallGiveUpMs = 30000;
+// The byte buffer holds a second of the stream, up to this rate.
+constexpr uint64_t kLargestKbps = 100000;
 
 }  // namespace
 
 struct RTMPPublisher::Core {
-  explicit Core(Settings s) : settings(s) {}
+  explicit Core(Settings s) : settings(s) {
+    // Where to and how fast are taken now: the block is the process's, and the
+    // next capture that starts a broadcast writes its own into it.
+    SharedBroadcastInfo& shared = broadcastInfo();
+    std::lock_guard guard(shared.lock);
+    address = shared.info.address;
+    stream = shared.info.stream;
+    kbps = uint64_t{shared.info.videoBitrate} + shared.info.audioBitrate;
+  }
 
   Settings settings;
+  std::u16string address, stream;
+  uint64_t kbps = 0;
 
   // The recorder's thread alone.
   InterleaveQueue interleave;
@@ -142,7 +158,8 @@ struct RTMPPublisher::Core {
     }
     if (!connected) return;
     serviceQueue();
-    sendQueue.admit(std::move(frame), streamHeader);
+    // The frame goes out as soon as the send thread can take it, not with the next one.
+    if (sendQueue.admit(std::move(frame), streamHeader)) sendSignal.release();
     videoFramesSent = sendQueue.counters().videoFramesSeen;
     dropped = sendQueue.counters().droppedReference + sendQueue.counters().droppedOther;
   }
@@ -216,15 +233,6 @@ struct RTMPPublisher::Core {
 
   void attemptConnection() {
     connectStartNs = platform::monotonicNs();
-    std::u16string address, stream;
-    uint32_t kbps = 0;
-    {
-      SharedBroadcastInfo& shared = broadcastInfo();
-      std::lock_guard guard(shared.lock);
-      address = shared.info.address;
-      stream = shared.info.stream;
-      kbps = shared.info.videoBitrate + shared.info.audioBitrate;
-    }
     {
       std::lock_guard guard(rtmpLock);
       rtmp = std::make_unique<RtmpConnection>();
@@ -246,7 +254,7 @@ struct RTMPPublisher::Core {
     }
     publishMs = std::max<uint32_t>(1, static_cast<uint32_t>((platform::monotonicNs() - connectStartNs) / 1000000));
     wantKeyFrame(1000);
-    startMachinery(kbps);
+    if (!startMachinery()) return fail();
     connected = true;
     connectionStarted = false;
   }
@@ -261,21 +269,29 @@ struct RTMPPublisher::Core {
     stopping = true;
   }
 
-  void startMachinery(uint32_t kbps) {
+  // False when the stream cannot be carried: without the hook librtmp would
+  // write to a socket that the socket thread keeps non-blocking, and without
+  // either thread nothing would leave the send queue, which would only grow.
+  bool startMachinery() {
     if (!platform::sendHookEffective() || !rtmp->installHook(&Core::hook, this)) {
-      // Then librtmp writes to the socket itself, and a slow link blocks the
-      // send thread there instead of in the hook: the drops still work.
-      logLine(u"[Warning] RTMP: the send hook is not in place; librtmp writes to the socket itself\n");
+      logLine(u"[Error]   RTMP: the send hook cannot be put in place\n");
+      return false;
     }
     platform::TcpSocket& socket = rtmp->socket();
     if (socket.sendBuffer() < kLeastSendBuffer) socket.setSendBuffer(kLeastSendBuffer);
-    buffer.resize(std::max<size_t>(size_t{kbps} / 8 * 1024, kLeastByteBuffer));
+    // Clamped: the bit rates come from the client, and a wild one must not
+    // ask for gigabytes.
+    const uint64_t rate = std::min(kbps, kLargestKbps);
+    buffer.resize(std::max<size_t>(static_cast<size_t>(rate / 8 * 1024), kLeastByteBuffer));
     if (!sendThread.start([this] { sendLoop(); }, "kestrium-rtmpsnd")) {
       logLine(u"RTMPPublisher: Could not create send thread");
+      return false;
     }
     if (!socketThread.start([this] { socketLoop(); }, "kestrium-rtmpsck")) {
       logLine(u"[Error]   RTMP: creating thread\n");
+      return false;
     }
+    return true;
   }
 
   // --- send thread ---------------------------------------------------------
@@ -367,12 +383,23 @@ struct RTMPPublisher::Core {
     // done once above. So there is nothing to re-arm here.
     bool maySend = true;
     uint64_t drainDeadline = 0;
+    uint64_t lastProgressNs = platform::monotonicNs();
+    uint64_t sentBefore = bytesSent;
     std::vector<std::byte> scrap(kReadBlock);
     for (;;) {
       size_t pending;
       {
         std::lock_guard guard(bufferLock);
         pending = bufferBytes;
+      }
+      const uint64_t nowNs = platform::monotonicNs();
+      if (pending == 0 || bytesSent != sentBefore) {
+        lastProgressNs = nowNs;
+        sentBefore = bytesSent;
+      } else if (nowNs - lastProgressNs >= uint64_t{kStallGiveUpMs} * 1000000 && !stopping) {
+        logLine(u"[Error]   RTMP: the server took nothing for %u s: the connection is given up\n", kStallGiveUpMs / 1000);
+        loseLink(true, u"[Error]   Error 8\n");
+        return;
       }
       if (stopping && socketLoopExit) {
         if (pending == 0) return;
@@ -387,7 +414,8 @@ struct RTMPPublisher::Core {
           return;
         }
       }
-      const uint32_t timeout = drainDeadline != 0 ? 100 : platform::kInfinite;
+      // While bytes wait, the thread looks up each second to see whether any left.
+      const uint32_t timeout = drainDeadline != 0 ? 100 : pending > 0 ? 1000 : platform::kInfinite;
       const uint32_t seen = socket.wait(!maySend && pending > 0, timeout);
       if ((seen & platform::kSocketError) != 0 && (seen & platform::kSocketReadable) == 0) {
         // The wait itself failed (or the socket reports an error with nothing to read).

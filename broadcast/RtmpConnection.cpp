@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 #include "broadcast/FlvTags.h"
 #include "platform/Clock.h"
@@ -61,9 +62,14 @@ void clearRtmpErrorText() {
 }
 
 RtmpConnection::RtmpConnection() {
+  // The library's log callback is process-wide state: set once, and objects are
+  // made one at a time, whichever capture's connection thread asks.
+  static std::once_flag logOnce;
+  std::call_once(logOnce, [] { RTMP_LogSetCallback(logHook); });
+  static platform::NoDestructor<std::mutex> creation;
+  std::lock_guard guard(*creation);
   rtmp_ = RTMP_Alloc();
   if (rtmp_ != nullptr) RTMP_Init(rtmp_);
-  RTMP_LogSetCallback(logHook);
 }
 
 RtmpConnection::~RtmpConnection() {
@@ -80,6 +86,12 @@ bool RtmpConnection::setup(std::string url, std::string key) {
   url_ = std::move(url);
   key_ = std::move(key);
   if (RTMP_SetupURL(rtmp_, url_.data()) == 0) return false;
+  // Over TLS or HTTP the library does not write through send(), so the byte
+  // buffer and its drops could not stand under it: such addresses are refused.
+  if ((rtmp_->Link.protocol & (RTMP_FEATURE_HTTP | RTMP_FEATURE_SSL | RTMP_FEATURE_MFP)) != 0) {
+    logLine(u"[Error]   rtmp : %S\n", "only rtmp:// and rtmpe:// addresses can be published to: " + url_);
+    return false;
+  }
   // The key is the play path as it stands, whatever the URL's last part says.
   if (!key_.empty()) rtmp_->Link.playpath = AVal{key_.data(), static_cast<int>(key_.size())};
   RTMP_EnableWrite(rtmp_);
@@ -143,15 +155,21 @@ bool RtmpConnection::sendConnect() {
   AVal command = aval("connect");
   AVal app = aval("app"), type = aval("type"), nonprivate = aval("nonprivate"), flashVer = aval("flashVer"),
        swfUrl = aval("swfUrl"), tcUrl = aval("tcUrl");
+  // The encoders give null where the value does not fit, and take no null:
+  // a long address must fail the connection, not write through it.
   char* p = AMF_EncodeString(body, end, &command);
-  p = AMF_EncodeNumber(p, end, ++rtmp_->m_numInvokes);
+  if (p != nullptr) p = AMF_EncodeNumber(p, end, ++rtmp_->m_numInvokes);
+  if (p == nullptr || p >= end) return false;
   *p++ = AMF_OBJECT;
-  p = AMF_EncodeNamedString(p, end, &app, &link.app);
-  p = AMF_EncodeNamedString(p, end, &type, &nonprivate);
-  p = AMF_EncodeNamedString(p, end, &flashVer, &link.flashVer);
-  if (link.swfUrl.av_len > 0) p = AMF_EncodeNamedString(p, end, &swfUrl, &link.swfUrl);
-  if (link.tcUrl.av_len > 0) p = AMF_EncodeNamedString(p, end, &tcUrl, &link.tcUrl);
-  if (p == nullptr || p + 3 > end) return false;
+  if (p != nullptr) p = AMF_EncodeNamedString(p, end, &app, &link.app);
+  if (p != nullptr) p = AMF_EncodeNamedString(p, end, &type, &nonprivate);
+  if (p != nullptr) p = AMF_EncodeNamedString(p, end, &flashVer, &link.flashVer);
+  if (p != nullptr && link.swfUrl.av_len > 0) p = AMF_EncodeNamedString(p, end, &swfUrl, &link.swfUrl);
+  if (p != nullptr && link.tcUrl.av_len > 0) p = AMF_EncodeNamedString(p, end, &tcUrl, &link.tcUrl);
+  if (p == nullptr || p + 3 > end) {
+    logLine(u"[Error]   rtmp : %S\n", "the address is too long for the connect command: " + url_);
+    return false;
+  }
   *p++ = 0;
   *p++ = 0;
   *p++ = AMF_OBJECT_END;
@@ -217,7 +235,11 @@ void RtmpConnection::close(uint32_t waitMs, bool orderly) {
       const uint64_t now = platform::monotonicNs();
       if (now >= deadline) break;
       const uint32_t seen = socket_.wait(false, static_cast<uint32_t>((deadline - now) / 1000000) + 1);
-      if ((seen & (platform::kSocketReadable | platform::kSocketHungUp | platform::kSocketError)) == 0) break;
+      if ((seen & (platform::kSocketReadable | platform::kSocketHungUp | platform::kSocketError)) == 0) {
+        // A wake-up left over from the stream's last writes is no answer.
+        if ((seen & platform::kSocketWoken) != 0) continue;
+        break;
+      }
       size_t got = 0;
       const platform::SocketStatus s = socket_.receive(scrap, got);
       if (s == platform::SocketStatus::Closed || s == platform::SocketStatus::Failed) break;

@@ -115,6 +115,10 @@ bool SendQueue::admit(QueuedFrame frame, std::span<const std::byte> streamHeader
 
 bool SendQueue::applyDropRules(uint32_t now, uint32_t audioOffset) {
   if (entries_.empty() || !after(entries_.front().timestamp, lastDropMark_)) return false;
+  // Sound that trails the first picture gives an offset below zero, which as an
+  // unsigned widening would push the thresholds past any span and switch the
+  // drops off: only sound ahead of the pictures widens them.
+  if (static_cast<int32_t>(audioOffset) < 0) audioOffset = 0;
   const uint32_t span = entries_.back().timestamp - entries_.front().timestamp;
   if (span >= kFullDropMs + audioOffset) {
     // Far behind: everything that may go goes, and no further round runs until

@@ -299,9 +299,9 @@ std::unique_ptr<Recorder> startCapture(const StartParameters& params) {
 
   if (params.broadcast != 0) {
     logLine(u"  *** CAP *** Creating broadcaster...\n");
-    // The publisher reads the block when its first frame comes, not before.
-    recorder->publisher = makePublisher(video, encoderName, recorder->audio != nullptr && audioEncoderValue == 0);
+    // The publisher takes its address from the block as it is made.
     fillBroadcastInfo(params, video, recorder->audio.get(), audioConfiguration);
+    recorder->publisher = makePublisher(video, encoderName, recorder->audio != nullptr && audioEncoderValue == 0);
   }
 
   if (!recorder->Start([](const Recorder& r) { return Dispatcher::SendStopCommand(r); })) {

@@ -248,7 +248,10 @@ INSTANTIATE_TEST_SUITE_P(
                       SpanCase{"Span599", 599, 600, 0, true, false},
                       SpanCase{"Span600FullRoundWhateverThePace", 600, 0, 0, true, true},
                       SpanCase{"OffsetWidensTheThresholds", 600, 10000, 250, false, false},
-                      SpanCase{"OffsetWidenedFullRound", 850, 0, 250, true, true}),
+                      SpanCase{"OffsetWidenedFullRound", 850, 0, 250, true, true},
+                      // Sound that trails the pictures must not wrap the thresholds away.
+                      SpanCase{"SoundBehindThePicturesWidensNothing", 600, 0, uint32_t(-1000), true, true},
+                      SpanCase{"SoundBehindThePicturesPartialRound", 400, 600, uint32_t(-450), true, false}),
     [](const auto& info) { return info.param.name; });
 
 TEST(DropRulesTest, TheDropMarkHoldsOffRoundsUntilTheQueuedFramesHaveLeft) {

@@ -267,6 +267,7 @@ TEST_P(BroadcastFailureTest, TheCaptureGoesOnAndEndsCleanly) {
   std::string url = rtmp_.url();
   if (name == "KeyRefused") rtmp_.refuseKey("game");
   if (name == "UnreadableAddress") url = "rtmp:/127.0.0.1";
+  if (name == "TlsAddress") url = "rtmps://127.0.0.1:" + std::to_string(rtmp_.port()) + "/live";
   if (name == "NoServer") {
     const uint16_t port = rtmp_.port();
     ASSERT_TRUE(rtmp_.stop());
@@ -296,7 +297,9 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"NoServer", {"[Error]   Error 5\r\n", "[Error]   Error 7\r\n"}, "[Error]   Error 6\r\n"},
         // A stream that was up and is lost is no failed connection.
         FailureCase{"ServerGoneMidStream", {"[Error]   Error 11\r\n", "[Error]   Error 13\r\n"}, "[Error]   Error 7\r\n"},
-        FailureCase{"UnreadableAddress", {"[Error]   Error 7\r\n"}, "[Error]   Error 5\r\n"}),
+        FailureCase{"UnreadableAddress", {"[Error]   Error 7\r\n"}, "[Error]   Error 5\r\n"},
+        // Over TLS the library's writes would pass by the send queue and its drops.
+        FailureCase{"TlsAddress", {"only rtmp:// and rtmpe:// addresses", "[Error]   Error 7\r\n"}, "[Error]   Error 5\r\n"}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(BroadcastTest, AnEncoderWithoutH264RecordsOnly) {
