@@ -3,36 +3,15 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/channel_layout.h>
-#include <libavutil/log.h>
 }
 
-#include <cstdio>
-#include <mutex>
-#include <string_view>
-
+#include "codecs/LibavLog.h"
 #include "fileOutput/AacConfig.h"
 #include "server/Log.h"
 
 namespace kestrium {
 
 namespace {
-
-// libavcodec's own complaints (a bitrate it lowers, a layout it refuses) reach
-// the server's log instead of a console no one reads.
-void logFromLibav(void* object, int level, const char* format, va_list args) {
-  if (level > AV_LOG_WARNING) return;
-  char text[512];
-  int prefix = 0;
-  av_log_format_line(object, level, format, args, text, sizeof text, &prefix);
-  std::string_view line(text);
-  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
-  if (line.empty()) return;
-  if (level <= AV_LOG_ERROR) {
-    logLine(u"[Error]   *** AAC *** %S\n", line);
-  } else {
-    logLine(u"[Warning] *** AAC *** %S\n", line);
-  }
-}
 
 WaveFormat aacFormat(int32_t channels, int32_t rate, int32_t bitrate) {
   // WAVEFORMATEX with HEAACWAVEINFO: raw AAC (payload type 1), no profile
@@ -58,8 +37,7 @@ void AudioEncoderAAC::PacketFree::operator()(AVPacket* p) const { av_packet_free
 
 AudioEncoderAAC::AudioEncoderAAC(int32_t sourceRate, int32_t bitrate, int32_t channels, uint32_t channelMask)
     : AudioEncoder(sourceRate, kHighestRate, bitrate, channels) {
-  static std::once_flag logRouted;
-  std::call_once(logRouted, [] { av_log_set_callback(logFromLibav); });
+  routeLibavLog();
   if (!open()) {
     context_.reset();
     logLine(u"[Error]   Error initializing AAC %d %d %d %02X\n", sourceRate, bitrate, channels, channelMask);

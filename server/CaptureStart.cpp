@@ -13,6 +13,7 @@
 #include "recorder/BroadcastInfo.h"
 #include "server/Dispatcher.h"
 #include "server/Log.h"
+#include "videoEncoder/VfwDriver.h"
 
 #if KESTRIUM_WITH_RTMP
 #include "broadcast/RTMPPublisher.h"
@@ -35,12 +36,6 @@ constexpr uint64_t kSharedBytesPerPixel = 8;
 constexpr uint32_t kDibFourcc = 0x20424944;  // "DIB ": uncompressed
 
 std::string decimal(uint32_t v) { return std::to_string(static_cast<int32_t>(v)); }
-
-std::string fourccText(uint32_t code) {
-  std::string text(4, ' ');
-  for (int i = 0; i < 4; ++i) text[i] = static_cast<char>((code >> (8 * i)) & 0xFF);
-  return text;
-}
 
 void logEncoderSettings(const StartParameters& p, std::u16string_view encoder) {
   if (encoder == u"vfw") {

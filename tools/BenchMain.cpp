@@ -14,7 +14,9 @@
 // the memory-speed yardstick), x264 (the whole job of "h264.x264" on one stream:
 // conversion to NV12, coding, length prefixes; --threads are libx264's, and
 // --profile, --bitrate, --target-usage, --low-latency, --fps are the capture's
-// options; the frames are taken as they are, top-down and red first).
+// options; the frames are taken as they are, top-down and red first), vfw (the
+// whole job of "vfw" with the installed codec of --fourcc, on the recorder's
+// thread: row re-spacing, the codec's pixel conversion and coding).
 // Input frames are rgb24, rows top-down, red first, as ffmpeg writes them; they
 // are put into the order the server receives them in (rows bottom-up, blue
 // first; for mjpeg top-down, blue first) before timing starts, unless --as-is. Frames are taken in turn, so a
@@ -50,17 +52,21 @@
 #if KESTRIUM_WITH_AUDIO_ENCODERS
 #include "tools/AudioBench.h"
 #endif
+#if KESTRIUM_WITH_VFW
+#include "tools/VfwBench.h"
+#endif
 
 using namespace kestrium;
 
 namespace {
 
 int usage() {
-  std::cerr << "usage: kestrium-bench convert|tmb2|mjpeg|copy|x264 --input FILE --size WxH [--frames N] [--threads N]\n"
+  std::cerr << "usage: kestrium-bench convert|tmb2|mjpeg|copy|x264|vfw --input FILE --size WxH [--frames N] [--threads N]\n"
                "                      [--cpu c|sse2|ssse3|avx2] [--pix-fmt rgb24|yuv420p] [--as-is]\n"
                "                      [--quality 1..100] [--subsample 444|420]   (mjpeg)\n"
                "                      [--profile N] [--bitrate KBPS] [--target-usage N] [--low-latency N] [--fps F]"
                "   (x264)\n"
+               "                      [--fourcc CODE]   (vfw)\n"
                "       kestrium-bench pattern --out FILE --size WxH --frames N\n"
                "       kestrium-bench aac|mp3 --input FILE [--rate HZ] [--channels N] [--bitrate KBPS] [--loops N]\n";
   return 2;
@@ -77,6 +83,7 @@ struct Options {
   int quality = 85;
   bool subsample = false;  // 4:2:0 instead of 4:4:4
   OptionList h264;         // the capture's options for x264
+  uint32_t fourcc = 0;     // the codec of vfw
 };
 
 bool parseSize(const std::string& s, uint32_t& w, uint32_t& h) {
@@ -182,6 +189,10 @@ int main(int argc, char** argv) {
       o.h264.insert(o.h264.end(), {key, args[++i]});
     } else if (a == "--fps" && hasValue) {
       o.h264.insert(o.h264.end(), {"fps", std::to_string(std::llround(std::strtod(args[++i].c_str(), nullptr) * 1000))});
+    } else if (a == "--fourcc" && hasValue) {
+      const std::string v = args[++i];
+      if (v.size() != 4) return usage();
+      for (size_t c = 0; c < 4; ++c) o.fourcc |= static_cast<uint32_t>(static_cast<uint8_t>(v[c])) << (8 * c);
     } else if (a == "--subsample" && hasValue) {
       const std::string v = args[++i];
       if (v != "444" && v != "420") return usage();
@@ -197,12 +208,18 @@ int main(int argc, char** argv) {
     return writePattern(o);
   }
   if (o.input.empty() || (o.kernel != "convert" && o.kernel != "tmb2" && o.kernel != "mjpeg" && o.kernel != "copy" &&
-                          o.kernel != "x264")) {
+                          o.kernel != "x264" && o.kernel != "vfw")) {
     return usage();
   }
 #if !KESTRIUM_WITH_X264
   if (o.kernel == "x264") {
     std::cerr << "this build has no libx264\n";
+    return 1;
+  }
+#endif
+#if !KESTRIUM_WITH_VFW
+  if (o.kernel == "vfw") {
+    std::cerr << "this build has no vfw encoder on libavcodec\n";
     return 1;
   }
 #endif
@@ -270,6 +287,19 @@ int main(int argc, char** argv) {
     }
   }
 
+#if KESTRIUM_WITH_VFW
+  if (o.kernel == "vfw") {
+    const tools::VfwBenchResult r = tools::runVfw(o.fourcc, o.width, o.height, frames, inputFrames, total);
+    if (!r.ok) {
+      std::cerr << "kestrium-bench: the codec did not open or failed\n";
+      return 1;
+    }
+    const double fps = static_cast<double>(total) / r.seconds;
+    std::printf("fps=%.2f mb_per_s=%.1f bytes_per_frame=%.0f\n", fps, fps * static_cast<double>(frameBytes) / 1e6,
+                r.frames != 0 ? static_cast<double>(r.bytes) / static_cast<double>(r.frames) : 0.0);
+    return 0;
+  }
+#endif
   std::vector<Worker> workers(static_cast<size_t>(o.threads));
   for (Worker& w : workers) {
     if (o.kernel == "tmb2") {

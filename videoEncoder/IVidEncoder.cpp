@@ -14,6 +14,9 @@
 #if KESTRIUM_WITH_X264
 #include "videoEncoder/VidEncoderX264.h"
 #endif
+#if KESTRIUM_WITH_VFW
+#include "videoEncoder/VidEncoderVFW.h"
+#endif
 
 namespace kestrium {
 
@@ -54,6 +57,9 @@ std::unique_ptr<IVidEncoder> CreateVideoEncoder(std::u16string_view name) {
   if (name == u"fast") return std::make_unique<VidEncoderFast>();
 #if KESTRIUM_WITH_MJPEG
   if (name == u"mjpeg") return std::make_unique<VidEncoderMJPEG>();
+#endif
+#if KESTRIUM_WITH_VFW
+  if (name == u"vfw") return std::make_unique<VidEncoderVFW>();
 #endif
 #if KESTRIUM_WITH_X264
   if (name == u"h264.x264") return std::make_unique<VidEncoderX264>();

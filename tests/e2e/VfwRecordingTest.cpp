@@ -1,0 +1,142 @@
+// Recordings through "vfw" where libavcodec's encoders are the installed codecs:
+// the real server and client, the files read back by ffprobe and ffmpeg.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "client/FrameSource.h"
+#include "tests/e2e/E2ESupport.h"
+#include "tests/e2e/ServerHarness.h"
+
+namespace kestrium::test {
+namespace {
+
+// A width whose 24-bit bitmap rows need padding (642 x 3 is no multiple of 4).
+constexpr uint32_t kWidth = 642, kHeight = 362, kFrames = 20;
+
+struct VfwCase {
+  const char* fourcc;
+  const char* codec;    // as ffprobe names it
+  bool lossless;        // decodes to exactly the client's frames
+};
+void PrintTo(const VfwCase& c, std::ostream* os) { *os << c.fourcc; }
+
+class VfwRecordingTest : public ServerTest, public ::testing::WithParamInterface<VfwCase> {
+ protected:
+  // kFrames of the client's pattern, rgb24 top-down, as the client reads them.
+  std::filesystem::path rawFrames() {
+    const auto path = harness.folder() / "frames.rgb";
+    std::ofstream out(path, std::ios::binary);
+    std::vector<std::byte> frame(size_t{kWidth} * kHeight * 3);
+    for (uint32_t f = 0; f < kFrames; ++f) {
+      client::PatternSource::render(kWidth, kHeight, f * 7, frame);
+      out.write(reinterpret_cast<const char*>(frame.data()), static_cast<std::streamsize>(frame.size()));
+    }
+    return path;
+  }
+};
+
+TEST_P(VfwRecordingTest, EveryFrameIsReadAndDecoded) {
+  if (!haveTools()) GTEST_SKIP() << "ffprobe and ffmpeg are not available in this build";
+  const auto raw = rawFrames();
+  ASSERT_EQ(harness.client({"record", "--dir", dir().string(), "--encoder", "vfw", "--vfw", GetParam().fourcc,
+                            "--size", "642x362", "--frames", std::to_string(kFrames), "--pace", "max", "--source",
+                            "raw:" + raw.string()}),
+            0)
+      << harness.clientOutput << harness.log();
+  const auto files = filesIn(harness.clientOutput);
+  ASSERT_EQ(files.size(), 1u) << harness.clientOutput;
+
+  std::string info;
+  ASSERT_EQ(runTool(KESTRIUM_FFPROBE,
+                    {"-v", "error", "-count_packets", "-select_streams", "v:0", "-show_entries",
+                     "stream=codec_name,width,height,nb_frames,nb_read_packets", "-of", "default=nw=1",
+                     files[0].string()},
+                    info),
+            0)
+      << info;
+  EXPECT_EQ(field(info, "codec_name"), GetParam().codec) << info;
+  EXPECT_EQ(field(info, "width"), "642") << info;
+  EXPECT_EQ(field(info, "height"), "362") << info;
+  EXPECT_EQ(field(info, "nb_frames"), std::to_string(kFrames)) << info;
+  EXPECT_EQ(field(info, "nb_read_packets"), std::to_string(kFrames)) << info;
+
+  // Decoded whole, without a complaint, to as many pictures as were sent.
+  const auto decoded = harness.folder() / "decoded.rgb";
+  std::string out;
+  ASSERT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", files[0].string(), "-f", "rawvideo", "-pix_fmt", "rgb24",
+                                      decoded.string()},
+                    out),
+            0)
+      << out;
+  EXPECT_TRUE(out.empty()) << out;
+  const std::vector<char> picture = readBytes(decoded);
+  const std::vector<char> sent = readBytes(raw);
+  ASSERT_EQ(picture.size(), sent.size());
+  if (GetParam().lossless) {
+    EXPECT_TRUE(picture == sent) << "the codec's RGB keeps every bit of the client's frames";
+  } else {
+    // Upright and in its colours: close to the source on average.
+    double error = 0;
+    for (size_t i = 0; i < sent.size(); ++i) {
+      error += std::abs(int(static_cast<uint8_t>(picture[i])) - int(static_cast<uint8_t>(sent[i])));
+    }
+    EXPECT_LT(error / static_cast<double>(sent.size()), 4.0);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, VfwRecordingTest,
+                         ::testing::Values(VfwCase{"MJPG", "mjpeg", false}, VfwCase{"FFV1", "ffv1", true}),
+                         [](const auto& info) { return std::string(info.param.fourcc); });
+
+struct VfwRefusal {
+  const char* fourcc;
+  const char* size;
+  const char* line;
+};
+void PrintTo(const VfwRefusal& c, std::ostream* os) { *os << c.fourcc << " at " << c.size; }
+
+class VfwRefusalTest : public ServerTest, public ::testing::WithParamInterface<VfwRefusal> {};
+
+// A codec that does not exist or will not take the capture leaves no recorder and
+// no file, says why, and the next capture through a good codec records.
+TEST_P(VfwRefusalTest, IsRefusedCleanlyAndTheNextCaptureRecords) {
+  EXPECT_EQ(harness.client({"record", "--name", "refused", "--dir", dir().string(), "--encoder", "vfw", "--vfw",
+                            GetParam().fourcc, "--size", GetParam().size, "--frames", "5", "--pace", "max"}),
+            4)
+      << harness.clientOutput;
+  const std::string log = harness.log();
+  EXPECT_NE(log.find(GetParam().line), std::string::npos) << log;
+  EXPECT_NE(log.find("[Error]   *** CAP *** Error starting capture\r\n"), std::string::npos) << log;
+  if (std::filesystem::exists(dir())) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir())) {
+      EXPECT_FALSE(entry.is_regular_file()) << "left behind: " << entry.path();
+    }
+  }
+  ASSERT_EQ(harness.client({"stop", "refused"}), 0);
+  EXPECT_NE(harness.log().find("Cannot find recorder to delete refused"), std::string::npos) << "no recorder stays";
+
+  ASSERT_EQ(harness.client({"record", "--name", "good", "--dir", dir().string(), "--encoder", "vfw", "--vfw", "MJPG",
+                            "--size", "160x90", "--frames", "5", "--pace", "max"}),
+            0)
+      << harness.clientOutput;
+  EXPECT_EQ(filesIn(harness.clientOutput).size(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Codecs, VfwRefusalTest,
+    ::testing::Values(
+        VfwRefusal{"ZZZZ", "642x362",
+                   "[Error]   *** VFW *** No installed codec opens with the four-character code ZZZZ\r\n"},
+        // Cinepak takes sizes in multiples of 4 only.
+        VfwRefusal{"cvid", "642x362", "[Error]   *** VFW *** Codec cvid refuses to compress 642x362 (-2)\r\n"},
+        // Huffyuv's decoder needs tables that only the stream format could carry.
+        VfwRefusal{"HFYU", "160x90",
+                   "[Error]   *** VFW *** Codec HFYU (huffyuv) needs headers in the stream format; it cannot "
+                   "record\r\n"}),
+    [](const auto& info) { return std::string(info.param.fourcc); });
+
+}  // namespace
+}  // namespace kestrium::test
