@@ -34,6 +34,10 @@ class Event {
   uint32_t wait(uint32_t timeoutMs);
   void close();
 
+  // The OS's own handle of the event, for a library that signals it itself (an
+  // encoder driver's completion events); null where events are not OS objects.
+  void* nativeHandle() const;
+
   struct Impl;
   Impl* impl() const { return impl_.get(); }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace kestrium::platform {
 
@@ -31,5 +32,27 @@ class SharedLibrary {
  private:
   void* handle_ = nullptr;
 };
+
+// The vendor runtimes that hardware encoders load when the machine has them.
+enum class VendorLibrary { Cuda, Nvenc, QuickSync, VaApi, OpenVideo, OpenCl };
+
+// Each vendor library has its OS's name in one table ("nvcuda.dll",
+// "libcuda.so.1"; empty where the OS has no such library) and an environment
+// variable (KESTRIUM_LIB_CUDA, ...) that names another file to load in its place,
+// so that tests load fakes and never depend on what the machine has installed.
+// The variable set but empty means the library is absent.
+struct VendorLibraryEntry {
+  std::string_view name;
+  std::string_view overrideVariable;
+};
+VendorLibraryEntry vendorLibraryEntry(VendorLibrary library);
+
+// The file that loadVendorLibrary tries: the override if set, else the table's
+// name. Empty when there is none to try.
+std::string vendorLibraryFile(VendorLibrary library);
+
+// Loads the vendor library into `into`; false, and nothing logged, when it is
+// not there: a missing runtime is the ordinary case on most machines.
+bool loadVendorLibrary(VendorLibrary library, SharedLibrary& into);
 
 }  // namespace kestrium::platform

@@ -7,6 +7,8 @@ packages=(
   # native build and the libraries the product uses
   build-essential cmake ninja-build pkg-config libjpeg62-turbo-dev libpulse-dev libx264-dev
   libavcodec-dev libavformat-dev libswscale-dev libmp3lame-dev librtmp-dev
+  # NVIDIA's encoder API, headers only: the driver is loaded at run time where there is one
+  libffmpeg-nvenc-dev
   # tests and benchmarks, and the independent readers that check our files
   googletest libgtest-dev libgmock-dev libbenchmark-dev ffmpeg sox libsox-fmt-mp3
   # a real sound server for the audio tests: a PulseAudio daemon with null sinks

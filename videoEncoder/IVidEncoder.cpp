@@ -17,6 +17,9 @@
 #if KESTRIUM_WITH_VFW
 #include "videoEncoder/VidEncoderVFW.h"
 #endif
+#if KESTRIUM_WITH_NVENC
+#include "videoEncoder/NV_Enc/VidEncoderNVENC.h"
+#endif
 
 namespace kestrium {
 
@@ -63,6 +66,9 @@ std::unique_ptr<IVidEncoder> CreateVideoEncoder(std::u16string_view name) {
 #endif
 #if KESTRIUM_WITH_X264
   if (name == u"h264.x264") return std::make_unique<VidEncoderX264>();
+#endif
+#if KESTRIUM_WITH_NVENC
+  if (name == u"h264.nvenc") return std::make_unique<VidEncoderNVENC>();
 #endif
   logLine(u"[Error]   Cannot create video encoder %s\n", name);
   return nullptr;

@@ -126,6 +126,9 @@ uint32_t Event::wait(uint32_t timeoutMs) {
   return waitAny(std::span<Event* const>(&self, 1), timeoutMs);
 }
 
+// Events here are words in shared memory, not objects of the OS.
+void* Event::nativeHandle() const { return nullptr; }
+
 void Event::close() {
   if (!impl_) return;
   posix::releaseSegment(impl_->segment);

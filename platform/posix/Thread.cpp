@@ -1,26 +1,41 @@
 #include "platform/Thread.h"
 
 #include <pthread.h>
-#include <time.h>
 
-#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 
 #include "platform/Wait.h"
-#include "platform/posix/Deadline.h"
 
 namespace kestrium::platform {
 
-struct Thread::Impl {
-  pthread_t thread{};
-};
-
 namespace {
+
+// Set by the thread as its body returns. A timed join waits for this and then
+// joins for real: pthread_clockjoin_np would do both, but ThreadSanitizer does
+// not know it and would miss that the thread's writes come before the join.
+struct Finished {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool done = false;
+};
 
 struct StartBlock {
   std::function<void()> body;
   std::string name;
+  std::shared_ptr<Finished> finished;
 };
+
+}  // namespace
+
+struct Thread::Impl {
+  pthread_t thread{};
+  std::shared_ptr<Finished> finished;  // shared: a thread given up may outlive this
+};
+
+namespace {
 
 void* trampoline(void* arg) {
   std::unique_ptr<StartBlock> block(static_cast<StartBlock*>(arg));
@@ -29,6 +44,11 @@ void* trampoline(void* arg) {
     pthread_setname_np(pthread_self(), block->name.substr(0, 15).c_str());
   }
   block->body();
+  {
+    std::lock_guard guard(block->finished->mutex);
+    block->finished->done = true;
+  }
+  block->finished->changed.notify_all();
   return nullptr;
 }
 
@@ -49,8 +69,10 @@ Thread& Thread::operator=(Thread&& other) noexcept {
 
 bool Thread::start(std::function<void()> body, std::string_view name) {
   if (impl_ || !body) return false;
-  auto block = std::make_unique<StartBlock>(StartBlock{std::move(body), std::string(name)});
+  auto finished = std::make_shared<Finished>();
+  auto block = std::make_unique<StartBlock>(StartBlock{std::move(body), std::string(name), finished});
   auto impl = std::make_unique<Impl>();
+  impl->finished = std::move(finished);
   if (pthread_create(&impl->thread, nullptr, trampoline, block.get()) != 0) return false;
   block.release();  // the thread owns it now
   impl_ = std::move(impl);
@@ -59,15 +81,13 @@ bool Thread::start(std::function<void()> body, std::string_view name) {
 
 uint32_t Thread::join(uint32_t timeoutMs) {
   if (!impl_) return kWaitFailed;
-  int r;
-  if (timeoutMs == kInfinite) {
-    r = pthread_join(impl_->thread, nullptr);
-  } else {
-    const timespec deadline = posix::deadlineAfter(CLOCK_MONOTONIC, timeoutMs);
-    r = pthread_clockjoin_np(impl_->thread, nullptr, CLOCK_MONOTONIC, &deadline);
+  if (timeoutMs != kInfinite) {
+    Finished& f = *impl_->finished;
+    std::unique_lock guard(f.mutex);
+    if (!f.changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), [&] { return f.done; })) return kWaitTimeout;
   }
-  if (r == ETIMEDOUT || r == EBUSY) return kWaitTimeout;
-  if (r != 0) return kWaitFailed;
+  // The body has returned: this join waits only for the thread's own exit.
+  if (pthread_join(impl_->thread, nullptr) != 0) return kWaitFailed;
   impl_.reset();
   return kWaitObject0;
 }

@@ -50,6 +50,8 @@ uint32_t Event::wait(uint32_t timeoutMs) {
   }
 }
 
+void* Event::nativeHandle() const { return impl_ ? impl_->handle : nullptr; }
+
 void Event::close() {
   impl_.reset();
   existed_ = false;

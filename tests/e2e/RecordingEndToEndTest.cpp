@@ -675,7 +675,7 @@ INSTANTIATE_TEST_SUITE_P(
                  "[Error]   *** CAP *** The shared objects of capture bad are missing or not what they should be\r\n"},
         BadStart{"encoder that cannot open",
                  [](StartParameters& p, const auto&) { setWireString(p.encoder, u"h264.nvenc"); },
-                 "[Error]   Cannot create video encoder h264.nvenc\r\n"}),
+                 "[Error]   *** NVENC *** This machine has no NVIDIA encoder that the server can use\r\n"}),
     [](const auto& info) { return "Case" + std::to_string(info.index); });
 
 }  // namespace

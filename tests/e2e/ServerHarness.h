@@ -14,6 +14,7 @@
 #include "platform/SharedMapping.h"
 #include "server/CommandBlock.h"
 #include "platform/Clock.h"
+#include "platform/SharedLibrary.h"
 #include "platform/System.h"
 #include "tests/support/TestSupport.h"
 
@@ -33,6 +34,14 @@ class ServerHarness {
     platform::setEnvironmentVariable("KESTRIUM_NAMESPACE", platform::toUtf16(namespace_));
     platform::setEnvironmentVariable("XDG_DOCUMENTS_DIR", folder_.path().u16string());
     platform::setEnvironmentVariable("HOME", folder_.path().u16string());
+    // The server finds no vendor runtime, whatever this machine has installed: a
+    // test that wants one points its variable at a fake.
+    for (auto library : {platform::VendorLibrary::Cuda, platform::VendorLibrary::Nvenc,
+                         platform::VendorLibrary::QuickSync, platform::VendorLibrary::VaApi,
+                         platform::VendorLibrary::OpenVideo, platform::VendorLibrary::OpenCl}) {
+      platform::setEnvironmentVariable(platform::vendorLibraryEntry(library).overrideVariable,
+                                       (folder_.path() / "no-such-library").u16string());
+    }
   }
 
   std::filesystem::path binary(const char* name) const { return platform::executablePath().parent_path() / name; }

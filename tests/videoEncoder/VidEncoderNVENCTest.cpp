@@ -1,0 +1,543 @@
+// "h264.nvenc" against a fake NVIDIA driver that is as strict as the real one and
+// answers with real H.264: a clip that ffmpeg's libx264 made at build time, cut
+// into access units. The fake notes every call and every rule broken.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "platform/SharedLibrary.h"
+#include "platform/SharedMapping.h"
+#include "platform/System.h"
+#include "recorder/CommonData.h"
+#include "server/CommandBlock.h"
+#include "tests/codecs/CodecTestSupport.h"
+#include "tests/support/LogFixture.h"
+#include "tests/support/TestSupport.h"
+#include "tests/videoEncoder/EncodedSlotConsumer.h"
+#include "tests/videoEncoder/fakeNvenc/FakeNvenc.h"
+#include "videoEncoder/H264Bitstream.h"
+#include "videoEncoder/IVidEncoder.h"
+#include "videoEncoder/NV_Enc/NvencProbe.h"
+#include "videoEncoder/Nv12Frame.h"
+
+namespace kestrium {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Units = std::vector<Bytes>;
+
+std::filesystem::path binaryFolder() { return platform::executablePath().parent_path(); }
+
+// NAL units of an Annex B stream, without start codes.
+Units nalUnits(std::span<const std::byte> annexB) {
+  Units units;
+  AnnexBReader reader(annexB);
+  for (std::span<const std::byte> unit; reader.next(unit);) {
+    const auto* b = reinterpret_cast<const uint8_t*>(unit.data());
+    units.emplace_back(b, b + unit.size());
+  }
+  return units;
+}
+Units nalUnits(const Bytes& annexB) { return nalUnits(std::as_bytes(std::span(annexB))); }
+
+// NAL units of a frame as the encoded slot holds it: each behind its length.
+Units lengthPrefixedUnits(const Bytes& frame) {
+  Units units;
+  for (size_t at = 0; at + 4 <= frame.size();) {
+    const size_t n = (size_t{frame[at]} << 24) | (size_t{frame[at + 1]} << 16) | (frame[at + 2] << 8) | frame[at + 3];
+    if (n == 0 || at + 4 + n > frame.size()) {
+      ADD_FAILURE() << "a unit of " << n << " bytes at " << at << " of " << frame.size();
+      break;
+    }
+    units.emplace_back(frame.begin() + static_cast<ptrdiff_t>(at + 4),
+                       frame.begin() + static_cast<ptrdiff_t>(at + 4 + n));
+    at += 4 + n;
+  }
+  return units;
+}
+
+bool holdsIdr(const Bytes& unit) {
+  for (const Bytes& nal : nalUnits(unit)) {
+    if (!nal.empty() && (nal[0] & 0x1F) == kNalTypeIdr) return true;
+  }
+  return false;
+}
+
+// The clip's access units, each from its delimiter (NAL type 9) to the next.
+const Units& clipUnits() {
+  static const Units units = [] {
+    const std::vector<char> raw = test::readBytes(binaryFolder() / "nvenc-clip.h264");
+    const Bytes clip(raw.begin(), raw.end());
+    std::vector<size_t> starts;
+    for (size_t i = 0; i + 3 < clip.size(); ++i) {
+      if (clip[i] == 0 && clip[i + 1] == 0 && clip[i + 2] == 1 && (clip[i + 3] & 0x1F) == 9) {
+        starts.push_back(i > 0 && clip[i - 1] == 0 ? i - 1 : i);
+      }
+    }
+    starts.push_back(clip.size());
+    Units out;
+    for (size_t k = 0; k + 1 < starts.size(); ++k) {
+      out.emplace_back(clip.begin() + static_cast<ptrdiff_t>(starts[k]),
+                       clip.begin() + static_cast<ptrdiff_t>(starts[k + 1]));
+    }
+    return out;
+  }();
+  return units;
+}
+
+OptionList options(uint32_t width, uint32_t height, OptionList more = {}) {
+  OptionList o = {"width",       std::to_string(width),
+                  "height",      std::to_string(height),
+                  "fps",         "30000",
+                  "shared_name", "cap",
+                  "profile",     "1",
+                  "bitrate",     "2000"};
+  o.insert(o.end(), more.begin(), more.end());
+  return o;
+}
+
+bool sameGuid(const GUID& a, const GUID& b) { return std::memcmp(&a, &b, sizeof(GUID)) == 0; }
+
+class NvencTest : public test::LoggedTest {
+ protected:
+  void SetUp() override {
+    LoggedTest::SetUp();
+    ASSERT_FALSE(clipUnits().empty()) << "the clip was made with the tests";
+    useFake();
+    // Held as the server holds it for its whole life, so the probe's word stays.
+    ASSERT_TRUE(features_.open());
+  }
+  // The fake as it starts, answering with the clip, in place of both libraries.
+  static void useFake() {
+    FakeNv_Reset();
+    for (auto library : {platform::VendorLibrary::Cuda, platform::VendorLibrary::Nvenc}) {
+      platform::setEnvironmentVariable(platform::vendorLibraryEntry(library).overrideVariable, fakePath());
+    }
+    for (const Bytes& unit : clipUnits()) FakeNv_AddAccessUnit(unit.data(), unit.size());
+  }
+  void TearDown() override {
+    EXPECT_STREQ(FakeNv_Violations(), "") << "the driver's rules are kept and nothing is left open";
+    LoggedTest::TearDown();
+  }
+
+  static std::u16string fakePath() {
+    // Windows finds the DLL beside the test program; dlopen wants the path.
+    return platform::toUtf16(KESTRIUM_FAKE_NVENC);
+  }
+  uint32_t featureWord() { return loadShared(features_.as<FeaturesBlock>()->nvenc); }
+
+  std::unique_ptr<IVidEncoder> openEncoder(const OptionList& o) {
+    auto encoder = CreateVideoEncoder(u"h264.nvenc");
+    if (encoder != nullptr && encoder->Init(o) != 1) encoder.reset();
+    return encoder;
+  }
+
+  // Feeds frames and closes; the frames the recorder's side took.
+  std::vector<test::EncodedFrame> record(IVidEncoder& encoder, test::EncodedSlotConsumer& consumer, uint32_t width,
+                                         uint32_t height, uint32_t frames, size_t expected) {
+    for (uint32_t i = 0; i < frames; ++i) {
+      sources_.push_back(test::picture(test::Picture::Game, width, height, i + 1));
+      positions_.push_back(1000 + i * 33 + i % 3);
+      EXPECT_EQ(encoder.EncodeFrame(std::as_bytes(std::span(sources_.back())), 1, positions_.back()), 1);
+    }
+    encoder.Close();
+    return consumer.taken(expected);
+  }
+
+  platform::SharedMapping features_{std::u16string(kFeaturesName), sizeof(FeaturesBlock)};
+  std::vector<Bytes> sources_;
+  std::vector<uint32_t> positions_;
+};
+
+// --- the probe -------------------------------------------------------------
+
+struct ProbeCase {
+  const char* name;
+  std::vector<FakeNvDevice> devices;
+  const char* failing;  // a call that fails, or null
+  int status;
+  std::vector<const char*> lines;
+  uint32_t word;
+  int firstUsable;  // device number, or -1
+};
+void PrintTo(const ProbeCase& c, std::ostream* os) { *os << c.name; }
+
+class NvencProbeTest : public NvencTest, public ::testing::WithParamInterface<ProbeCase> {};
+
+TEST_P(NvencProbeTest, TheProbeLogsWhatItFindsAndPublishesWhetherACardCanEncode) {
+  const ProbeCase& c = GetParam();
+  FakeNv_SetDevices(c.devices.data(), static_cast<int>(c.devices.size()));
+  if (c.failing != nullptr) FakeNv_Fail(c.failing, c.status, 1);
+  probeNvencDevices();
+  EXPECT_EQ(featureWord(), c.word);
+  const std::string text = log();
+  for (const char* line : c.lines) EXPECT_NE(text.find(line), std::string::npos) << line << "\nin\n" << text;
+  const std::vector<NvencDevice> usable = nvencDevices();
+  EXPECT_EQ(usable.empty() ? -1 : usable.front().number, c.firstUsable);
+}
+
+const FakeNvDevice kMaxwell{"GeForce GTX 970", 5, 2};
+const FakeNvDevice kFermi{"GeForce GTX 580", 2, 1};
+const FakeNvDevice kKepler{"GeForce GTX 680", 3, 0};
+
+INSTANTIATE_TEST_SUITE_P(
+    Machines, NvencProbeTest,
+    ::testing::Values(
+        ProbeCase{"OneCard",
+                  {kMaxwell},
+                  nullptr,
+                  0,
+                  {"  *** NVENC *** has detected 1 CUDA capable GPU device(s)\r\n",
+                   "  *** NVENC *** GPU 0 - GeForce GTX 970 has Compute SM 5.2, NVENC Available\r\n"},
+                  1,
+                  0},
+        ProbeCase{"FirstWithEncoder", {kKepler}, nullptr, 0, {"Compute SM 3.0, NVENC Available"}, 1, 0},
+        ProbeCase{
+            "TooOld", {kFermi}, nullptr, 0, {"GPU 0 - GeForce GTX 580 has Compute SM 2.1, NVENC Not Available"}, 0, -1},
+        ProbeCase{"OldThenNew", {kFermi, kMaxwell}, nullptr, 0, {"detected 2 CUDA", "GPU 1 - GeForce GTX 970"}, 1, 1},
+        ProbeCase{
+            "NoDevices", {}, nullptr, 0, {"[Error]   *** NVENC *** no devices available that support CUDA\r\n"}, 0, -1},
+        ProbeCase{
+            "InitFails", {kMaxwell}, "cuInit", 100, {"[Error]   *** NVENC *** cuInit() failed error:0x64\r\n"}, 0, -1},
+        ProbeCase{"CountFails",
+                  {kMaxwell},
+                  "cuDeviceGetCount",
+                  3,
+                  {"[Error]   *** NVENC *** cuDeviceGetCount() failed error:0x3\r\n"},
+                  0,
+                  -1},
+        ProbeCase{"FirstDeviceFails",
+                  {kMaxwell, kMaxwell},
+                  "cuDeviceGet",
+                  101,
+                  {"[Error]   *** NVENC *** Error getting device 0\r\n", "GPU 1 - GeForce GTX 970"},
+                  1,
+                  1},
+        ProbeCase{"NameFails",
+                  {kMaxwell},
+                  "cuDeviceGetName",
+                  101,
+                  {"[Error]   *** NVENC *** Error getting device name 0\r\n"},
+                  0,
+                  -1},
+        ProbeCase{"CapabilityFails",
+                  {kMaxwell},
+                  "cuDeviceComputeCapability",
+                  101,
+                  {"[Error]   *** NVENC *** Error getting device compute capabilities 0\r\n"},
+                  0,
+                  -1}),
+    [](const ::testing::TestParamInfo<ProbeCase>& info) { return std::string(info.param.name); });
+
+TEST_F(NvencTest, WithoutTheDriverTheProbeWritesNothingAndSaysNothing) {
+  platform::setEnvironmentVariable(platform::vendorLibraryEntry(platform::VendorLibrary::Cuda).overrideVariable,
+                                   (folder_.path() / "no-cuda-here").u16string());
+  storeShared(features_.as<FeaturesBlock>()->nvenc, 7u);
+  EXPECT_EQ(probeNvencDevices(), 0);
+  EXPECT_EQ(featureWord(), 7u) << "the word is not touched";
+  EXPECT_EQ(log().find("NVENC"), std::string::npos);
+  EXPECT_STREQ(FakeNv_CallLog(), "");
+}
+
+TEST_F(NvencTest, WithoutAUsableCardTheEncoderOpensNothing) {
+  FakeNvDevice old = kFermi;
+  FakeNv_SetDevices(&old, 1);
+  probeNvencDevices();
+  const std::string callsOfTheProbe = FakeNv_CallLog();
+  test::EncodedSlotConsumer consumer(u"cap", 64, 64);
+  EXPECT_EQ(openEncoder(options(64, 64)), nullptr);
+  EXPECT_EQ(FakeNv_CallLog(), callsOfTheProbe) << "no driver call";
+  EXPECT_NE(log().find("[Error]   *** NVENC *** This machine has no NVIDIA encoder"), std::string::npos);
+}
+
+// --- encoding ----------------------------------------------------------------
+
+struct SizeCase {
+  const char* name;
+  uint32_t width;
+  uint32_t height;
+};
+void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.name; }
+
+class NvencEncodeTest : public NvencTest, public ::testing::WithParamInterface<SizeCase> {};
+
+// Per-frame MD5 sums of ffmpeg's decoding of an H.264 stream.
+std::vector<std::string> decodedFrameSums(const std::filesystem::path& stream) {
+  std::string out;
+  EXPECT_EQ(
+      test::runTool(KESTRIUM_FFMPEG, {"-v", "error", "-f", "h264", "-i", stream.string(), "-f", "framemd5", "-"}, out),
+      0)
+      << out;
+  std::vector<std::string> sums;
+  std::istringstream lines(out);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    sums.push_back(line.substr(line.rfind(',') + 2));
+  }
+  return sums;
+}
+
+TEST_P(NvencEncodeTest, TheCardsFramesReachTheRecorderInOrderWithKeyFlagsAndPositions) {
+  const auto [name, width, height] = GetParam();
+  probeNvencDevices();
+  const Units& clip = clipUnits();
+  const auto frames = static_cast<uint32_t>(clip.size() + 6);  // the clip starts over once
+  test::EncodedSlotConsumer consumer(u"cap", width, height);
+  auto encoder = openEncoder(options(width, height));
+  ASSERT_NE(encoder, nullptr) << log();
+  std::vector<std::byte> sps, pps;
+  ASSERT_EQ(encoder->GetParameterSets(sps, pps), 1);
+  const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, width, height, frames, frames);
+  ASSERT_EQ(taken.size(), frames);
+
+  for (uint32_t i = 0; i < frames; ++i) {
+    const Bytes& unit = clip[i % clip.size()];
+    EXPECT_EQ(lengthPrefixedUnits(taken[i].bytes), nalUnits(unit)) << "frame " << i;
+    EXPECT_EQ(taken[i].key, holdsIdr(unit) ? 1u : 0u) << "frame " << i;
+    EXPECT_EQ(taken[i].position, positions_[i]);
+  }
+
+  // The card got our conversion of each frame, whatever the surface's pitch.
+  ASSERT_EQ(FakeNv_PictureCount(), static_cast<int>(frames));
+  Nv12Frame expected;
+  ASSERT_TRUE(expected.allocate(static_cast<int32_t>(width), static_cast<int32_t>(height)));
+  for (uint32_t i = 0; i < frames; ++i) {
+    FakeNvPicture got{};
+    ASSERT_EQ(FakeNv_Picture(static_cast<int>(i), &got), 1);
+    expected.convertFrom(sources_[i].data());
+    const Nv12Picture& p = expected.picture();
+    Bytes packed;
+    for (int32_t y = 0; y < p.height; ++y)
+      packed.insert(packed.end(), p.luma + y * p.lumaStep, p.luma + y * p.lumaStep + p.width);
+    for (int32_t y = 0; y < p.height / 2; ++y) {
+      packed.insert(packed.end(), p.chroma + y * p.chromaStep, p.chroma + y * p.chromaStep + p.width);
+    }
+    ASSERT_EQ(Bytes(got.nv12, got.nv12 + got.nv12Size), packed) << "surface of frame " << i;
+    EXPECT_EQ(got.inputTimeStamp, positions_[i]);
+  }
+
+  if (std::string(KESTRIUM_FFMPEG).empty()) return;
+  // What a player sees: the parameter sets and every delivered unit decode to the
+  // very pictures of the clip.
+  const auto stream = folder_.path() / "delivered.h264";
+  {
+    std::ofstream file(stream, std::ios::binary);
+    for (const auto* set : {&sps, &pps})
+      file.write(reinterpret_cast<const char*>(set->data()), static_cast<std::streamsize>(set->size()));
+    for (const test::EncodedFrame& f : taken) {
+      for (const Bytes& nal : lengthPrefixedUnits(f.bytes)) {
+        file.write("\0\0\0\1", 4);
+        file.write(reinterpret_cast<const char*>(nal.data()), static_cast<std::streamsize>(nal.size()));
+      }
+    }
+  }
+  const std::vector<std::string> delivered = decodedFrameSums(stream);
+  const std::vector<std::string> original = decodedFrameSums(binaryFolder() / "nvenc-clip.h264");
+  ASSERT_EQ(original.size(), clip.size());
+  ASSERT_EQ(delivered.size(), frames);
+  for (uint32_t i = 0; i < frames; ++i) EXPECT_EQ(delivered[i], original[i % clip.size()]) << "frame " << i;
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, NvencEncodeTest,
+                         ::testing::Values(SizeCase{"Laptop1366x768", 1366, 768}, SizeCase{"Odd642x362", 642, 362}),
+                         [](const ::testing::TestParamInfo<SizeCase>& info) { return std::string(info.param.name); });
+
+// --- start parameters against what the driver is told ---------------------------
+
+struct ParameterCase {
+  const char* name;
+  uint32_t width, height;
+  const char* profile;
+  uint32_t kbps;
+  const char* targetUsage;
+  const char* lowLatency;
+  const char* fps;
+  int preset;               // index in the driver's list
+  const GUID* profileGuid;  // null: the preset's own choice
+  uint32_t rateNum, rateDen;
+  int buffers;
+};
+void PrintTo(const ParameterCase& c, std::ostream* os) { *os << c.name; }
+
+class NvencParameterTest : public NvencTest, public ::testing::WithParamInterface<ParameterCase> {};
+
+TEST_P(NvencParameterTest, TheStartParametersReachTheDriver) {
+  const ParameterCase& c = GetParam();
+  probeNvencDevices();
+  test::EncodedSlotConsumer consumer(u"cap", c.width, c.height);
+  auto encoder = openEncoder({"width", std::to_string(c.width), "height", std::to_string(c.height), "fps", c.fps,
+                              "shared_name", "cap", "profile", c.profile, "bitrate", std::to_string(c.kbps),
+                              "target_usage", c.targetUsage, "low_latency", c.lowLatency});
+  ASSERT_NE(encoder, nullptr) << log();
+  NV_ENC_INITIALIZE_PARAMS p{};
+  NV_ENC_CONFIG config{};
+  ASSERT_EQ(FakeNv_InitializeParams(&p, &config), 1);
+  int presets = 0;
+  const GUID* guids = FakeNv_PresetGuids(&presets);
+  ASSERT_LT(c.preset, presets);
+  EXPECT_TRUE(sameGuid(p.presetGUID, guids[c.preset])) << "preset index " << c.preset;
+  EXPECT_EQ(config.gopLength, static_cast<uint32_t>(FakeNv_PresetGopLength(c.preset))) << "the preset's GOP holds";
+  EXPECT_TRUE(
+      sameGuid(config.profileGUID, c.profileGuid != nullptr ? *c.profileGuid : NV_ENC_CODEC_PROFILE_AUTOSELECT_GUID));
+  EXPECT_EQ(config.rcParams.averageBitRate, c.kbps * 1000);
+  EXPECT_EQ(config.rcParams.maxBitRate, c.kbps * 1000);
+  EXPECT_EQ(config.frameIntervalP, 1) << "no B-frames: frames leave in order";
+  EXPECT_EQ(config.encodeCodecConfig.h264Config.sliceMode, 3u);
+  EXPECT_EQ(config.encodeCodecConfig.h264Config.sliceModeData, 1u);
+  EXPECT_EQ(p.frameRateNum, c.rateNum);
+  EXPECT_EQ(p.frameRateDen, c.rateDen);
+  const uint32_t w = (c.width + 1) & ~1u, h = (c.height + 1) & ~1u;
+  EXPECT_EQ(p.encodeWidth, w);
+  EXPECT_EQ(p.encodeHeight, h);
+  EXPECT_EQ(p.maxEncodeWidth, w);
+  EXPECT_EQ(p.maxEncodeHeight, h);
+  EXPECT_EQ(p.enablePTD, 1u);
+  EXPECT_EQ(FakeNv_InputBuffersCreated(), c.buffers);
+  EXPECT_EQ(FakeNv_BitstreamBuffersCreated(), c.buffers);
+  encoder->Close();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    StartParameters, NvencParameterTest,
+    ::testing::Values(ParameterCase{"FullHdHigh", 1920, 1080, "2", 6000, "0", "0", "30000", 2,
+                                    &NV_ENC_H264_PROFILE_HIGH_GUID, 30, 1, 16},
+                      ParameterCase{"JustUnderFullHdBaseline", 1920, 1072, "0", 4000, "1", "0", "29970", 0,
+                                    &NV_ENC_H264_PROFILE_BASELINE_GUID, 299700, 10000, 32},
+                      ParameterCase{"LaptopMainLowLatency", 1366, 768, "1", 2500, "2", "1", "59940", 5,
+                                    &NV_ENC_H264_PROFILE_MAIN_GUID, 599400, 10000, 32},
+                      ParameterCase{"OddSizeFastLowLatency", 641, 361, "1", 1000, "0", "1", "60000", 6,
+                                    &NV_ENC_H264_PROFILE_MAIN_GUID, 60, 1, 32},
+                      ParameterCase{"QualityLowLatency", 642, 362, "1", 1000, "1", "1", "30000", 1,
+                                    &NV_ENC_H264_PROFILE_MAIN_GUID, 30, 1, 32},
+                      ParameterCase{"OtherTargetUsageKeepsTheDefault", 642, 362, "1", 1000, "5", "0", "30000", 3,
+                                    &NV_ENC_H264_PROFILE_MAIN_GUID, 30, 1, 32},
+                      ParameterCase{"UnknownProfileIsTheEncodersChoice", 642, 362, "7", 1000, "2", "0", "30000", 3,
+                                    nullptr, 30, 1, 32}),
+    [](const ::testing::TestParamInfo<ParameterCase>& info) { return std::string(info.param.name); });
+
+// --- failures ------------------------------------------------------------------
+
+struct SetupFailure {
+  const char* name;
+  const char* call;  // made to fail, or null
+  int status;
+  int occurrence;
+  const char* line;
+  void (*arrange)();  // another way the driver says no, or null
+};
+void PrintTo(const SetupFailure& c, std::ostream* os) { *os << c.name; }
+
+class NvencSetupFailureTest : public NvencTest, public ::testing::WithParamInterface<SetupFailure> {};
+
+TEST_P(NvencSetupFailureTest, TheCaptureIsRefusedWithAReasonNothingStaysOpenAndTheNextOneRecords) {
+  const SetupFailure& c = GetParam();
+  probeNvencDevices();
+  {
+    test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+    if (c.call != nullptr) FakeNv_Fail(c.call, c.status, c.occurrence);
+    if (c.arrange != nullptr) c.arrange();
+    EXPECT_EQ(openEncoder(options(642, 362, {"target_usage", "0", "profile", "2"})), nullptr);
+  }
+  const std::string text = log();
+  EXPECT_NE(text.find(c.line), std::string::npos) << text;
+  EXPECT_NE(text.find("[Error]   Cannot initialize NV Encoder\r\n"), std::string::npos) << text;
+  EXPECT_STREQ(FakeNv_Violations(), "") << "every object made before the failure is gone";
+
+  useFake();
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = openEncoder(options(642, 362));
+  ASSERT_NE(encoder, nullptr) << "the next capture opens";
+  EXPECT_EQ(record(*encoder, consumer, 642, 362, 5, 5).size(), 5u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Driver, NvencSetupFailureTest,
+    ::testing::Values(
+        SetupFailure{"NoRuntime", nullptr, 0, 0, "[Error]   CNvEncoder::CNvEncoder() failed to load ",
+                     [] { platform::setEnvironmentVariable("KESTRIUM_LIB_NVENC", u"no-nvenc-runtime-here"); }},
+        SetupFailure{"CudaInit", "cuInit", 3, 1,
+                     "[Error]   checkCudaErrors() Driver API error = 0003 \"CUDA_ERROR_NOT_INITIALIZED\" from file "
+                     "<videoEncoder\\NV_Enc\\CNVEncoder>",
+                     nullptr},
+        SetupFailure{"Device", "cuDeviceGet", 101, 1, "error = 0101 \"CUDA_ERROR_INVALID_DEVICE\"", nullptr},
+        SetupFailure{"Context", "cuCtxCreate_v2", 2, 1, "error = 0002 \"CUDA_ERROR_OUT_OF_MEMORY\"", nullptr},
+        SetupFailure{"PopContext", "cuCtxPopCurrent_v2", 201, 1, "error = 0201 \"CUDA_ERROR_INVALID_CONTEXT\"",
+                     nullptr},
+        SetupFailure{"FunctionList", "NvEncodeAPICreateInstance", 15, 1,
+                     "[Error]   NVENC error at videoEncoder\\NV_Enc\\CNVEncoder:", nullptr},
+        SetupFailure{"Session", "nvEncOpenEncodeSessionEx", 1, 1,
+                     "File: videoEncoder\\NV_Enc\\CNVEncoder, Line: ", nullptr},
+        SetupFailure{"CodecCount", "nvEncGetEncodeGUIDCount", 20, 1,
+                     "nvEncGetEncodeGUIDCount() returned with error 20\r\n", nullptr},
+        SetupFailure{"Codecs", "nvEncGetEncodeGUIDs", 8, 1, "nvEncGetEncodeGUIDs() returned with error 8\r\n", nullptr},
+        SetupFailure{"PresetCount", "nvEncGetEncodePresetCount", 8, 1,
+                     "code=8(NVENC indicates that one or more of the parameter passed to the API call is invalid.)",
+                     nullptr},
+        SetupFailure{"Presets", "nvEncGetEncodePresetGUIDs", 6, 1, "code=6(NVENC one or more of the pointers", nullptr},
+        SetupFailure{"PresetConfig", "nvEncGetEncodePresetConfig", 15, 1,
+                     "code=15(NVENC indicates that an invalid struct", nullptr},
+        SetupFailure{"ProfileCount", "nvEncGetEncodeProfileGUIDCount", 8, 1,
+                     "nvEncGetEncodeProfileGUIDCount() returned with error 8\r\n", nullptr},
+        SetupFailure{"Profiles", "nvEncGetEncodeProfileGUIDs", 8, 1,
+                     "nvEncGetEncodeProfileGUIDs() returned with error 8\r\n", nullptr},
+        SetupFailure{"FormatCount", "nvEncGetInputFormatCount", 8, 1,
+                     "nvEncGetInputFormatCount() returned with error 8\r\n", nullptr},
+        SetupFailure{"Formats", "nvEncGetInputFormats", 8, 1, "nvEncGetInputFormats() returned with error 8\r\n",
+                     nullptr},
+        SetupFailure{"Initialize", "nvEncInitializeEncoder", 12, 1,
+                     "[Error]   nvEncoder Error: NVENC H.264 encoder initialization failed: 0000000C\r\n", nullptr},
+        SetupFailure{"FifthSurface", "nvEncCreateInputBuffer", 10, 5,
+                     "code=10(NVENC indicates that the API call failed", nullptr},
+        SetupFailure{"ThirdBitstream", "nvEncCreateBitstreamBuffer", 10, 3, "code=10(", nullptr},
+        SetupFailure{"SequenceParams", "nvEncGetSequenceParams", 14, 1, "code=14(", nullptr},
+        SetupFailure{"PresetNotOffered", nullptr, 0, 0, "\n Wrong preset Value. Exiting ",
+                     [] { FakeNv_SetPresetCount(2); }},
+        SetupFailure{"ProfileNotOffered", nullptr, 0, 0, "[Error]   *** NVENC *** The card offers no H.264 profile 100",
+                     [] {
+                       const GUID profiles[] = {NV_ENC_CODEC_PROFILE_AUTOSELECT_GUID, NV_ENC_H264_PROFILE_MAIN_GUID};
+                       FakeNv_SetProfiles(profiles, 2);
+                     }},
+        SetupFailure{"NoNv12", nullptr, 0, 0, "[Error]   *** NVENC *** The card takes no NV12 pictures",
+                     [] {
+                       const NV_ENC_BUFFER_FORMAT formats[] = {NV_ENC_BUFFER_FORMAT_ARGB};
+                       FakeNv_SetInputFormats(formats, 1);
+                     }}),
+    [](const ::testing::TestParamInfo<SetupFailure>& info) { return std::string(info.param.name); });
+
+struct EncodeFailure {
+  const char* name;
+  const char* call;
+  int status;
+  const char* line;
+};
+void PrintTo(const EncodeFailure& c, std::ostream* os) { *os << c.name; }
+
+class NvencEncodeFailureTest : public NvencTest, public ::testing::WithParamInterface<EncodeFailure> {};
+
+TEST_P(NvencEncodeFailureTest, AFrameTheDriverRefusesIsLostAndTheStreamGoesOn) {
+  const EncodeFailure& c = GetParam();
+  probeNvencDevices();
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = openEncoder(options(642, 362));
+  ASSERT_NE(encoder, nullptr) << log();
+  FakeNv_Fail(c.call, c.status, 3);
+  const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, 642, 362, 10, 9);
+  ASSERT_EQ(taken.size(), 9u);
+  for (size_t i = 0; i < taken.size(); ++i) EXPECT_EQ(taken[i].position, positions_[i < 2 ? i : i + 1]);
+  EXPECT_NE(log().find(c.line), std::string::npos) << log();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Driver, NvencEncodeFailureTest,
+    ::testing::Values(EncodeFailure{"Encode", "nvEncEncodePicture", 18,
+                                    "[Error]   *** NVENC *** nvEncEncodePicture failed on the frame at 1068 ms: "
+                                    "code=18(NVENC HW encoder is busy"},
+                      EncodeFailure{"LockSurface", "nvEncLockInputBuffer", 13,
+                                    "[Error]   *** NVENC *** nvEncLockInputBuffer failed on the frame at 1068 ms"}),
+    [](const ::testing::TestParamInfo<EncodeFailure>& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace kestrium
