@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -382,8 +384,9 @@ TEST_P(NvencParameterTest, TheStartParametersReachTheDriver) {
   EXPECT_EQ(config.gopLength, static_cast<uint32_t>(FakeNv_PresetGopLength(c.preset))) << "the preset's GOP holds";
   EXPECT_TRUE(
       sameGuid(config.profileGUID, c.profileGuid != nullptr ? *c.profileGuid : NV_ENC_CODEC_PROFILE_AUTOSELECT_GUID));
-  EXPECT_EQ(config.rcParams.averageBitRate, c.kbps * 1000);
-  EXPECT_EQ(config.rcParams.maxBitRate, c.kbps * 1000);
+  const uint32_t bitrate = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{c.kbps} * 1000, UINT32_MAX / 1000 * 1000));
+  EXPECT_EQ(config.rcParams.averageBitRate, bitrate);
+  EXPECT_EQ(config.rcParams.maxBitRate, bitrate);
   EXPECT_EQ(config.frameIntervalP, 1) << "no B-frames: frames leave in order";
   EXPECT_EQ(config.encodeCodecConfig.h264Config.sliceMode, 3u);
   EXPECT_EQ(config.encodeCodecConfig.h264Config.sliceModeData, 1u);
@@ -413,6 +416,8 @@ INSTANTIATE_TEST_SUITE_P(
                       ParameterCase{"QualityLowLatency", 642, 362, "1", 1000, "1", "1", "30000", 1,
                                     &NV_ENC_H264_PROFILE_MAIN_GUID, 30, 1, 32},
                       ParameterCase{"OtherTargetUsageKeepsTheDefault", 642, 362, "1", 1000, "5", "0", "30000", 3,
+                                    &NV_ENC_H264_PROFILE_MAIN_GUID, 30, 1, 32},
+                      ParameterCase{"BitrateBeyondTheDriversWord", 642, 362, "1", 5000000, "2", "0", "30000", 3,
                                     &NV_ENC_H264_PROFILE_MAIN_GUID, 30, 1, 32},
                       ParameterCase{"UnknownProfileIsTheEncodersChoice", 642, 362, "7", 1000, "2", "0", "30000", 3,
                                     nullptr, 30, 1, 32}),

@@ -1,6 +1,7 @@
 #include "videoEncoder/NV_Enc/CNvEncoderH264.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -50,7 +51,9 @@ EncodeConfig EncodeConfig::from(const H264Settings& s) {
   c.height = c.maxheight = static_cast<uint32_t>(s.height + 1) & ~1u;
   c.frameRateNum = s.rateNum;
   c.frameRateDen = s.rateDen;
-  c.bitrate = c.maxbitrate = s.bitrateKbps * 1000;
+  // In bit/s the driver's word ends at 4.29 Gbit/s: a larger wish is the most
+  // it can say, not a wrap to next to nothing.
+  c.bitrate = c.maxbitrate = std::min<uint32_t>(s.bitrateKbps, UINT32_MAX / 1000) * 1000;
   c.preset = CNvEncoderH264::presetIndex(s.targetUsage, s.lowLatency);
   return c;
 }
