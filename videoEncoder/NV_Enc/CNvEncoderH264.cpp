@@ -84,7 +84,7 @@ bool CNvEncoderH264::open(const H264Settings& settings, std::vector<std::byte>& 
     platform::Event probe;
     asynchronous_ = probe.create({}) && probe.nativeHandle() != nullptr;
     config.syncMode = asynchronous_ ? 0 : 1;
-    ok = openSession(config) && checkSupport(config) && initializeEncoder(config) && allocateBuffers(config) &&
+    ok = openSession() && checkSupport(config) && initializeEncoder(config) && allocateBuffers(config) &&
          readSequenceParams(headers);
   }
   if (!ok) {
@@ -98,8 +98,7 @@ bool CNvEncoderH264::open(const H264Settings& settings, std::vector<std::byte>& 
   return true;
 }
 
-bool CNvEncoderH264::openSession(const EncodeConfig& config) {
-  if (config.interfaceType != 2) return false;
+bool CNvEncoderH264::openSession() {
   if (CUresult status = cuda_.cuInit(0); status != CUDA_SUCCESS) {
     logCudaError(status, "cuInit(0)");
     return false;

@@ -14,10 +14,9 @@
 
 namespace kestrium {
 
-// The session's parameters, as the capture's options set them. Only some reach
-// the driver: the rest describe what the preset already decides.
+// The session's parameters, as the capture's options set them; the rate
+// control and the GOP stay the preset's (picture types are the encoder's).
 struct EncodeConfig {
-  uint32_t codec = 4;     // H.264
   uint32_t profile = 77;  // 66 Baseline, 77 Main, 100 High, 0 the encoder's choice
   uint32_t level = 0;     // the encoder's choice
   uint32_t width = 1920;
@@ -28,15 +27,12 @@ struct EncodeConfig {
   uint32_t frameRateDen = 1001;
   uint32_t bitrate = 0;  // bit/s
   uint32_t maxbitrate = 0;
-  uint32_t gopLength = 30;  // only without picture type decision, which is on
   uint32_t numBFrames = 0;
   uint32_t fieldMode = 0;
-  uint32_t rcMode = 2;  // the preset's rate control holds all the same
   uint32_t numSlices = 1;
   uint32_t enablePtd = 1;  // the encoder decides the picture types, and so the GOP
   uint32_t preset = 3;     // an index into the driver's list of presets
   uint32_t syncMode = 0;
-  uint32_t interfaceType = 2;  // CUDA
 
   // From the front's settings: profile, size, frame rate, bitrate, preset.
   static EncodeConfig from(const H264Settings& settings);
@@ -84,7 +80,7 @@ class CNvEncoderH264 : public H264Session {
     CodedFrameSink* sink = nullptr;  // null: the end of the stream
   };
 
-  bool openSession(const EncodeConfig& config);
+  bool openSession();
   bool checkSupport(const EncodeConfig& config);
   bool initializeEncoder(const EncodeConfig& config);
   bool allocateBuffers(const EncodeConfig& config);

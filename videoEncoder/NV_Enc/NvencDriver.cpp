@@ -19,6 +19,15 @@ bool find(const platform::SharedLibrary& library, const char* name, Fn*& into) {
   return true;
 }
 
+// The text a table gives a code, or the fallback for a code it lacks.
+template <size_t N>
+std::string_view textOf(const std::pair<int, std::string_view> (&table)[N], int code, std::string_view fallback) {
+  for (const auto& [c, text] : table) {
+    if (c == code) return text;
+  }
+  return fallback;
+}
+
 }  // namespace
 
 bool CudaDriver::load() {
@@ -92,10 +101,7 @@ std::string_view nvencStatusText(int status) {
       {24, "NVENC Client is attempting to unregister resource that hasn't been registered."},
       {25, "NVENC Client is attempting to unmap resource that hasn't been mapped."},
   };
-  for (const auto& [code, text] : kTexts) {
-    if (code == status) return text;
-  }
-  return "<unknown>";
+  return textOf(kTexts, status, "<unknown>");
 }
 
 std::string_view cudaErrorName(int status) {
@@ -121,10 +127,7 @@ std::string_view cudaErrorName(int status) {
       {801, "CUDA_ERROR_NOT_SUPPORTED"},
       {999, "CUDA_ERROR_UNKNOWN"},
   };
-  for (const auto& [code, name] : kNames) {
-    if (code == status) return name;
-  }
-  return "CUDA_ERROR_UNKNOWN";
+  return textOf(kNames, status, "CUDA_ERROR_UNKNOWN");
 }
 
 void logCudaError(int status, std::string_view call) {

@@ -115,8 +115,6 @@ struct World {
   NV_ENC_INITIALIZE_PARAMS init{};
   NV_ENC_CONFIG config{};
   int inputsCreated = 0, outputsCreated = 0;
-  uint32_t lastInputWidth = 0, lastInputHeight = 0;
-  int endsOfStream = 0;
 
   bool cudaInitialized = false;
   int nextId = 1;
@@ -360,15 +358,6 @@ FAKE_EXPORT CUresult CUDAAPI cuCtxPopCurrent_v2(CUcontext* context) {
   return CUDA_SUCCESS;
 }
 
-FAKE_EXPORT CUresult CUDAAPI cuCtxPushCurrent_v2(CUcontext context) {
-  FAKE_ENTER(CUresult);
-  FAKE_NEED_INIT();
-  CUctx_st* c = liveContext(w, context);
-  if (!c) return FAKE_RULE("unknown or destroyed context", kCuInvalidContext);
-  w.current[std::this_thread::get_id()].push_back(c);
-  return CUDA_SUCCESS;
-}
-
 FAKE_EXPORT CUresult CUDAAPI cuCtxDestroy_v2(CUcontext context) {
   FAKE_ENTER(CUresult);
   FAKE_NEED_INIT();
@@ -393,7 +382,6 @@ static_assert(std::is_same_v<decltype(&cuDeviceGetName), tcuDeviceGetName*>);
 static_assert(std::is_same_v<decltype(&cuDeviceComputeCapability), tcuDeviceComputeCapability*>);
 static_assert(std::is_same_v<decltype(&cuCtxCreate_v2), tcuCtxCreate_v2*>);
 static_assert(std::is_same_v<decltype(&cuCtxPopCurrent_v2), tcuCtxPopCurrent_v2*>);
-static_assert(std::is_same_v<decltype(&cuCtxPushCurrent_v2), tcuCtxPushCurrent_v2*>);
 static_assert(std::is_same_v<decltype(&cuCtxDestroy_v2), tcuCtxDestroy_v2*>);
 
 // ---------------------------------------------------------------------------
@@ -621,8 +609,6 @@ NVENCSTATUS NVENCAPI nvEncCreateInputBuffer(void* encoder, NV_ENC_CREATE_INPUT_B
   b->memory.assign(static_cast<size_t>(b->pitch * rows), 0xEE);
   p->inputBuffer = b.get();
   ++w.inputsCreated;
-  w.lastInputWidth = p->width;
-  w.lastInputHeight = p->height;
   s->inputs.push_back(std::move(b));
   return NV_ENC_SUCCESS;
 }
@@ -767,7 +753,6 @@ NVENCSTATUS NVENCAPI nvEncEncodePicture(void* encoder, NV_ENC_PIC_PARAMS* p) {
       signal(p->completionEvent);
     }
     s->ended = true;
-    ++w.endsOfStream;
     return NV_ENC_SUCCESS;
   }
   InputBuffer* in = findInput(*s, p->inputBuffer);
@@ -910,13 +895,6 @@ NVENCSTATUS NVENCAPI nvEncDestroyEncoder(void* encoder) {
 
 extern "C" {
 
-FAKE_EXPORT NVENCSTATUS NVENCAPI NvEncodeAPIGetMaxSupportedVersion(uint32_t* version) {
-  FAKE_ENTER(NVENCSTATUS);
-  if (!version) return FAKE_RULE("null version", NV_ENC_ERR_INVALID_PTR);
-  *version = (NVENCAPI_MAJOR_VERSION << 4) | NVENCAPI_MINOR_VERSION;
-  return NV_ENC_SUCCESS;
-}
-
 FAKE_EXPORT NVENCSTATUS NVENCAPI NvEncodeAPICreateInstance(NV_ENCODE_API_FUNCTION_LIST* f) {
   FAKE_ENTER(NVENCSTATUS);
   if (!f) return FAKE_RULE("null function list", NV_ENC_ERR_INVALID_PTR);
@@ -1003,13 +981,7 @@ int32_t FakeNv_PresetGopLength(int i) { return presetGop(i); }
 int FakeNv_InputBuffersCreated(void) { FAKE_CONTROL(); return w.inputsCreated; }
 int FakeNv_BitstreamBuffersCreated(void) { FAKE_CONTROL(); return w.outputsCreated; }
 int FakeNv_PictureCount(void) { FAKE_CONTROL(); return static_cast<int>(w.pictures.size()); }
-int FakeNv_EndsOfStream(void) { FAKE_CONTROL(); return w.endsOfStream; }
 
-void FakeNv_LastInputBufferSize(uint32_t* width, uint32_t* height) {
-  FAKE_CONTROL();
-  if (width) *width = w.lastInputWidth;
-  if (height) *height = w.lastInputHeight;
-}
 
 int FakeNv_Picture(int index, FakeNvPicture* out) {
   FAKE_CONTROL();

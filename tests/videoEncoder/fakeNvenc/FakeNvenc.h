@@ -93,21 +93,17 @@ FAKE_NVENC_API const GUID* FakeNv_PresetGuids(int* count);
 // index i (each preset has a different one, so a test can tell them apart).
 FAKE_NVENC_API int32_t FakeNv_PresetGopLength(int i);
 
-// Input buffers and bitstream buffers created since the reset, and the size of
-// the last input buffer created. An input buffer's pitch is always wider than
+// Input buffers and bitstream buffers created since the reset. An input buffer's pitch is always wider than
 // its rows of pixels (the row bytes rounded up to the next multiple of 256,
 // never equal), and an NV12 buffer's chroma starts after pitch x its height.
 FAKE_NVENC_API int FakeNv_InputBuffersCreated(void);
 FAKE_NVENC_API int FakeNv_BitstreamBuffersCreated(void);
-FAKE_NVENC_API void FakeNv_LastInputBufferSize(uint32_t* width, uint32_t* height);
 
 // Pictures encoded with an input buffer, in order. Only NV12 pictures carry
 // pixels (nv12 is null for the other formats). Each session numbers its
 // pictures from 0, so a new session starts again from the clip's first unit.
 FAKE_NVENC_API int FakeNv_PictureCount(void);
 FAKE_NVENC_API int FakeNv_Picture(int index, FakeNvPicture* out);
-// End-of-stream pictures accepted since the reset.
-FAKE_NVENC_API int FakeNv_EndsOfStream(void);
 
 // Every rule broken since the reset, one per line, and then every object still
 // alive (context, session, buffer, registered event, lock), or "" when all is
