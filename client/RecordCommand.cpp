@@ -44,7 +44,7 @@ struct RecordOptions {
   std::string source = "pattern";
   std::optional<double> prerecord, beginAfter, pauseAt, resumeAt, dieAfter, releaseAfter;
   bool folderByName = false, folderByDate = false, deleteFiles = false, noStop = false, stuckEncoded = false;
-  uint32_t profile = 0, bitrate = 0, targetUsage = 0, useHw = 0, fullColor = 0, lowLatency = 0;
+  uint32_t profile = 0, bitrate = 0, targetUsage = 0, useHw = 1, fullColor = 0, lowLatency = 0;
   uint32_t fullColorRange = 1, fullColorSpace = 1, quality = 85, vfw = 0;
   std::vector<std::pair<std::u16string, uint32_t>> audio;
   uint32_t aacKbps = 0;

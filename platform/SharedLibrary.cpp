@@ -35,7 +35,7 @@ constexpr std::string_view kOpenVideoName = "OpenVideo.dll";
 #endif
 constexpr VendorLibraryEntry kVendorLibraries[] = {
     {"nvcuda.dll", "KESTRIUM_LIB_CUDA"},   {kNvencName, "KESTRIUM_LIB_NVENC"},
-    {kQuickSyncName, "KESTRIUM_LIB_QUICKSYNC"}, {"", "KESTRIUM_LIB_VA"},
+    {kQuickSyncName, "KESTRIUM_LIB_QUICKSYNC"}, {"", "KESTRIUM_LIB_VA"}, {"", "KESTRIUM_LIB_VA_DRM"},
     {kOpenVideoName, "KESTRIUM_LIB_OPENVIDEO"}, {"OpenCL.dll", "KESTRIUM_LIB_OPENCL"},
 };
 #else
@@ -43,7 +43,7 @@ constexpr VendorLibraryEntry kVendorLibraries[] = {
 constexpr VendorLibraryEntry kVendorLibraries[] = {
     {"libcuda.so.1", "KESTRIUM_LIB_CUDA"}, {"libnvidia-encode.so.1", "KESTRIUM_LIB_NVENC"},
     {"libvpl.so.2", "KESTRIUM_LIB_QUICKSYNC"}, {"libva.so.2", "KESTRIUM_LIB_VA"},
-    {"", "KESTRIUM_LIB_OPENVIDEO"},         {"libOpenCL.so.1", "KESTRIUM_LIB_OPENCL"},
+    {"libva-drm.so.2", "KESTRIUM_LIB_VA_DRM"},  {"", "KESTRIUM_LIB_OPENVIDEO"},         {"libOpenCL.so.1", "KESTRIUM_LIB_OPENCL"},
 };
 #endif
 static_assert(std::size(kVendorLibraries) == static_cast<size_t>(VendorLibrary::OpenCl) + 1);

@@ -34,7 +34,8 @@ class SharedLibrary {
 };
 
 // The vendor runtimes that hardware encoders load when the machine has them.
-enum class VendorLibrary { Cuda, Nvenc, QuickSync, VaApi, OpenVideo, OpenCl };
+// VaDrm is libva's DRM half, which opens a display on a render node.
+enum class VendorLibrary { Cuda, Nvenc, QuickSync, VaApi, VaDrm, OpenVideo, OpenCl };
 
 // Each vendor library has its OS's name in one table ("nvcuda.dll",
 // "libcuda.so.1"; empty where the OS has no such library) and an environment

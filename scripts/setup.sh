@@ -9,6 +9,8 @@ packages=(
   libavcodec-dev libavformat-dev libswscale-dev libmp3lame-dev librtmp-dev
   # NVIDIA's encoder API, headers only: the driver is loaded at run time where there is one
   libffmpeg-nvenc-dev
+  # Intel's and AMD's encoders on Linux, headers only: oneVPL and libva are loaded at run time
+  libvpl-dev libva-dev
   # tests and benchmarks, and the independent readers that check our files
   googletest libgtest-dev libgmock-dev libbenchmark-dev ffmpeg sox libsox-fmt-mp3
   # a real sound server for the audio tests: a PulseAudio daemon with null sinks

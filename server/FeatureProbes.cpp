@@ -3,12 +3,21 @@
 #if KESTRIUM_WITH_NVENC
 #include "videoEncoder/NV_Enc/NvencProbe.h"
 #endif
+#if KESTRIUM_WITH_QUICKSYNC
+#include "videoEncoder/IntelQuickSync/QuickSyncProbe.h"
+#endif
+#if KESTRIUM_WITH_AMDVCE
+#include "videoEncoder/amd_vce/AmdVceProbe.h"
+#endif
 
 namespace kestrium {
 
-// Quick Sync and AMD's encoder are not built into this server yet: their words
-// of the features block stay 0.
-void probeQuickSync() {}
+// An encoder not built into this server leaves its word of the features block at 0.
+void probeQuickSync() {
+#if KESTRIUM_WITH_QUICKSYNC
+  probeQuickSyncEncoder();
+#endif
+}
 
 void probeNvenc() {
 #if KESTRIUM_WITH_NVENC
@@ -16,6 +25,10 @@ void probeNvenc() {
 #endif
 }
 
-void probeAmdVce() {}
+void probeAmdVce() {
+#if KESTRIUM_WITH_AMDVCE
+  probeAmdEncoder();
+#endif
+}
 
 }  // namespace kestrium

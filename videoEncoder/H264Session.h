@@ -20,6 +20,7 @@ struct H264Settings {
   uint32_t targetUsage = 0;   // 1 best quality .. 7 fastest; 0 the balanced middle
   bool lowLatency = false;    // no frame held back for lookahead
   int32_t threads = 1;        // the encoder's own threads
+  bool useHardware = true;    // false: a vendor's software runtime, where it has one
 };
 
 // One picture in NV12: a luma plane and a plane of interleaved U, V pairs, of the

@@ -20,6 +20,12 @@
 #if KESTRIUM_WITH_NVENC
 #include "videoEncoder/NV_Enc/VidEncoderNVENC.h"
 #endif
+#if KESTRIUM_WITH_QUICKSYNC
+#include "videoEncoder/IntelQuickSync/VidEncoderQuickSync.h"
+#endif
+#if KESTRIUM_WITH_AMDVCE
+#include "videoEncoder/amd_vce/VidEncoderAMD.h"
+#endif
 
 namespace kestrium {
 
@@ -69,6 +75,12 @@ std::unique_ptr<IVidEncoder> CreateVideoEncoder(std::u16string_view name) {
 #endif
 #if KESTRIUM_WITH_NVENC
   if (name == u"h264.nvenc") return std::make_unique<VidEncoderNVENC>();
+#endif
+#if KESTRIUM_WITH_QUICKSYNC
+  if (name == u"h264.quicksync") return std::make_unique<VidEncoderQuickSync>();
+#endif
+#if KESTRIUM_WITH_AMDVCE
+  if (name == u"h264.amdvce") return std::make_unique<VidEncoderAMD>();
 #endif
   logLine(u"[Error]   Cannot create video encoder %s\n", name);
   return nullptr;

@@ -49,6 +49,8 @@ H264Settings VidEncoderH264::settingsFor(const OptionList& options) {
       fps = static_cast<uint32_t>(std::max(optionInt(value), 0));
     } else if (key == "low_latency") {
       s.lowLatency = optionInt(value) != 0;
+    } else if (key == "use_hw") {
+      s.useHardware = optionInt(value) != 0;
     } else {
       return false;
     }
@@ -93,8 +95,6 @@ int VidEncoderH264::Init(const OptionList& options) {
   walkOptions(options, [this](std::string_view key, std::string_view value) {
     if (key == "full_color") {
       fullColor_ = static_cast<uint32_t>(optionInt(value));
-    } else if (key == "use_hw") {
-      useHardware_ = static_cast<uint32_t>(optionInt(value));
     } else {
       return false;
     }
@@ -131,10 +131,12 @@ int VidEncoderH264::Open() {
     return 0;
   }
   parameterSets_ = findParameterSets(headers);
-  if (!parameterSets_) {
+  // An encoder that tells its headers with the first frame has them caught there.
+  if (!parameterSets_ && !(headers.empty() && HeadersAfterFirstFrame() != 0)) {
     logLine(u"[Error]   *** H264 *** The encoder's headers hold no SPS and PPS\n");
     return 0;
   }
+  caughtParameterSets_ = parameterSets_.has_value();
   lengthPrefixed_.reserve(static_cast<size_t>(EncodedCapacity()));
   if (!thread_.start([this] { run(); }, "kestrium-h264")) {
     logLine(u"[Error]   *** H264 *** Cannot start the encoder thread\n");
@@ -205,6 +207,7 @@ void VidEncoderH264::run() {
 
 void VidEncoderH264::Publisher::deliver(std::span<const std::byte> annexB, uint32_t position, bool key) {
   VidEncoderH264& e = owner_;
+  if (!e.caughtParameterSets_) e.catchParameterSets(annexB);
   e.lengthPrefixed_.clear();
   appendLengthPrefixed(annexB, e.lengthPrefixed_);
   CommonData* common = e.objects_.common();
@@ -260,13 +263,29 @@ void VidEncoderH264::stopThread() {
   if (!JoinEncoderThread(thread_)) abandoned_ = true;
 }
 
+void VidEncoderH264::catchParameterSets(std::span<const std::byte> annexB) {
+  std::lock_guard guard(headersLock_);
+  if (!parameterSets_) parameterSets_.emplace();
+  AnnexBReader reader(annexB);
+  for (std::span<const std::byte> unit; reader.next(unit);) {
+    // The first of each is kept; the stream carries the rest as it comes.
+    if (nalType(unit) == kNalTypeSps && parameterSets_->sps.empty()) parameterSets_->sps.assign(unit.begin(), unit.end());
+    if (nalType(unit) == kNalTypePps && parameterSets_->pps.empty()) parameterSets_->pps.assign(unit.begin(), unit.end());
+  }
+  caughtParameterSets_ = !parameterSets_->sps.empty() && !parameterSets_->pps.empty();
+}
+
 std::vector<std::byte> VidEncoderH264::GetStreamHeader() {
-  if (!parameterSets_) return {};
+  std::lock_guard guard(headersLock_);
+  if (!parameterSets_ || parameterSets_->sps.empty() || parameterSets_->pps.empty()) return {};
   return avcConfigurationRecord(parameterSets_->sps, parameterSets_->pps);
 }
 
 int VidEncoderH264::GetParameterSets(std::vector<std::byte>& sps, std::vector<std::byte>& pps) {
-  if (!parameterSets_) return IVidEncoder::GetParameterSets(sps, pps);
+  std::lock_guard guard(headersLock_);
+  if (!parameterSets_ || parameterSets_->sps.empty() || parameterSets_->pps.empty()) {
+    return IVidEncoder::GetParameterSets(sps, pps);
+  }
   sps = withStartCode(parameterSets_->sps);
   pps = withStartCode(parameterSets_->pps);
   return 1;

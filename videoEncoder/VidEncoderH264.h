@@ -79,13 +79,15 @@ class VidEncoderH264 : public IVidEncoder {
 
   void run();
   bool takeFrame();
+  void catchParameterSets(std::span<const std::byte> annexB);
   void stopThread();
 
   H264Settings settings_;
   uint32_t fullColor_ = 0;   // kept; our conversion has one range
-  uint32_t useHardware_ = 0;  // for the hardware sessions
   std::unique_ptr<H264Session> session_;
+  std::mutex headersLock_;  // parameterSets_, when the first frame brings them
   std::optional<ParameterSets> parameterSets_;
+  bool caughtParameterSets_ = false;  // by the encoder thread
 
   CaptureObjects objects_{u""};
   Publisher publisher_{*this};

@@ -37,7 +37,7 @@ class ServerHarness {
     // The server finds no vendor runtime, whatever this machine has installed: a
     // test that wants one points its variable at a fake.
     for (auto library : {platform::VendorLibrary::Cuda, platform::VendorLibrary::Nvenc,
-                         platform::VendorLibrary::QuickSync, platform::VendorLibrary::VaApi,
+                         platform::VendorLibrary::QuickSync, platform::VendorLibrary::VaApi, platform::VendorLibrary::VaDrm,
                          platform::VendorLibrary::OpenVideo, platform::VendorLibrary::OpenCl}) {
       platform::setEnvironmentVariable(platform::vendorLibraryEntry(library).overrideVariable,
                                        (folder_.path() / "no-such-library").u16string());

@@ -7,8 +7,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "platform/SharedLibrary.h"
 #include "platform/SharedMapping.h"
@@ -19,98 +17,33 @@
 #include "tests/support/LogFixture.h"
 #include "tests/support/TestSupport.h"
 #include "tests/videoEncoder/EncodedSlotConsumer.h"
+#include "tests/videoEncoder/H264TestSupport.h"
 #include "tests/videoEncoder/fakeNvenc/FakeNvenc.h"
 #include "videoEncoder/H264Bitstream.h"
 #include "videoEncoder/IVidEncoder.h"
 #include "videoEncoder/NV_Enc/NvencProbe.h"
-#include "videoEncoder/Nv12Frame.h"
 
 namespace kestrium {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-using Units = std::vector<Bytes>;
-
-std::filesystem::path binaryFolder() { return platform::executablePath().parent_path(); }
-
-// NAL units of an Annex B stream, without start codes.
-Units nalUnits(std::span<const std::byte> annexB) {
-  Units units;
-  AnnexBReader reader(annexB);
-  for (std::span<const std::byte> unit; reader.next(unit);) {
-    const auto* b = reinterpret_cast<const uint8_t*>(unit.data());
-    units.emplace_back(b, b + unit.size());
-  }
-  return units;
-}
-Units nalUnits(const Bytes& annexB) { return nalUnits(std::as_bytes(std::span(annexB))); }
-
-// NAL units of a frame as the encoded slot holds it: each behind its length.
-Units lengthPrefixedUnits(const Bytes& frame) {
-  Units units;
-  for (size_t at = 0; at + 4 <= frame.size();) {
-    const size_t n = (size_t{frame[at]} << 24) | (size_t{frame[at + 1]} << 16) | (frame[at + 2] << 8) | frame[at + 3];
-    if (n == 0 || at + 4 + n > frame.size()) {
-      ADD_FAILURE() << "a unit of " << n << " bytes at " << at << " of " << frame.size();
-      break;
-    }
-    units.emplace_back(frame.begin() + static_cast<ptrdiff_t>(at + 4),
-                       frame.begin() + static_cast<ptrdiff_t>(at + 4 + n));
-    at += 4 + n;
-  }
-  return units;
-}
-
-bool holdsIdr(const Bytes& unit) {
-  for (const Bytes& nal : nalUnits(unit)) {
-    if (!nal.empty() && (nal[0] & 0x1F) == kNalTypeIdr) return true;
-  }
-  return false;
-}
-
-// The clip's access units, each from its delimiter (NAL type 9) to the next.
-const Units& clipUnits() {
-  static const Units units = [] {
-    const std::vector<char> raw = test::readBytes(binaryFolder() / "nvenc-clip.h264");
-    const Bytes clip(raw.begin(), raw.end());
-    std::vector<size_t> starts;
-    for (size_t i = 0; i + 3 < clip.size(); ++i) {
-      if (clip[i] == 0 && clip[i + 1] == 0 && clip[i + 2] == 1 && (clip[i + 3] & 0x1F) == 9) {
-        starts.push_back(i > 0 && clip[i - 1] == 0 ? i - 1 : i);
-      }
-    }
-    starts.push_back(clip.size());
-    Units out;
-    for (size_t k = 0; k + 1 < starts.size(); ++k) {
-      out.emplace_back(clip.begin() + static_cast<ptrdiff_t>(starts[k]),
-                       clip.begin() + static_cast<ptrdiff_t>(starts[k + 1]));
-    }
-    return out;
-  }();
-  return units;
-}
+using test::Bytes;
+using test::Units;
+using test::clipUnits;
+using test::holdsIdr;
+using test::lengthPrefixedUnits;
+using test::nalUnits;
 
 OptionList options(uint32_t width, uint32_t height, OptionList more = {}) {
-  OptionList o = {"width",       std::to_string(width),
-                  "height",      std::to_string(height),
-                  "fps",         "30000",
-                  "shared_name", "cap",
-                  "profile",     "1",
-                  "bitrate",     "2000"};
-  o.insert(o.end(), more.begin(), more.end());
-  return o;
+  return test::h264Options(width, height, std::move(more));
 }
 
 bool sameGuid(const GUID& a, const GUID& b) { return std::memcmp(&a, &b, sizeof(GUID)) == 0; }
 
-class NvencTest : public test::LoggedTest {
+class NvencTest : public test::HardwareEncoderTest {
  protected:
   void SetUp() override {
-    LoggedTest::SetUp();
-    ASSERT_FALSE(clipUnits().empty()) << "the clip was made with the tests";
+    HardwareEncoderTest::SetUp();
     useFake();
-    // Held as the server holds it for its whole life, so the probe's word stays.
-    ASSERT_TRUE(features_.open());
   }
   // The fake as it starts, answering with the clip, in place of both libraries.
   static void useFake() {
@@ -122,36 +55,17 @@ class NvencTest : public test::LoggedTest {
   }
   void TearDown() override {
     EXPECT_STREQ(FakeNv_Violations(), "") << "the driver's rules are kept and nothing is left open";
-    LoggedTest::TearDown();
+    HardwareEncoderTest::TearDown();
   }
 
   static std::u16string fakePath() {
     // Windows finds the DLL beside the test program; dlopen wants the path.
     return platform::toUtf16(KESTRIUM_FAKE_NVENC);
   }
-  uint32_t featureWord() { return loadShared(features_.as<FeaturesBlock>()->nvenc); }
-
-  std::unique_ptr<IVidEncoder> openEncoder(const OptionList& o) {
-    auto encoder = CreateVideoEncoder(u"h264.nvenc");
-    if (encoder != nullptr && encoder->Init(o) != 1) encoder.reset();
-    return encoder;
+  uint32_t featureWord() { return loadShared(features().nvenc); }
+  static std::unique_ptr<IVidEncoder> openEncoder(const OptionList& o) {
+    return HardwareEncoderTest::openEncoder(u"h264.nvenc", o);
   }
-
-  // Feeds frames and closes; the frames the recorder's side took.
-  std::vector<test::EncodedFrame> record(IVidEncoder& encoder, test::EncodedSlotConsumer& consumer, uint32_t width,
-                                         uint32_t height, uint32_t frames, size_t expected) {
-    for (uint32_t i = 0; i < frames; ++i) {
-      sources_.push_back(test::picture(test::Picture::Game, width, height, i + 1));
-      positions_.push_back(1000 + i * 33 + i % 3);
-      EXPECT_EQ(encoder.EncodeFrame(std::as_bytes(std::span(sources_.back())), 1, positions_.back()), 1);
-    }
-    encoder.Close();
-    return consumer.taken(expected);
-  }
-
-  platform::SharedMapping features_{std::u16string(kFeaturesName), sizeof(FeaturesBlock)};
-  std::vector<Bytes> sources_;
-  std::vector<uint32_t> positions_;
 };
 
 // --- the probe -------------------------------------------------------------
@@ -266,22 +180,6 @@ void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.name; }
 
 class NvencEncodeTest : public NvencTest, public ::testing::WithParamInterface<SizeCase> {};
 
-// Per-frame MD5 sums of ffmpeg's decoding of an H.264 stream.
-std::vector<std::string> decodedFrameSums(const std::filesystem::path& stream) {
-  std::string out;
-  EXPECT_EQ(
-      test::runTool(KESTRIUM_FFMPEG, {"-v", "error", "-f", "h264", "-i", stream.string(), "-f", "framemd5", "-"}, out),
-      0)
-      << out;
-  std::vector<std::string> sums;
-  std::istringstream lines(out);
-  for (std::string line; std::getline(lines, line);) {
-    if (line.empty() || line[0] == '#') continue;
-    sums.push_back(line.substr(line.rfind(',') + 2));
-  }
-  return sums;
-}
-
 TEST_P(NvencEncodeTest, TheCardsFramesReachTheRecorderInOrderWithKeyFlagsAndPositions) {
   const auto [name, width, height] = GetParam();
   probeNvencDevices();
@@ -304,43 +202,22 @@ TEST_P(NvencEncodeTest, TheCardsFramesReachTheRecorderInOrderWithKeyFlagsAndPosi
 
   // The card got our conversion of each frame, whatever the surface's pitch.
   ASSERT_EQ(FakeNv_PictureCount(), static_cast<int>(frames));
-  Nv12Frame expected;
-  ASSERT_TRUE(expected.allocate(static_cast<int32_t>(width), static_cast<int32_t>(height)));
   for (uint32_t i = 0; i < frames; ++i) {
     FakeNvPicture got{};
     ASSERT_EQ(FakeNv_Picture(static_cast<int>(i), &got), 1);
-    expected.convertFrom(sources_[i].data());
-    const Nv12Picture& p = expected.picture();
-    Bytes packed;
-    for (int32_t y = 0; y < p.height; ++y)
-      packed.insert(packed.end(), p.luma + y * p.lumaStep, p.luma + y * p.lumaStep + p.width);
-    for (int32_t y = 0; y < p.height / 2; ++y) {
-      packed.insert(packed.end(), p.chroma + y * p.chromaStep, p.chroma + y * p.chromaStep + p.width);
-    }
-    ASSERT_EQ(Bytes(got.nv12, got.nv12 + got.nv12Size), packed) << "surface of frame " << i;
+    ASSERT_EQ(Bytes(got.nv12, got.nv12 + got.nv12Size), test::packedNv12(sources_[i], width, height))
+        << "surface of frame " << i;
     EXPECT_EQ(got.inputTimeStamp, positions_[i]);
   }
 
-  if (std::string(KESTRIUM_FFMPEG).empty()) return;
   // What a player sees: the parameter sets and every delivered unit decode to the
   // very pictures of the clip.
-  const auto stream = folder_.path() / "delivered.h264";
-  {
-    std::ofstream file(stream, std::ios::binary);
-    for (const auto* set : {&sps, &pps})
-      file.write(reinterpret_cast<const char*>(set->data()), static_cast<std::streamsize>(set->size()));
-    for (const test::EncodedFrame& f : taken) {
-      for (const Bytes& nal : lengthPrefixedUnits(f.bytes)) {
-        file.write("\0\0\0\1", 4);
-        file.write(reinterpret_cast<const char*>(nal.data()), static_cast<std::streamsize>(nal.size()));
-      }
-    }
+  Bytes headers;
+  for (const auto* set : {&sps, &pps}) {
+    headers.insert(headers.end(), reinterpret_cast<const uint8_t*>(set->data()),
+                   reinterpret_cast<const uint8_t*>(set->data()) + set->size());
   }
-  const std::vector<std::string> delivered = decodedFrameSums(stream);
-  const std::vector<std::string> original = decodedFrameSums(binaryFolder() / "nvenc-clip.h264");
-  ASSERT_EQ(original.size(), clip.size());
-  ASSERT_EQ(delivered.size(), frames);
-  for (uint32_t i = 0; i < frames; ++i) EXPECT_EQ(delivered[i], original[i % clip.size()]) << "frame " << i;
+  test::expectDecodesToTheClip(folder_.path() / "delivered.h264", headers, taken);
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, NvencEncodeTest,

@@ -1,0 +1,309 @@
+// "h264.amdvce" against a fake libva that plays an AMD GPU, as strict as a
+// driver, answering with real H.264 (the clip) and noting every call, every
+// parameter buffer and every rule broken.
+
+#include <gtest/gtest.h>
+
+#include "platform/System.h"
+#include "platform/Text.h"
+#include "recorder/CommonData.h"
+#include "tests/videoEncoder/H264TestSupport.h"
+#include "tests/videoEncoder/fakeVa/FakeVa.h"
+#include "videoEncoder/H264Bitstream.h"
+#include "videoEncoder/amd_vce/AmdVceProbe.h"
+
+namespace kestrium {
+namespace {
+
+using test::Bytes;
+using test::clipUnits;
+
+constexpr const char16_t* kName = u"h264.amdvce";
+
+void setVariable(std::string_view name, const std::string& value) {
+  platform::setEnvironmentVariable(name, platform::toUtf16(value));
+}
+
+class AmdTest : public test::HardwareEncoderTest {
+ protected:
+  void SetUp() override {
+    HardwareEncoderTest::SetUp();
+    useFake();
+  }
+  void TearDown() override {
+    EXPECT_STREQ(FakeVa_Violations(), "") << "the driver's rules are kept and nothing is left alive";
+    HardwareEncoderTest::TearDown();
+  }
+  static void useFake() {
+    FakeVa_Reset();
+    setVariable("KESTRIUM_LIB_VA", KESTRIUM_FAKE_VA);
+    setVariable("KESTRIUM_LIB_VA_DRM", KESTRIUM_FAKE_VA);
+    setVariable("KESTRIUM_RENDER_NODE", "/dev/null");
+    for (const Bytes& unit : clipUnits()) FakeVa_AddAccessUnit(unit.data(), unit.size());
+  }
+  uint32_t featureWord() { return loadShared(features().amdVce); }
+  // An encoder on the GPU the probe found.
+  std::unique_ptr<IVidEncoder> probeAndOpen(const OptionList& options) {
+    probeAmdEncoder();
+    return openEncoder(kName, options);
+  }
+};
+
+// --- the probe -----------------------------------------------------------------
+
+struct ProbeCase {
+  const char* name;
+  void (*arrange)();
+  const char* line;
+  uint32_t word;
+};
+void PrintTo(const ProbeCase& c, std::ostream* os) { *os << c.name; }
+
+class AmdProbeTest : public AmdTest, public ::testing::WithParamInterface<ProbeCase> {};
+
+TEST_P(AmdProbeTest, AnAmdDisplayWithAnH264EncoderIsReported) {
+  const ProbeCase& c = GetParam();
+  storeShared(features().amdVce, 7u);
+  if (c.arrange != nullptr) c.arrange();
+  probeAmdEncoder();
+  EXPECT_EQ(featureWord(), c.word);
+  EXPECT_NE(log().find(c.line), std::string::npos) << log();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Machines, AmdProbeTest,
+    ::testing::Values(
+        ProbeCase{"Radeon", nullptr, "  *** AMD_VCE *** AMD VCE Hardware Acceleration devices available: 1\r\n", 1},
+        ProbeCase{"IntelGpu", [] { FakeVa_SetVendor("Intel iHD driver for Intel(R) Gen Graphics - 23.1.1 ()"); },
+                  "[Error]   *** AMD_VCE *** Couldn't find AMD platform, cannot proceed.\r\n", 0},
+        ProbeCase{"RadeonWithoutEncoder", [] { FakeVa_SetEncodeProfiles(nullptr, 0); },
+                  "[Error]   *** AMD_VCE *** No suitable devices found!\r\n", 0},
+        ProbeCase{"NoDisplay", [] { FakeVa_Fail("vaInitialize", VA_STATUS_ERROR_UNKNOWN, 0); },
+                  "Couldn't find AMD platform", 0},
+        ProbeCase{"OnlyHighProfile",
+                  [] {
+                    const VAProfile high = VAProfileH264High;
+                    FakeVa_SetEncodeProfiles(&high, 1);
+                  },
+                  "devices available: 1", 1}),
+    [](const ::testing::TestParamInfo<ProbeCase>& info) { return std::string(info.param.name); });
+
+TEST_F(AmdTest, WithoutLibvaTheProbeWritesNothingSaysNothingAndTheEncoderOpensNothing) {
+  setVariable("KESTRIUM_LIB_VA", (folder_.path() / "no-libva-here").string());
+  storeShared(features().amdVce, 0u);
+  EXPECT_EQ(probeAmdEncoder(), 0);
+  EXPECT_EQ(log().find("AMD"), std::string::npos);
+  useFake();
+  test::EncodedSlotConsumer consumer(u"cap", 64, 64);
+  EXPECT_EQ(openEncoder(kName, test::h264Options(64, 64)), nullptr);
+  EXPECT_STREQ(FakeVa_CallLog(), "") << "no driver call without the probe's word";
+  EXPECT_EQ(log().find("AMD"), std::string::npos) << "the probe has said why";
+}
+
+// --- encoding ---------------------------------------------------------------------
+
+struct SizeCase {
+  const char* name;
+  uint32_t width, height;
+};
+void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.name; }
+
+class AmdEncodeTest : public AmdTest, public ::testing::WithParamInterface<SizeCase> {};
+
+TEST_P(AmdEncodeTest, TheGpusFramesReachTheRecorderWithTheHeadersCaughtFromTheFirst) {
+  const auto [name, width, height] = GetParam();
+  const test::Units& clip = clipUnits();
+  constexpr uint32_t kFrames = 32;  // an IDR frame a second at 30 fps: the second one too
+  test::EncodedSlotConsumer consumer(u"cap", width, height);
+  auto encoder = probeAndOpen(test::h264Options(width, height));
+  ASSERT_NE(encoder, nullptr) << log();
+  EXPECT_EQ(encoder->HeadersAfterFirstFrame(), 1);
+  EXPECT_TRUE(encoder->GetStreamHeader().empty()) << "known only after the first frame";
+  const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, width, height, kFrames, kFrames);
+  ASSERT_EQ(taken.size(), kFrames);
+  for (uint32_t i = 0; i < kFrames; ++i) {
+    const Bytes& unit = clip[i % clip.size()];
+    EXPECT_EQ(test::lengthPrefixedUnits(taken[i].bytes), test::nalUnits(unit))
+        << "frame " << i << ": every unit, the parameter sets too";
+    EXPECT_EQ(taken[i].key, test::holdsIdr(unit) ? 1u : 0u) << "frame " << i;
+    EXPECT_EQ(taken[i].position, positions_[i]);
+  }
+  const std::optional<ParameterSets> sets = findParameterSets(std::as_bytes(std::span(clip[0])));
+  ASSERT_TRUE(sets.has_value());
+  EXPECT_EQ(encoder->GetStreamHeader(), avcConfigurationRecord(sets->sps, sets->pps));
+
+  VAEncSequenceParameterBufferH264 sequence{};
+  ASSERT_EQ(FakeVa_Sequence(&sequence), 1);
+  EXPECT_EQ(sequence.picture_width_in_mbs, (width + 15) / 16);
+  EXPECT_EQ(sequence.picture_height_in_mbs, (height + 15) / 16);
+  EXPECT_EQ(sequence.frame_crop_right_offset, ((width + 15) / 16 * 16 - width) / 2);
+  EXPECT_EQ(sequence.frame_crop_bottom_offset, ((height + 15) / 16 * 16 - height) / 2);
+  ASSERT_EQ(FakeVa_PictureCount(), static_cast<int>(kFrames));
+  for (uint32_t i = 0; i < kFrames; ++i) {
+    FakeVaPicture got{};
+    ASSERT_EQ(FakeVa_Picture(static_cast<int>(i), &got), 1);
+    const bool idr = i % 30 == 0;
+    EXPECT_EQ(got.picture.pic_fields.bits.idr_pic_flag, idr ? 1u : 0u) << "frame " << i;
+    EXPECT_EQ(got.sequenceSent, idr ? 1 : 0) << "frame " << i;
+    EXPECT_EQ(got.picture.frame_num, i % 30) << "frame " << i;
+    Bytes surface;
+    // The surface has whole blocks of rows; its chroma starts after all of them.
+    for (uint32_t y = 0; y < height + height / 2; ++y) {
+      const size_t row = y < height ? y : got.height + (y - height);
+      surface.insert(surface.end(), got.nv12 + row * got.width, got.nv12 + row * got.width + width);
+    }
+    ASSERT_EQ(surface, test::packedNv12(sources_[i], width, height)) << "surface of frame " << i;
+  }
+  test::expectDecodesToTheClip(folder_.path() / "delivered.h264", {}, taken);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, AmdEncodeTest,
+                         ::testing::Values(SizeCase{"Laptop1366x768", 1366, 768}, SizeCase{"Odd642x362", 642, 362}),
+                         [](const ::testing::TestParamInfo<SizeCase>& info) { return std::string(info.param.name); });
+
+// --- start parameters against what the driver is told -------------------------------
+
+struct ParameterCase {
+  const char* name;
+  uint32_t width, height;
+  const char* profile;
+  const char* fps;
+  uint32_t kbps;
+  VAProfile vaProfile;
+  bool cabac;
+  uint32_t framerate;  // VA's 16-bit halves
+  uint32_t idrPeriod;
+  uint8_t level;
+};
+void PrintTo(const ParameterCase& c, std::ostream* os) { *os << c.name; }
+
+class AmdParameterTest : public AmdTest, public ::testing::WithParamInterface<ParameterCase> {};
+
+TEST_P(AmdParameterTest, TheStartParametersReachTheDriver) {
+  const ParameterCase& c = GetParam();
+  test::EncodedSlotConsumer consumer(u"cap", c.width, c.height);
+  auto encoder = probeAndOpen({"width", std::to_string(c.width), "height", std::to_string(c.height), "fps", c.fps,
+                               "shared_name", "cap", "profile", c.profile, "bitrate", std::to_string(c.kbps)});
+  ASSERT_NE(encoder, nullptr) << log();
+  EXPECT_EQ(record(*encoder, consumer, c.width, c.height, 2, 2).size(), 2u);
+  VAProfile profile{};
+  VAEntrypoint entrypoint{};
+  uint32_t rtFormat = 0, rateControl = 0;
+  ASSERT_EQ(FakeVa_Config(&profile, &entrypoint, &rtFormat, &rateControl), 1);
+  EXPECT_EQ(profile, c.vaProfile);
+  EXPECT_EQ(entrypoint, VAEntrypointEncSlice);
+  EXPECT_EQ(rtFormat, static_cast<uint32_t>(VA_RT_FORMAT_YUV420));
+  EXPECT_EQ(rateControl, static_cast<uint32_t>(VA_RC_VBR));
+  VAEncSequenceParameterBufferH264 s{};
+  ASSERT_EQ(FakeVa_Sequence(&s), 1);
+  EXPECT_EQ(s.intra_idr_period, c.idrPeriod) << "an IDR frame a second";
+  EXPECT_EQ(s.ip_period, 1u) << "no B-frames";
+  EXPECT_EQ(s.level_idc, c.level);
+  EXPECT_EQ(s.bits_per_second, c.kbps * 1000);
+  EXPECT_EQ(s.time_scale, 2 * (c.framerate & 0xFFFF));
+  EXPECT_EQ(s.num_units_in_tick, c.framerate >> 16);
+  VAEncMiscParameterFrameRate rate{};
+  ASSERT_EQ(FakeVa_FrameRate(&rate), 1);
+  EXPECT_EQ(rate.framerate, c.framerate);
+  VAEncMiscParameterRateControl control{};
+  ASSERT_EQ(FakeVa_RateControl(&control), 1);
+  EXPECT_EQ(control.bits_per_second, c.kbps * 1000);
+  VAEncMiscParameterHRD hrd{};
+  ASSERT_EQ(FakeVa_Hrd(&hrd), 1);
+  EXPECT_EQ(hrd.buffer_size, std::max(c.kbps * 1000, 768000u)) << "at least a second at the bitrate";
+  VAEncMiscParameterBufferQualityLevel quality{};
+  ASSERT_EQ(FakeVa_QualityLevel(&quality), 1);
+  EXPECT_EQ(quality.quality_level, 4u) << "the balanced preset: the middle of the driver's 1..7";
+  FakeVaPicture first{};
+  ASSERT_EQ(FakeVa_Picture(0, &first), 1);
+  EXPECT_EQ(first.picture.pic_fields.bits.entropy_coding_mode_flag, c.cabac ? 1u : 0u);
+  int width = 0, height = 0;
+  ASSERT_EQ(FakeVa_ContextSize(&width, &height), 1);
+  EXPECT_EQ(width, static_cast<int>((c.width + 15) & ~15u));
+  EXPECT_EQ(height, static_cast<int>((c.height + 15) & ~15u));
+  EXPECT_EQ(FakeVa_SurfacesCreated(), 6) << "four inputs in turn and two reconstructed pictures";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    StartParameters, AmdParameterTest,
+    ::testing::Values(
+        ParameterCase{"FullHd60High", 1920, 1080, "2", "60000", 8000, VAProfileH264High, true, 60 | (1 << 16), 60, 42},
+        ParameterCase{"NtscLaptopMain", 1366, 768, "1", "29970", 2500, VAProfileH264Main, true, 2997 | (100 << 16),
+                      29, 32},
+        ParameterCase{"SmallBaselineLowRate", 642, 362, "0", "30000", 500, VAProfileH264ConstrainedBaseline, false,
+                      30 | (1 << 16), 30, 30}),
+    [](const ::testing::TestParamInfo<ParameterCase>& info) { return std::string(info.param.name); });
+
+// --- failures ------------------------------------------------------------------------
+
+struct SetupFailure {
+  const char* call;
+  int occurrence;
+};
+void PrintTo(const SetupFailure& c, std::ostream* os) { *os << c.call; }
+
+class AmdSetupFailureTest : public AmdTest, public ::testing::WithParamInterface<SetupFailure> {};
+
+TEST_P(AmdSetupFailureTest, TheCaptureIsRefusedWithAReasonNothingStaysAliveAndTheNextOneRecords) {
+  const SetupFailure& c = GetParam();
+  probeAmdEncoder();
+  {
+    test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+    FakeVa_Fail(c.call, VA_STATUS_ERROR_ALLOCATION_FAILED, c.occurrence);
+    EXPECT_EQ(openEncoder(kName, test::h264Options(642, 362)), nullptr);
+  }
+  const std::string text = log();
+  EXPECT_NE(text.find(std::string("[Error]   *** AMD_VCE *** ") + c.call + " failed: "), std::string::npos) << text;
+  EXPECT_NE(text.find("[Error]   *** AMD_VCE *** Cannot initialize AMD VCE Encoder\r\n"), std::string::npos) << text;
+  EXPECT_STREQ(FakeVa_Violations(), "") << "every object made before the failure is gone";
+
+  useFake();
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = openEncoder(kName, test::h264Options(642, 362));
+  ASSERT_NE(encoder, nullptr) << "the next capture opens";
+  EXPECT_EQ(record(*encoder, consumer, 642, 362, 5, 5).size(), 5u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Driver, AmdSetupFailureTest,
+                         ::testing::Values(SetupFailure{"vaGetConfigAttributes", 1}, SetupFailure{"vaCreateConfig", 1},
+                                           SetupFailure{"vaCreateSurfaces", 1}, SetupFailure{"vaCreateContext", 1},
+                                           SetupFailure{"vaCreateBuffer", 1}),
+                         [](const ::testing::TestParamInfo<SetupFailure>& info) { return std::string(info.param.call); });
+
+struct FrameFailure {
+  const char* call;
+  int occurrence;  // the call on the third frame
+};
+void PrintTo(const FrameFailure& c, std::ostream* os) { *os << c.call; }
+
+class AmdFrameFailureTest : public AmdTest, public ::testing::WithParamInterface<FrameFailure> {};
+
+TEST_P(AmdFrameFailureTest, AFrameTheDriverRefusesIsLostAndTheNextStartsAfresh) {
+  const FrameFailure& c = GetParam();
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = probeAndOpen(test::h264Options(642, 362));
+  ASSERT_NE(encoder, nullptr) << log();
+  FakeVa_Fail(c.call, VA_STATUS_ERROR_OPERATION_FAILED, c.occurrence);
+  const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, 642, 362, 10, 9);
+  ASSERT_EQ(taken.size(), 9u);
+  for (size_t i = 0; i < taken.size(); ++i) EXPECT_EQ(taken[i].position, positions_[i < 2 ? i : i + 1]);
+  EXPECT_NE(log().find(std::string("[Error]   *** AMD_VCE *** ") + c.call + " failed: "), std::string::npos)
+      << log();
+  // The first picture and the one after the loss are IDR pictures: a lost
+  // picture is no reference.
+  int idrPictures = 0;
+  for (int i = 0; i < FakeVa_PictureCount(); ++i) {
+    FakeVaPicture got{};
+    ASSERT_EQ(FakeVa_Picture(i, &got), 1);
+    idrPictures += got.picture.pic_fields.bits.idr_pic_flag;
+  }
+  EXPECT_EQ(idrPictures, 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Driver, AmdFrameFailureTest,
+                         ::testing::Values(FrameFailure{"vaDeriveImage", 3}, FrameFailure{"vaEndPicture", 3},
+                                           FrameFailure{"vaSyncSurface", 3}),
+                         [](const ::testing::TestParamInfo<FrameFailure>& info) { return std::string(info.param.call); });
+
+}  // namespace
+}  // namespace kestrium

@@ -1,0 +1,375 @@
+// "h264.quicksync" against fakes of the oneVPL dispatcher and of libva that are
+// as strict as the real ones; the runtime's fake answers with real H.264 (the
+// clip), and notes every call and every rule broken.
+
+#include <gtest/gtest.h>
+
+
+#include "platform/SharedLibrary.h"
+#include "platform/System.h"
+#include "platform/Text.h"
+#include "recorder/CommonData.h"
+#include "tests/codecs/CodecTestSupport.h"
+#include "tests/videoEncoder/H264TestSupport.h"
+#include "tests/videoEncoder/fakeVa/FakeVa.h"
+#include "tests/videoEncoder/fakeVpl/FakeVpl.h"
+#include "videoEncoder/IntelQuickSync/QuickSyncProbe.h"
+
+namespace kestrium {
+namespace {
+
+using test::Bytes;
+using test::clipUnits;
+
+constexpr const char16_t* kName = u"h264.quicksync";
+
+void setVariable(std::string_view name, const std::string& value) {
+  platform::setEnvironmentVariable(name, platform::toUtf16(value));
+}
+
+class QuickSyncTest : public test::HardwareEncoderTest {
+ protected:
+  void SetUp() override {
+    HardwareEncoderTest::SetUp();
+    useFakes();
+  }
+  void TearDown() override {
+    EXPECT_STREQ(FakeVpl_Violations(), "") << "the runtime's rules are kept and nothing is left open";
+    EXPECT_STREQ(FakeVa_Violations(), "") << "every display is terminated";
+    HardwareEncoderTest::TearDown();
+  }
+  // Both fakes as they start, on a render node that any machine has.
+  static void useFakes() {
+    FakeVpl_Reset();
+    FakeVa_Reset();
+    setVariable("KESTRIUM_LIB_QUICKSYNC", KESTRIUM_FAKE_VPL);
+    setVariable("KESTRIUM_LIB_VA", KESTRIUM_FAKE_VA);
+    setVariable("KESTRIUM_LIB_VA_DRM", KESTRIUM_FAKE_VA);
+    setVariable("KESTRIUM_RENDER_NODE", "/dev/null");
+    for (const Bytes& unit : clipUnits()) FakeVpl_AddAccessUnit(unit.data(), unit.size());
+  }
+  uint32_t featureWord() { return loadShared(features().quickSync); }
+  static size_t count(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+  }
+};
+
+// --- the probe -----------------------------------------------------------------
+
+struct ProbeCase {
+  const char* name;
+  void (*arrange)();
+  const char* line;  // null: the probe says nothing
+  uint32_t word;
+};
+void PrintTo(const ProbeCase& c, std::ostream* os) { *os << c.name; }
+
+class QuickSyncProbeTest : public QuickSyncTest, public ::testing::WithParamInterface<ProbeCase> {};
+
+TEST_P(QuickSyncProbeTest, OnlyAnEncoderThatCodesAFrameIsReported) {
+  const ProbeCase& c = GetParam();
+  storeShared(features().quickSync, 7u);
+  if (c.arrange != nullptr) c.arrange();
+  EXPECT_EQ(probeQuickSyncEncoder(), static_cast<int>(c.word));
+  EXPECT_EQ(featureWord(), c.word);
+  const std::string text = log();
+  if (c.line != nullptr) {
+    EXPECT_NE(text.find(c.line), std::string::npos) << text;
+  } else {
+    EXPECT_EQ(text.find("QuickSync"), std::string::npos) << text;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Machines, QuickSyncProbeTest,
+    ::testing::Values(
+        ProbeCase{"Gpu", nullptr, "  Intel QuickSync hardware acceleration is available\r\n", 1},
+        ProbeCase{"RuntimeWithoutGpu", [] { FakeVpl_SetNoGpu(1); },
+                  "  Intel QuickSync runtime found, but it cannot code H.264 here (-3)\r\n", 0},
+        ProbeCase{"NoSession", [] { FakeVpl_Fail("MFXInit", MFX_ERR_UNSUPPORTED, 0); }, nullptr, 0},
+        ProbeCase{"NoDisplay", [] { FakeVa_Fail("vaInitialize", VA_STATUS_ERROR_UNKNOWN, 0); },
+                  "  Intel QuickSync runtime found, but no GPU render node gives a VA display\r\n", 0},
+        ProbeCase{"NoRenderNode", [] { setVariable("KESTRIUM_RENDER_NODE", "/no/such/renderD128"); },
+                  "but no GPU render node gives a VA display", 0},
+        ProbeCase{"NoVaLibrary", [] { setVariable("KESTRIUM_LIB_VA", "/no/such/libva.so"); },
+                  "  Intel QuickSync runtime found, but no VA-API library to reach a GPU\r\n", 0},
+        ProbeCase{"FrameNotCoded", [] { FakeVpl_Fail("MFXVideoENCODE_EncodeFrameAsync", MFX_ERR_DEVICE_FAILED, 0); },
+                  "it cannot code H.264 here (-17)", 0}),
+    [](const ::testing::TestParamInfo<ProbeCase>& info) { return std::string(info.param.name); });
+
+TEST_F(QuickSyncTest, WithoutTheRuntimeTheProbeWritesNothingAndSaysNothing) {
+  setVariable("KESTRIUM_LIB_QUICKSYNC", (folder_.path() / "no-runtime-here").string());
+  storeShared(features().quickSync, 7u);
+  EXPECT_EQ(probeQuickSyncEncoder(), 0);
+  EXPECT_EQ(featureWord(), 7u);
+  EXPECT_EQ(log().find("QuickSync"), std::string::npos);
+}
+
+// --- encoding --------------------------------------------------------------------
+
+struct SizeCase {
+  const char* name;
+  uint32_t width, height;
+  int delay;  // pictures the runtime holds before its first frame
+};
+void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.name; }
+
+class QuickSyncEncodeTest : public QuickSyncTest, public ::testing::WithParamInterface<SizeCase> {};
+
+TEST_P(QuickSyncEncodeTest, TheRuntimesFramesReachTheRecorderInOrderWithKeyFlagsAndPositions) {
+  const auto [name, width, height, delay] = GetParam();
+  FakeVpl_SetDelay(delay);
+  const test::Units& clip = clipUnits();
+  const auto frames = static_cast<uint32_t>(clip.size() + 6);  // the clip starts over once
+  test::EncodedSlotConsumer consumer(u"cap", width, height);
+  auto encoder = openEncoder(kName, test::h264Options(width, height));
+  ASSERT_NE(encoder, nullptr) << log();
+  std::vector<std::byte> sps, pps;
+  ASSERT_EQ(encoder->GetParameterSets(sps, pps), 1);
+  const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, width, height, frames, frames);
+  ASSERT_EQ(taken.size(), frames) << "the frames in the tasks come out at the drain";
+  for (uint32_t i = 0; i < frames; ++i) {
+    const Bytes& unit = clip[i % clip.size()];
+    EXPECT_EQ(test::lengthPrefixedUnits(taken[i].bytes), test::nalUnits(unit)) << "frame " << i;
+    EXPECT_EQ(taken[i].key, test::holdsIdr(unit) ? 1u : 0u) << "frame " << i;
+    EXPECT_EQ(taken[i].position, positions_[i]) << "through 90 kHz and back";
+  }
+
+  // The runtime got our conversion of each frame in surfaces of whole blocks,
+  // cropped to the picture, stamped at 90 kHz.
+  ASSERT_EQ(FakeVpl_PictureCount(), static_cast<int>(frames));
+  for (uint32_t i = 0; i < frames; ++i) {
+    FakeVplPicture got{};
+    ASSERT_EQ(FakeVpl_Picture(static_cast<int>(i), &got), 1);
+    EXPECT_EQ(got.width, (width + 15) & ~15u);
+    EXPECT_EQ(got.height, (height + 15) & ~15u);
+    EXPECT_EQ(got.cropW, width);
+    EXPECT_EQ(got.cropH, height);
+    EXPECT_EQ(got.timeStamp, uint64_t{positions_[i]} * 90);
+    ASSERT_EQ(Bytes(got.nv12, got.nv12 + got.nv12Size), test::packedNv12(sources_[i], width, height))
+        << "surface of frame " << i;
+  }
+
+  Bytes headers;
+  for (const auto* set : {&sps, &pps}) {
+    for (std::byte b : *set) headers.push_back(std::to_integer<uint8_t>(b));
+  }
+  test::expectDecodesToTheClip(folder_.path() / "delivered.h264", headers, taken);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, QuickSyncEncodeTest,
+                         ::testing::Values(SizeCase{"Laptop1366x768", 1366, 768, 0},
+                                           SizeCase{"Odd642x362HeldBack", 642, 362, 3}),
+                         [](const ::testing::TestParamInfo<SizeCase>& info) { return std::string(info.param.name); });
+
+// --- which session, and with what -------------------------------------------------
+
+struct AttemptCase {
+  const char* name;
+  const char* useHw;
+  void (*arrange)();
+  std::vector<const char*> tried;  // the attempts, in order
+  bool opens;
+  mfxIMPL impl;  // of the session that codes
+};
+void PrintTo(const AttemptCase& c, std::ostream* os) { *os << c.name; }
+
+class QuickSyncAttemptTest : public QuickSyncTest, public ::testing::WithParamInterface<AttemptCase> {};
+
+TEST_P(QuickSyncAttemptTest, TheAttemptsGoInOrderUntilOneCodes) {
+  const AttemptCase& c = GetParam();
+  if (c.arrange != nullptr) c.arrange();
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = openEncoder(kName, test::h264Options(642, 362, {"use_hw", c.useHw}));
+  EXPECT_EQ(encoder != nullptr, c.opens);
+  const std::string text = log();
+  size_t at = 0;
+  for (const char* attempt : c.tried) {
+    at = text.find(std::string("  Trying QS ") + attempt + "...\r\n", at);
+    ASSERT_NE(at, std::string::npos) << attempt << " in\n" << text;
+  }
+  EXPECT_EQ(count(text, "  Trying QS "), c.tried.size()) << text;
+  if (!c.opens) {
+    EXPECT_NE(text.find("[Error]   Cannot initialize Intel QuickSync\r\n"), std::string::npos) << text;
+    return;
+  }
+  EXPECT_EQ(FakeVpl_LastInitImpl(), c.impl);
+  EXPECT_EQ(record(*encoder, consumer, 642, 362, 3, 3).size(), 3u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sessions, QuickSyncAttemptTest,
+    ::testing::Values(
+        AttemptCase{"VaDisplayFirst", "1", nullptr, {"VA display"}, true, MFX_IMPL_HARDWARE_ANY | MFX_IMPL_VIA_VAAPI},
+        AttemptCase{"TheFirstHardwareThenAnother",
+                    "1",
+                    [] { FakeVpl_Fail("MFXInit", MFX_ERR_UNSUPPORTED, 1); },
+                    {"VA display"},
+                    true,
+                    MFX_IMPL_HARDWARE},
+        AttemptCase{"NoDisplayThenSystemMemory",
+                    "1",
+                    [] {
+                      FakeVa_Fail("vaInitialize", VA_STATUS_ERROR_UNKNOWN, 0);
+                      FakeVpl_SetRequireVaDisplay(0);
+                    },
+                    {"VA display", "system memory"},
+                    true,
+                    MFX_IMPL_HARDWARE_ANY},
+        AttemptCase{"NothingCodes",
+                    "1",
+                    [] { FakeVa_Fail("vaInitialize", VA_STATUS_ERROR_UNKNOWN, 0); },
+                    {"VA display", "system memory", "software"},
+                    false,
+                    0},
+        AttemptCase{"SoftwareOnlyWhenAsked", "0", nullptr, {"software"}, false, 0}),
+    [](const ::testing::TestParamInfo<AttemptCase>& info) { return std::string(info.param.name); });
+
+struct ParameterCase {
+  const char* name;
+  uint32_t width, height;
+  const char* fps;
+  uint32_t kbps;
+  const char* targetUsage;
+  mfxU32 rateNum, rateDen;
+  mfxU16 gop, targetKbps, multiplier;
+};
+void PrintTo(const ParameterCase& c, std::ostream* os) { *os << c.name; }
+
+class QuickSyncParameterTest : public QuickSyncTest, public ::testing::WithParamInterface<ParameterCase> {};
+
+TEST_P(QuickSyncParameterTest, TheStartParametersReachTheRuntime) {
+  const ParameterCase& c = GetParam();
+  test::EncodedSlotConsumer consumer(u"cap", c.width, c.height);
+  auto encoder = openEncoder(kName, {"width", std::to_string(c.width), "height", std::to_string(c.height), "fps",
+                                     c.fps, "shared_name", "cap", "bitrate", std::to_string(c.kbps), "target_usage",
+                                     c.targetUsage, "use_hw", "1"});
+  ASSERT_NE(encoder, nullptr) << log();
+  mfxVideoParam p{};
+  ASSERT_EQ(FakeVpl_InitParams(&p), 1);
+  const mfxInfoMFX& m = p.mfx;
+  EXPECT_EQ(m.CodecId, static_cast<mfxU32>(MFX_CODEC_AVC));
+  EXPECT_EQ(m.TargetUsage, std::stoi(c.targetUsage));
+  EXPECT_EQ(m.GopPicSize, c.gop) << "an I frame a second";
+  EXPECT_EQ(m.GopRefDist, 1) << "no B-frames";
+  EXPECT_EQ(m.GopOptFlag, MFX_GOP_CLOSED);
+  EXPECT_EQ(m.RateControlMethod, MFX_RATECONTROL_VBR);
+  EXPECT_EQ(m.TargetKbps, c.targetKbps);
+  EXPECT_EQ(m.MaxKbps, c.targetKbps);
+  EXPECT_EQ(m.BRCParamMultiplier, c.multiplier);
+  EXPECT_EQ(m.NumSlice, 1);
+  EXPECT_EQ(p.AsyncDepth, 4);
+  EXPECT_EQ(p.IOPattern, MFX_IOPATTERN_IN_SYSTEM_MEMORY);
+  EXPECT_EQ(m.FrameInfo.FrameRateExtN, c.rateNum);
+  EXPECT_EQ(m.FrameInfo.FrameRateExtD, c.rateDen);
+  EXPECT_EQ(m.FrameInfo.Width, (c.width + 15) & ~15u);
+  EXPECT_EQ(m.FrameInfo.Height, (c.height + 15) & ~15u);
+  EXPECT_EQ(m.FrameInfo.CropW, c.width);
+  EXPECT_EQ(m.FrameInfo.CropH, c.height);
+  encoder->Close();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    StartParameters, QuickSyncParameterTest,
+    ::testing::Values(ParameterCase{"FullHd60Quality", 1920, 1080, "60000", 8000, "1", 60, 1, 60, 8000, 0},
+                      ParameterCase{"NtscLaptopFastest", 1366, 768, "29970", 2500, "7", 30000, 1001, 29, 2500, 0},
+                      ParameterCase{"Film", 642, 362, "23976", 1500, "4", 24000, 1001, 23, 1500, 0},
+                      ParameterCase{"OtherRate", 642, 362, "12500", 1500, "4", 125000, 10000, 12, 1500, 0},
+                      // 1280 x 720 x 30: between the tried points at 414720 and 2058240 pixels
+                      // a second, at three quarters for the balanced usage.
+                      ParameterCase{"DefaultBitrate", 1280, 720, "30000", 0, "0", 30, 1, 30, 3231, 0},
+                      ParameterCase{"BitrateBeyondSixteenBits", 642, 362, "30000", 100000, "4", 30, 1, 30, 50000, 2}),
+    [](const ::testing::TestParamInfo<ParameterCase>& info) { return std::string(info.param.name); });
+
+// --- failures ----------------------------------------------------------------------
+
+struct SetupFailure {
+  const char* call;
+  int status;
+  const char* line;
+};
+void PrintTo(const SetupFailure& c, std::ostream* os) { *os << c.call; }
+
+class QuickSyncSetupFailureTest : public QuickSyncTest, public ::testing::WithParamInterface<SetupFailure> {};
+
+TEST_P(QuickSyncSetupFailureTest, TheCaptureIsRefusedWithAReasonNothingStaysOpenAndTheNextOneRecords) {
+  const SetupFailure& c = GetParam();
+  {
+    test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+    FakeVpl_Fail(c.call, c.status, 0);
+    EXPECT_EQ(openEncoder(kName, test::h264Options(642, 362)), nullptr);
+  }
+  const std::string text = log();
+  EXPECT_NE(text.find(c.line), std::string::npos) << text;
+  EXPECT_NE(text.find("[Error]   Cannot initialize Intel QuickSync\r\n"), std::string::npos) << text;
+  EXPECT_STREQ(FakeVpl_Violations(), "") << "every session made on the way is closed";
+
+  useFakes();
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = openEncoder(kName, test::h264Options(642, 362));
+  ASSERT_NE(encoder, nullptr) << "the next capture opens";
+  EXPECT_EQ(record(*encoder, consumer, 642, 362, 5, 5).size(), 5u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Runtime, QuickSyncSetupFailureTest,
+    ::testing::Values(SetupFailure{"MFXInit", MFX_ERR_UNSUPPORTED, "[Error]   QS MFXInit failed: -3\r\n"},
+                      SetupFailure{"MFXVideoCORE_SetHandle", MFX_ERR_INVALID_HANDLE,
+                                   "[Error]   QS MFXVideoCORE_SetHandle failed: -6\r\n"},
+                      SetupFailure{"MFXVideoENCODE_QueryIOSurf", MFX_ERR_INVALID_VIDEO_PARAM,
+                                   "[Error]   QS MFXVideoENCODE_QueryIOSurf failed: -15\r\n"},
+                      SetupFailure{"MFXVideoENCODE_Init", MFX_ERR_INVALID_VIDEO_PARAM,
+                                   "[Error]   QS MFXVideoENCODE_Init failed: -15\r\n"},
+                      SetupFailure{"MFXVideoENCODE_GetVideoParam", MFX_ERR_UNKNOWN,
+                                   "[Error]   QS MFXVideoENCODE_GetVideoParam failed: -1\r\n"}),
+    [](const ::testing::TestParamInfo<SetupFailure>& info) { return std::string(info.param.call); });
+
+TEST_F(QuickSyncTest, ALostDeviceCostsTheFramesInFlightAndCodingGoesOn) {
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = openEncoder(kName, test::h264Options(642, 362));
+  ASSERT_NE(encoder, nullptr) << log();
+  FakeVpl_Fail("MFXVideoENCODE_EncodeFrameAsync", MFX_ERR_DEVICE_LOST, 12);
+  testing::internal::CaptureStdout();
+  const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, 642, 362, 30, 21);
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_NE(out.find("\nERROR: Hardware device was lost or returned an unexpected error. Recovering...\n"),
+            std::string::npos)
+      << out;
+  // One gap: the frame that met the loss and those in flight (at most the pool
+  // of eight) are gone with the device; every frame before and after arrives.
+  ASSERT_GE(taken.size(), 30u - 9);
+  ASSERT_LT(taken.size(), 30u);
+  const size_t lost = 30 - taken.size();
+  size_t gap = 0;
+  while (gap < taken.size() && taken[gap].position == positions_[gap]) ++gap;
+  ASSERT_LT(gap, taken.size());
+  for (size_t i = gap; i < taken.size(); ++i) EXPECT_EQ(taken[i].position, positions_[i + lost]) << "frame " << i;
+  EXPECT_EQ(taken[gap].key, 1u) << "the reset encoder starts on a key frame";
+}
+
+TEST_F(QuickSyncTest, AnyOtherRuntimeFailureEndsTheVideoButNotTheCapture) {
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = openEncoder(kName, test::h264Options(642, 362));
+  ASSERT_NE(encoder, nullptr) << log();
+  FakeVpl_Fail("MFXVideoCORE_SyncOperation", MFX_ERR_ABORTED, 1);
+  testing::internal::CaptureStdout();
+  const Bytes frame = test::picture(test::Picture::Game, 642, 362, 1);
+  for (uint32_t i = 0; i < 9; ++i) encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, i * 33);
+  // The ninth frame needs a task and so waits for the first: the session ends there.
+  const uint64_t until = platform::monotonicNs() + 10'000'000'000;
+  while (encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, 400) != 0 && platform::monotonicNs() < until) {
+    platform::sleepMs(5);
+  }
+  encoder->Close();
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_NE(out.find("\nReturn on error: error code -12,\t"), std::string::npos) << out;
+  EXPECT_NE(log().find("[Error]   *** H264 *** The encoder of cap failed; the capture goes on without video\r\n"),
+            std::string::npos)
+      << log();
+  EXPECT_TRUE(consumer.taken().empty());
+}
+
+}  // namespace
+}  // namespace kestrium

@@ -1,0 +1,11 @@
+#include "videoEncoder/IntelQuickSync/VidEncoderQuickSync.h"
+
+#include "videoEncoder/IntelQuickSync/CEncodingPipeline.h"
+
+namespace kestrium {
+
+std::unique_ptr<H264Session> VidEncoderQuickSync::MakeSession() {
+  return std::make_unique<CEncodingPipeline>(settings().useHardware);
+}
+
+}  // namespace kestrium
