@@ -7,6 +7,7 @@
 
 #include "platform/System.h"
 #include "tests/codecs/CodecTestSupport.h"
+#include "tests/videoEncoder/FakeDriverSupport.h"
 #include "tests/support/TestSupport.h"
 #include "videoEncoder/H264Bitstream.h"
 #include "videoEncoder/Nv12Frame.h"
@@ -18,20 +19,7 @@ std::filesystem::path clipPath() { return platform::executablePath().parent_path
 const Units& clipUnits() {
   static const Units units = [] {
     const std::vector<char> raw = readBytes(clipPath());
-    const Bytes clip(raw.begin(), raw.end());
-    std::vector<size_t> starts;
-    for (size_t i = 0; i + 3 < clip.size(); ++i) {
-      if (clip[i] == 0 && clip[i + 1] == 0 && clip[i + 2] == 1 && (clip[i + 3] & 0x1F) == 9) {
-        starts.push_back(i > 0 && clip[i - 1] == 0 ? i - 1 : i);
-      }
-    }
-    starts.push_back(clip.size());
-    Units out;
-    for (size_t k = 0; k + 1 < starts.size(); ++k) {
-      out.emplace_back(clip.begin() + static_cast<ptrdiff_t>(starts[k]),
-                       clip.begin() + static_cast<ptrdiff_t>(starts[k + 1]));
-    }
-    return out;
+    return fake::accessUnitsOf(Bytes(raw.begin(), raw.end()));
   }();
   return units;
 }

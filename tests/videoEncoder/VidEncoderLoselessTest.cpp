@@ -173,7 +173,7 @@ TEST_P(EncoderFactoryTest, OnlyTheExactNameMakesAnEncoder) {
 INSTANTIATE_TEST_SUITE_P(Names, EncoderFactoryTest,
                          ::testing::Values(FactoryCase{u"no_compression", true}, FactoryCase{u"No_compression", false},
                                            FactoryCase{u"no_compression ", false}, FactoryCase{u"Fast", false},
-                                           FactoryCase{u"MJPEG", false}, FactoryCase{u"h264.quicksync", false},
+                                           FactoryCase{u"MJPEG", false}, FactoryCase{u"H264.quicksync", false},
                                            FactoryCase{u"Vfw", false}, FactoryCase{u"", false}),
                          [](const auto& info) { return "Case" + std::to_string(info.index); });
 

@@ -168,7 +168,7 @@ void VceVaSession::destroyParameters() {
   parameters_.clear();
 }
 
-bool VceVaSession::renderParameters(VASurfaceID /*source*/, bool idr) {
+bool VceVaSession::renderParameters(bool idr) {
   const VASurfaceID current = surfaces_[kInputSurfaces + (reference_ ^ 1)];
   const VASurfaceID previous = surfaces_[kInputSurfaces + reference_];
   const uint32_t maxFrameNum = 1u << (setup_.sequence.seq_fields.bits.log2_max_frame_num_minus4 + 4);
@@ -249,7 +249,7 @@ bool VceVaSession::encode(const Nv12Picture& picture, uint32_t position, CodedFr
   const VASurfaceID source = surfaces_[frames_++ % kInputSurfaces];
   const bool idr = forceIdr_ || sinceIdr_ >= setup_.sequence.intra_idr_period;
   if (idr) sinceIdr_ = 0;
-  bool ok = upload(source, picture) && renderParameters(source, idr);
+  bool ok = upload(source, picture) && renderParameters(idr);
   if (ok) {
     ok = check(va_.BeginPicture(d, context_, source), "vaBeginPicture");
     if (ok) {

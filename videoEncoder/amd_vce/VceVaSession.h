@@ -39,7 +39,7 @@ class VceVaSession : public H264Session {
   void release();
   bool check(VAStatus status, const char* call);
   bool upload(VASurfaceID surface, const Nv12Picture& picture);
-  bool renderParameters(VASurfaceID source, bool idr);
+  bool renderParameters(bool idr);
   bool addBuffer(VABufferType type, const void* data, size_t size);
   template <class Misc>
   bool addMisc(VAEncMiscParameterType type, const Misc& misc);

@@ -16,12 +16,12 @@
 
 #include "FakeNvenc.h"
 
+#include "tests/videoEncoder/FakeDriverSupport.h"
+
 #include <dynlink_cuda.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <deque>
 #include <map>
 #include <memory>
@@ -80,12 +80,6 @@ struct Session {
   std::vector<void*> events;
 };
 
-struct Failure {
-  std::string call;
-  int status;
-  int countdown;  // 0: every call
-};
-
 struct Recorded {
   FakeNvPicture picture;
   std::vector<uint8_t> nv12;
@@ -106,7 +100,7 @@ struct World {
   std::vector<NV_ENC_BUFFER_FORMAT> formats{NV_ENC_BUFFER_FORMAT_NV12, NV_ENC_BUFFER_FORMAT_YV12,
                                             NV_ENC_BUFFER_FORMAT_ARGB};
   std::vector<std::vector<uint8_t>> clip;
-  std::vector<Failure> failures;
+  kestrium::fake::Failures failures;
 
   std::string log, violations;
   std::string logCopy, violationsCopy;  // what the test was last handed
@@ -133,30 +127,8 @@ struct State {
 // FAKE_NVENC_CLIP names an Annex B file whose access units (each behind its
 // delimiter, NAL type 9) become the clip; FAKE_NVENC_FAIL is "call:status:occurrence".
 void arrangeFromEnvironment(World& w) {
-  if (const char* path = std::getenv("FAKE_NVENC_CLIP")) {
-    std::ifstream file(path, std::ios::binary);
-    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    std::vector<size_t> starts;
-    for (size_t i = 0; i + 3 < bytes.size(); ++i) {
-      if (bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1 && (bytes[i + 3] & 0x1F) == 9) {
-        starts.push_back(i > 0 && bytes[i - 1] == 0 ? i - 1 : i);
-      }
-    }
-    starts.push_back(bytes.size());
-    for (size_t k = 0; k + 1 < starts.size(); ++k) {
-      w.clip.emplace_back(bytes.begin() + static_cast<std::ptrdiff_t>(starts[k]),
-                          bytes.begin() + static_cast<std::ptrdiff_t>(starts[k + 1]));
-    }
-  }
-  if (const char* fail = std::getenv("FAKE_NVENC_FAIL")) {
-    const std::string text(fail);
-    const size_t a = text.find(':');
-    const size_t b = a == std::string::npos ? a : text.find(':', a + 1);
-    if (b != std::string::npos) {
-      w.failures.push_back(
-          Failure{text.substr(0, a), std::atoi(text.substr(a + 1, b - a - 1).c_str()), std::atoi(text.c_str() + b + 1)});
-    }
-  }
+  w.clip = kestrium::fake::clipFromEnvironment("FAKE_NVENC_CLIP");
+  w.failures.addFromEnvironment("FAKE_NVENC_FAIL");
 }
 
 // Never destroyed: a server thread may still call in while the process exits.
@@ -200,27 +172,11 @@ bool formatOffered(const World& w, NV_ENC_BUFFER_FORMAT f) {
 
 int32_t presetGop(int i) { return 100 + 10 * i; }
 
-// Logs the call and tells whether the test made it fail this time. Every
-// countdown of the call advances, so failures set for different occurrences
-// of one call do not disturb each other.
+// Logs the call and tells whether the test made it fail this time.
 std::optional<int> enter(World& w, const char* call) {
   w.log += call;
   w.log += '\n';
-  std::optional<int> failure;
-  for (auto it = w.failures.begin(); it != w.failures.end();) {
-    if (it->call != call) {
-      ++it;
-    } else if (it->countdown == 0) {
-      if (!failure) failure = it->status;
-      ++it;
-    } else if (--it->countdown == 0) {
-      if (!failure) failure = it->status;
-      it = w.failures.erase(it);
-    } else {
-      ++it;
-    }
-  }
-  return failure;
+  return w.failures.take(call);
 }
 
 template <typename R>
@@ -949,7 +905,7 @@ void FakeNv_SetPresetCount(int count) {
 
 void FakeNv_Fail(const char* call, int status, int occurrence) {
   FAKE_CONTROL();
-  if (call && occurrence >= 0) w.failures.push_back(Failure{call, status, occurrence});
+  if (call && occurrence >= 0) w.failures.add(call, status, occurrence);
 }
 
 void FakeNv_AddAccessUnit(const uint8_t* annexB, size_t size) {

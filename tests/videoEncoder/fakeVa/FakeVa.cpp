@@ -7,14 +7,14 @@
 
 #include "FakeVa.h"
 
+#include "tests/videoEncoder/FakeDriverSupport.h"
+
 #include <va/va_drm.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -106,12 +106,6 @@ struct Image : Object {
   Buffer* buffer = nullptr;
 };
 
-struct Failure {
-  std::string call;
-  int status;
-  int countdown;  // 0: every call
-};
-
 struct Recorded {
   FakeVaPicture picture{};
   std::vector<uint8_t> nv12;
@@ -125,7 +119,7 @@ struct World {
   std::string vendor = "Mesa Gallium driver 23.1.1 for AMD Radeon RX 6600 (fake)";
   std::vector<VAProfile> encodeProfiles{std::begin(kProfiles), std::end(kProfiles)};
   std::vector<std::vector<uint8_t>> clip;
-  std::vector<Failure> failures;
+  kestrium::fake::Failures failures;
 
   std::string log, violations;
   std::string logCopy, violationsCopy;  // what the test was last handed
@@ -155,30 +149,8 @@ struct State {
 // delimiter, NAL type 9) become the clip; FAKE_VA_FAIL is "call:status:occurrence";
 // FAKE_VA_VENDOR is the vendor string.
 void arrangeFromEnvironment(World& w) {
-  if (const char* path = std::getenv("FAKE_VA_CLIP")) {
-    std::ifstream file(path, std::ios::binary);
-    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    std::vector<size_t> starts;
-    for (size_t i = 0; i + 3 < bytes.size(); ++i) {
-      if (bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1 && (bytes[i + 3] & 0x1F) == 9) {
-        starts.push_back(i > 0 && bytes[i - 1] == 0 ? i - 1 : i);
-      }
-    }
-    starts.push_back(bytes.size());
-    for (size_t k = 0; k + 1 < starts.size(); ++k) {
-      w.clip.emplace_back(bytes.begin() + static_cast<std::ptrdiff_t>(starts[k]),
-                          bytes.begin() + static_cast<std::ptrdiff_t>(starts[k + 1]));
-    }
-  }
-  if (const char* fail = std::getenv("FAKE_VA_FAIL")) {
-    const std::string text(fail);
-    const size_t a = text.find(':');
-    const size_t b = a == std::string::npos ? a : text.find(':', a + 1);
-    if (b != std::string::npos) {
-      w.failures.push_back(
-          Failure{text.substr(0, a), std::atoi(text.substr(a + 1, b - a - 1).c_str()), std::atoi(text.c_str() + b + 1)});
-    }
-  }
+  w.clip = kestrium::fake::clipFromEnvironment("FAKE_VA_CLIP");
+  w.failures.addFromEnvironment("FAKE_VA_FAIL");
   if (const char* vendor = std::getenv("FAKE_VA_VENDOR")) w.vendor = vendor;
 }
 
@@ -192,27 +164,11 @@ State& state() {
   return *s;
 }
 
-// Logs the call and tells whether the test made it fail this time. Every
-// countdown of the call advances, so failures set for different occurrences
-// of one call do not disturb each other.
+// Logs the call and tells whether the test made it fail this time.
 std::optional<int> enter(World& w, const char* call) {
   w.log += call;
   w.log += '\n';
-  std::optional<int> failure;
-  for (auto it = w.failures.begin(); it != w.failures.end();) {
-    if (it->call != call) {
-      ++it;
-    } else if (it->countdown == 0) {
-      if (!failure) failure = it->status;
-      ++it;
-    } else if (--it->countdown == 0) {
-      if (!failure) failure = it->status;
-      it = w.failures.erase(it);
-    } else {
-      ++it;
-    }
-  }
-  return failure;
+  return w.failures.take(call);
 }
 
 template <typename R>
@@ -927,7 +883,7 @@ void FakeVa_SetEncodeProfiles(const VAProfile* profiles, int count) {
 
 void FakeVa_Fail(const char* call, int status, int occurrence) {
   FAKE_LOCK();
-  if (call && occurrence >= 0) w.failures.push_back(Failure{call, status, occurrence});
+  if (call && occurrence >= 0) w.failures.add(call, status, occurrence);
 }
 
 void FakeVa_AddAccessUnit(const uint8_t* annexB, size_t size) {

@@ -7,13 +7,13 @@
 
 #include "FakeVpl.h"
 
+#include "tests/videoEncoder/FakeDriverSupport.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -54,11 +54,6 @@ struct _mfxSyncPoint {
 
 namespace {
 
-struct Failure {
-  std::string call;
-  int status, countdown;  // countdown 0: every call
-};
-
 struct Recorded {
   FakeVplPicture picture;
   std::vector<uint8_t> nv12;
@@ -69,7 +64,7 @@ struct World {
   bool noGpu = false, requireVaDisplay = true;
   int suggestedSurfaces = 4, delay = 0;
   std::vector<std::vector<uint8_t>> clip;
-  std::vector<Failure> failures;
+  kestrium::fake::Failures failures;
 
   std::string log, violations;
   std::string logCopy, violationsCopy;  // what the test was last handed
@@ -95,26 +90,8 @@ struct State {
 // delimiter, NAL type 9) become the clip; FAKE_VPL_FAIL is "call:status:occurrence";
 // FAKE_VPL_NOGPU=1 plays a machine without the GPU.
 void arrangeFromEnvironment(World& w) {
-  if (const char* path = std::getenv("FAKE_VPL_CLIP")) {
-    std::ifstream file(path, std::ios::binary);
-    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    std::vector<size_t> starts;
-    for (size_t i = 0; i + 3 < bytes.size(); ++i)
-      if (bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1 && (bytes[i + 3] & 0x1F) == 9)
-        starts.push_back(i > 0 && bytes[i - 1] == 0 ? i - 1 : i);
-    starts.push_back(bytes.size());
-    for (size_t k = 0; k + 1 < starts.size(); ++k)
-      w.clip.emplace_back(bytes.begin() + static_cast<std::ptrdiff_t>(starts[k]),
-                          bytes.begin() + static_cast<std::ptrdiff_t>(starts[k + 1]));
-  }
-  if (const char* fail = std::getenv("FAKE_VPL_FAIL")) {
-    const std::string text(fail);
-    const size_t a = text.find(':');
-    const size_t b = a == std::string::npos ? a : text.find(':', a + 1);
-    if (b != std::string::npos)
-      w.failures.push_back(Failure{text.substr(0, a), std::atoi(text.substr(a + 1, b - a - 1).c_str()),
-                                   std::atoi(text.c_str() + b + 1)});
-  }
+  w.clip = kestrium::fake::clipFromEnvironment("FAKE_VPL_CLIP");
+  w.failures.addFromEnvironment("FAKE_VPL_FAIL");
   if (const char* noGpu = std::getenv("FAKE_VPL_NOGPU")) w.noGpu = std::strcmp(noGpu, "1") == 0;
 }
 
@@ -128,27 +105,11 @@ State& state() {
   return *s;
 }
 
-// Logs the call and tells whether the test made it fail this time. Every
-// countdown of the call advances, so failures set for different occurrences
-// of one call do not disturb each other.
+// Logs the call and tells whether the test made it fail this time.
 std::optional<int> enter(World& w, const char* call) {
   w.log += call;
   w.log += '\n';
-  std::optional<int> failure;
-  for (auto it = w.failures.begin(); it != w.failures.end();) {
-    if (it->call != call) {
-      ++it;
-    } else if (it->countdown == 0) {
-      if (!failure) failure = it->status;
-      ++it;
-    } else if (--it->countdown == 0) {
-      if (!failure) failure = it->status;
-      it = w.failures.erase(it);
-    } else {
-      ++it;
-    }
-  }
-  return failure;
+  return w.failures.take(call);
 }
 
 mfxStatus rule(World& w, const char* call, const std::string& what, mfxStatus status) {
@@ -565,7 +526,7 @@ void FakeVpl_SetDelay(int pictures) { FAKE_LOCK(); w.delay = std::max(pictures, 
 
 void FakeVpl_Fail(const char* call, int status, int occurrence) {
   FAKE_LOCK();
-  if (call && occurrence >= 0) w.failures.push_back(Failure{call, status, occurrence});
+  if (call && occurrence >= 0) w.failures.add(call, status, occurrence);
 }
 
 void FakeVpl_AddAccessUnit(const uint8_t* annexB, size_t size) {

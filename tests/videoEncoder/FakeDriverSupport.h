@@ -1,0 +1,94 @@
+#pragma once
+
+// What the fake driver libraries of the tests share: the failures a test sets
+// up by call name, and the clip they answer with. Each fake is a shared library
+// of its own, so this is all inline.
+
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kestrium::fake {
+
+using AccessUnit = std::vector<uint8_t>;
+
+// The calls a test made to fail: each on its occurrence-th call from when it was
+// set (1: the next one), or on every call when the occurrence is 0.
+class Failures {
+ public:
+  void add(const char* call, int status, int occurrence) { list_.push_back({call, status, occurrence}); }
+  void clear() { list_.clear(); }
+
+  // The status the call fails with this time, if any. Every countdown of the
+  // call advances, so failures set for different occurrences of one call do
+  // not disturb each other.
+  std::optional<int> take(const char* call) {
+    std::optional<int> failure;
+    for (auto it = list_.begin(); it != list_.end();) {
+      if (it->call != call) {
+        ++it;
+      } else if (it->countdown == 0) {
+        if (!failure) failure = it->status;
+        ++it;
+      } else if (--it->countdown == 0) {
+        if (!failure) failure = it->status;
+        it = list_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    return failure;
+  }
+
+  // A failure from the environment, "call:status:occurrence", for a fake that a
+  // server process loads where the test's control functions cannot reach.
+  void addFromEnvironment(const char* variable) {
+    const char* value = std::getenv(variable);
+    if (value == nullptr) return;
+    const std::string text(value);
+    const size_t a = text.find(':');
+    const size_t b = a == std::string::npos ? a : text.find(':', a + 1);
+    if (b == std::string::npos) return;
+    add(text.substr(0, a).c_str(), std::atoi(text.substr(a + 1, b - a - 1).c_str()), std::atoi(text.c_str() + b + 1));
+  }
+
+ private:
+  struct Failure {
+    std::string call;
+    int status;
+    int countdown;
+  };
+  std::vector<Failure> list_;
+};
+
+// The access units of an Annex B stream, each from its delimiter (NAL type 9,
+// with the leading zero of a 4-byte start code) to the next.
+inline std::vector<AccessUnit> accessUnitsOf(const std::vector<uint8_t>& stream) {
+  std::vector<size_t> starts;
+  for (size_t i = 0; i + 3 < stream.size(); ++i) {
+    if (stream[i] == 0 && stream[i + 1] == 0 && stream[i + 2] == 1 && (stream[i + 3] & 0x1F) == 9) {
+      starts.push_back(i > 0 && stream[i - 1] == 0 ? i - 1 : i);
+    }
+  }
+  starts.push_back(stream.size());
+  std::vector<AccessUnit> units;
+  for (size_t k = 0; k + 1 < starts.size(); ++k) {
+    units.emplace_back(stream.begin() + static_cast<std::ptrdiff_t>(starts[k]),
+                       stream.begin() + static_cast<std::ptrdiff_t>(starts[k + 1]));
+  }
+  return units;
+}
+
+// The clip of the Annex B file the environment variable names; empty without one.
+inline std::vector<AccessUnit> clipFromEnvironment(const char* variable) {
+  const char* path = std::getenv(variable);
+  if (path == nullptr) return {};
+  std::ifstream file(path, std::ios::binary);
+  return accessUnitsOf({std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()});
+}
+
+}  // namespace kestrium::fake
