@@ -207,7 +207,17 @@ void VidEncoderH264::run() {
 
 void VidEncoderH264::Publisher::deliver(std::span<const std::byte> annexB, uint32_t position, bool key) {
   VidEncoderH264& e = owner_;
-  if (!e.caughtParameterSets_) e.catchParameterSets(annexB);
+  if (!e.caughtParameterSets_) {
+    e.catchParameterSets(annexB);
+    // Without them no file or broadcast can begin: the video ends here.
+    if (!e.caughtParameterSets_) {
+      if (!e.failed_.exchange(true)) {
+        logLine(u"[Error]   *** H264 *** The first frame of %s holds no SPS and PPS; the capture goes on without video\n",
+                e.sessionName_);
+      }
+      return;
+    }
+  }
   e.lengthPrefixed_.clear();
   appendLengthPrefixed(annexB, e.lengthPrefixed_);
   CommonData* common = e.objects_.common();

@@ -7,6 +7,7 @@
 #include "platform/System.h"
 #include "platform/Text.h"
 #include "recorder/CommonData.h"
+#include "tests/codecs/CodecTestSupport.h"
 #include "tests/videoEncoder/H264TestSupport.h"
 #include "tests/videoEncoder/fakeVa/FakeVa.h"
 #include "videoEncoder/H264Bitstream.h"
@@ -79,13 +80,7 @@ INSTANTIATE_TEST_SUITE_P(
         ProbeCase{"RadeonWithoutEncoder", [] { FakeVa_SetEncodeProfiles(nullptr, 0); },
                   "[Error]   *** AMD_VCE *** No suitable devices found!\r\n", 0},
         ProbeCase{"NoDisplay", [] { FakeVa_Fail("vaInitialize", VA_STATUS_ERROR_UNKNOWN, 0); },
-                  "Couldn't find AMD platform", 0},
-        ProbeCase{"OnlyHighProfile",
-                  [] {
-                    const VAProfile high = VAProfileH264High;
-                    FakeVa_SetEncodeProfiles(&high, 1);
-                  },
-                  "devices available: 1", 1}),
+                  "Couldn't find AMD platform", 0}),
     [](const ::testing::TestParamInfo<ProbeCase>& info) { return std::string(info.param.name); });
 
 TEST_F(AmdTest, WithoutLibvaTheProbeWritesNothingSaysNothingAndTheEncoderOpensNothing) {
@@ -154,12 +149,68 @@ TEST_P(AmdEncodeTest, TheGpusFramesReachTheRecorderWithTheHeadersCaughtFromTheFi
     }
     ASSERT_EQ(surface, test::packedNv12(sources_[i], width, height)) << "surface of frame " << i;
   }
+  FakeVaPicture first{}, second{};
+  ASSERT_EQ(FakeVa_Picture(0, &first), 1);
+  ASSERT_EQ(FakeVa_Picture(30, &second), 1);
+  EXPECT_NE(first.slice.idr_pic_id, second.slice.idr_pic_id) << "IDR pictures in a row are told apart";
   test::expectDecodesToTheClip(folder_.path() / "delivered.h264", {}, taken);
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, AmdEncodeTest,
                          ::testing::Values(SizeCase{"Laptop1366x768", 1366, 768}, SizeCase{"Odd642x362", 642, 362}),
                          [](const ::testing::TestParamInfo<SizeCase>& info) { return std::string(info.param.name); });
+
+TEST_F(AmdTest, AGpuWithoutTheAskedProfileCodesInTheNearestItHas) {
+  const VAProfile high = VAProfileH264High;
+  FakeVa_SetEncodeProfiles(&high, 1);
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = probeAndOpen(test::h264Options(642, 362));  // Main
+  ASSERT_NE(encoder, nullptr) << log();
+  EXPECT_EQ(record(*encoder, consumer, 642, 362, 3, 3).size(), 3u);
+  VAProfile profile{};
+  VAEntrypoint entrypoint{};
+  uint32_t rtFormat = 0, rateControl = 0;
+  ASSERT_EQ(FakeVa_Config(&profile, &entrypoint, &rtFormat, &rateControl), 1);
+  EXPECT_EQ(profile, VAProfileH264High);
+  EXPECT_NE(log().find("[Warning] *** AMD_VCE *** The GPU codes no H.264 profile 77; profile 100 instead\r\n"),
+            std::string::npos)
+      << log();
+}
+
+TEST_F(AmdTest, AFirstFrameWithoutParameterSetsEndsTheVideo) {
+  FakeVa_Reset();
+  for (size_t i = 1; i < clipUnits().size(); ++i) FakeVa_AddAccessUnit(clipUnits()[i].data(), clipUnits()[i].size());
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = probeAndOpen(test::h264Options(642, 362));
+  ASSERT_NE(encoder, nullptr) << log();
+  const Bytes frame = test::picture(test::Picture::Game, 642, 362, 1);
+  EXPECT_EQ(encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, 0), 1);
+  const uint64_t until = platform::monotonicNs() + 10'000'000'000;
+  while (encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, 33) != 0 && platform::monotonicNs() < until) {
+    platform::sleepMs(5);
+  }
+  encoder->Close();
+  EXPECT_TRUE(consumer.taken().empty()) << "nothing a file could begin with";
+  EXPECT_TRUE(encoder->GetStreamHeader().empty());
+  EXPECT_NE(log().find("[Error]   *** H264 *** The first frame of cap holds no SPS and PPS; the capture goes on "
+                       "without video\r\n"),
+            std::string::npos)
+      << log();
+}
+
+TEST_F(AmdTest, AGpuThatRefusesEveryFrameEndsTheVideo) {
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = probeAndOpen(test::h264Options(642, 362));
+  ASSERT_NE(encoder, nullptr) << log();
+  FakeVa_Fail("vaEndPicture", VA_STATUS_ERROR_OPERATION_FAILED, 0);
+  const Bytes frame = test::picture(test::Picture::Game, 642, 362, 1);
+  uint32_t accepted = 0;
+  while (accepted < 100 && encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, accepted * 33) != 0) ++accepted;
+  encoder->Close();
+  EXPECT_GE(accepted, 30u);
+  EXPECT_LT(accepted, 100u);
+  EXPECT_NE(log().find("[Error]   *** AMD_VCE *** The GPU refused 30 frames in a row\r\n"), std::string::npos) << log();
+}
 
 // --- start parameters against what the driver is told -------------------------------
 

@@ -326,11 +326,19 @@ INSTANTIATE_TEST_SUITE_P(
                                    "[Error]   QS MFXVideoENCODE_GetVideoParam failed: -1\r\n"}),
     [](const ::testing::TestParamInfo<SetupFailure>& info) { return std::string(info.param.call); });
 
-TEST_F(QuickSyncTest, ALostDeviceCostsTheFramesInFlightAndCodingGoesOn) {
+struct LossCase {
+  const char* call;  // that reports the loss
+  int occurrence;
+};
+void PrintTo(const LossCase& c, std::ostream* os) { *os << c.call; }
+
+class QuickSyncLossTest : public QuickSyncTest, public ::testing::WithParamInterface<LossCase> {};
+
+TEST_P(QuickSyncLossTest, ALostDeviceCostsTheFramesInFlightAndCodingGoesOn) {
   test::EncodedSlotConsumer consumer(u"cap", 642, 362);
   auto encoder = openEncoder(kName, test::h264Options(642, 362));
   ASSERT_NE(encoder, nullptr) << log();
-  FakeVpl_Fail("MFXVideoENCODE_EncodeFrameAsync", MFX_ERR_DEVICE_LOST, 12);
+  FakeVpl_Fail(GetParam().call, MFX_ERR_DEVICE_LOST, GetParam().occurrence);
   testing::internal::CaptureStdout();
   const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, 642, 362, 30, 21);
   const std::string out = testing::internal::GetCapturedStdout();
@@ -347,6 +355,34 @@ TEST_F(QuickSyncTest, ALostDeviceCostsTheFramesInFlightAndCodingGoesOn) {
   ASSERT_LT(gap, taken.size());
   for (size_t i = gap; i < taken.size(); ++i) EXPECT_EQ(taken[i].position, positions_[i + lost]) << "frame " << i;
   EXPECT_EQ(taken[gap].key, 1u) << "the reset encoder starts on a key frame";
+  EXPECT_NE(log().find("[Warning] QS: the device was lost (-13); the frames in flight are lost"), std::string::npos);
+}
+
+// The loss found as a frame goes in, or as the oldest comes out (while the
+// next frame waits for a task, a surface or a busy device).
+INSTANTIATE_TEST_SUITE_P(Runtime, QuickSyncLossTest,
+                         ::testing::Values(LossCase{"MFXVideoENCODE_EncodeFrameAsync", 12},
+                                           LossCase{"MFXVideoCORE_SyncOperation", 5}),
+                         [](const ::testing::TestParamInfo<LossCase>& info) { return std::string(info.param.call); });
+
+TEST_F(QuickSyncTest, AGpuThatStaysBusyEndsTheVideo) {
+  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
+  auto encoder = openEncoder(kName, test::h264Options(642, 362));
+  ASSERT_NE(encoder, nullptr) << log();
+  FakeVpl_Fail("MFXVideoENCODE_EncodeFrameAsync", MFX_WRN_DEVICE_BUSY, 0);
+  testing::internal::CaptureStdout();
+  const Bytes frame = test::picture(test::Picture::Game, 642, 362, 1);
+  EXPECT_EQ(encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, 0), 1);
+  const uint64_t until = platform::monotonicNs() + 20'000'000'000;
+  while (encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, 33) != 0 && platform::monotonicNs() < until) {
+    platform::sleepMs(20);
+  }
+  encoder->Close();
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("\nReturn on error: error code -21,\t"), std::string::npos);
+  EXPECT_NE(log().find("[Error]   QS: the device has been busy for 5000 ms with no frame in flight\r\n"),
+            std::string::npos)
+      << log();
+  EXPECT_NE(log().find("[Error]   *** H264 *** The encoder of cap failed"), std::string::npos) << log();
 }
 
 TEST_F(QuickSyncTest, AnyOtherRuntimeFailureEndsTheVideoButNotTheCapture) {

@@ -7,7 +7,6 @@
 #include <cstring>
 
 #include "platform/Clock.h"
-#include "platform/RenderNode.h"
 #include "server/Log.h"
 
 namespace kestrium {
@@ -15,14 +14,16 @@ namespace kestrium {
 namespace {
 
 // Named in the error lines on the standard output, as support knows them.
-constexpr const char* kSourceName = "videoEncoder\\IntelQuickSync\\pipeline_encode.cpp";
+constexpr const char* kSourceName = "videoEncoder\\IntelQuickSync\\CEncodingPipeline.cpp";
 
 constexpr size_t kTaskCount = CEncodingPipeline::kAsyncDepth * 2;
 constexpr mfxU16 kExtBufferSize = 100;  // the room for the SPS and the PPS each
 
 mfxU16 roundUp16(uint32_t n) { return static_cast<mfxU16>((n + 15) & ~15u); }
 
-bool lostDevice(mfxStatus status) { return status == MFX_ERR_DEVICE_LOST || status == MFX_ERR_DEVICE_FAILED; }
+bool lostDevice(mfxStatus status) {
+  return status == MFX_ERR_DEVICE_LOST || status == MFX_ERR_DEVICE_FAILED || status == MFX_ERR_GPU_HANG;
+}
 
 // The runtime increments a surface's lock count while it holds the surface,
 // from its own threads.
@@ -139,10 +140,7 @@ bool CEncodingPipeline::init(const QsParams& params) {
               platform::vendorLibraryFile(platform::VendorLibrary::VaApi));
       return false;
     }
-    for (const std::string& node : platform::renderNodePaths()) {
-      if (display_.open(va_, node)) break;
-    }
-    if (!display_.isOpen()) {
+    if (!openDisplayPreferring(va_, display_, "Intel")) {
       logLine(u"[Error]   QS: no GPU render node gives a VA display\n");
       return false;
     }
@@ -297,11 +295,18 @@ CEncodingPipeline::Surface* CEncodingPipeline::freeSurface(CodedFrameSink& sink,
 bool CEncodingPipeline::submit(mfxFrameSurface1* surface, Task& task, bool& more, CodedFrameSink& sink) {
   more = false;
   const uint32_t generation = generation_;
+  const uint64_t busyUntil = platform::monotonicNs() + uint64_t{kWaitMs} * 1000000;
   for (;;) {
     const mfxStatus status = runtime_.EncodeFrameAsync(session_, nullptr, surface, &task.bitstream, &task.sync);
     if (status == MFX_WRN_DEVICE_BUSY) {
       // The device works on what it has: taking the oldest frame makes room.
       if (pending_.empty()) {
+        // Busy with nothing of ours in flight, for as long as a frame may
+        // take: the GPU hangs.
+        if (platform::monotonicNs() > busyUntil) {
+          logLine(u"[Error]   QS: the device has been busy for %u ms with no frame in flight\n", kWaitMs);
+          return fail(MFX_ERR_GPU_HANG, __LINE__);
+        }
         platform::sleepMs(1);
       } else if (!syncOldest(sink)) {
         return false;
@@ -313,7 +318,8 @@ bool CEncodingPipeline::submit(mfxFrameSurface1* surface, Task& task, bool& more
     if (status == MFX_ERR_NOT_ENOUGH_BUFFER) {
       mfxVideoParam current{};
       runtime_.EncodeGetVideoParam(session_, &current);
-      const size_t wanted = std::max(size_t{current.mfx.BufferSizeInKB} * 1000, task.buffer.size() * 2);
+      const size_t bound = size_t{current.mfx.BufferSizeInKB} * 1000 * std::max<mfxU16>(current.mfx.BRCParamMultiplier, 1);
+      const size_t wanted = std::max(bound, task.buffer.size() * 2);
       task.buffer.resize(wanted);
       task.bitstream.Data = task.buffer.data();
       task.bitstream.MaxLength = static_cast<mfxU32>(wanted);
@@ -334,8 +340,9 @@ bool CEncodingPipeline::submit(mfxFrameSurface1* surface, Task& task, bool& more
 bool CEncodingPipeline::syncOldest(CodedFrameSink& sink) {
   Task& task = *pending_.front();
   pending_.pop_front();
-  const mfxStatus status = runtime_.SyncOperation(session_, task.sync, kWaitMs);
+  mfxStatus status = runtime_.SyncOperation(session_, task.sync, kWaitMs);
   task.sync = nullptr;
+  if (status == MFX_WRN_IN_EXECUTION) status = MFX_ERR_GPU_HANG;  // not done in all that time
   if (status != MFX_ERR_NONE) return recover(status, __LINE__);
   mfxBitstream& b = task.bitstream;
   if (b.DataLength != 0) {
@@ -353,11 +360,17 @@ bool CEncodingPipeline::recover(mfxStatus status, int line) {
   if (lostDevice(status)) {
     std::printf("\nERROR: Hardware device was lost or returned an unexpected error. Recovering...\n");
     std::fflush(stdout);
+    logLine(u"[Warning] QS: the device was lost (%d); the frames in flight are lost and the encoder starts again\n",
+            static_cast<int>(status));
     // The frames in flight are gone with the device; the display stays, as a
     // session cannot be given another one.
     if (resetStep()) return true;
     status = MFX_ERR_DEVICE_FAILED;
   }
+  return fail(status, line);
+}
+
+bool CEncodingPipeline::fail(mfxStatus status, int line) {
   std::printf("\nReturn on error: error code %d,\t%s\t%d\n\n", static_cast<int>(status), kSourceName, line);
   std::fflush(stdout);
   return false;

@@ -60,7 +60,10 @@ class CEncodingPipeline : public H264Session {
   bool drain(CodedFrameSink& sink) override;
 
   static constexpr mfxU16 kAsyncDepth = 4;
-  static constexpr uint32_t kWaitMs = 250000;  // for a surface, for a task
+  // How long a frame may take: a free surface, a finished task, a busy device.
+  // A GPU that takes longer hangs, and the session is reset or ended while the
+  // capture's threads still wait for it.
+  static constexpr uint32_t kWaitMs = 5000;
 
  private:
   struct Surface {
@@ -82,7 +85,9 @@ class CEncodingPipeline : public H264Session {
   Surface* freeSurface(CodedFrameSink& sink, bool& ok);
   bool submit(mfxFrameSurface1* surface, Task& task, bool& more, CodedFrameSink& sink);
   bool syncOldest(CodedFrameSink& sink);
+  // A lost device is reset (true: coding goes on); anything else ends the session.
   bool recover(mfxStatus status, int line);
+  bool fail(mfxStatus status, int line);
 
   bool useHardware_;
   VplRuntime runtime_;

@@ -2,7 +2,6 @@
 
 #include <vector>
 
-#include "platform/RenderNode.h"
 #include "platform/SharedMapping.h"
 #include "recorder/CommonData.h"
 #include "server/CommandBlock.h"
@@ -15,7 +14,7 @@ namespace kestrium {
 
 namespace {
 
-// The picture the probe codes: small, black, one frame.
+// The picture the probe codes: small, grey, one frame.
 constexpr uint16_t kProbeWidth = 320;
 constexpr uint16_t kProbeHeight = 240;
 
@@ -53,10 +52,7 @@ bool canEncode(VplRuntime& vpl, mfxSession session, VaDisplay& display, VaLibrar
     logLine(u"  Intel QuickSync runtime found, but no VA-API library to reach a GPU\n");
     return false;
   }
-  for (const std::string& node : platform::renderNodePaths()) {
-    if (display.open(va, node)) break;
-  }
-  if (!display.isOpen()) {
+  if (!openDisplayPreferring(va, display, "Intel")) {
     logLine(u"  Intel QuickSync runtime found, but no GPU render node gives a VA display\n");
     return false;
   }

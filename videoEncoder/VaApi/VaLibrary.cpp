@@ -88,4 +88,15 @@ bool VaDisplay::encodes(VAProfile profile) const {
   return false;
 }
 
+bool openDisplayPreferring(const VaLibrary& library, VaDisplay& display, std::string_view vendor) {
+  std::string fallback;
+  for (const std::string& node : platform::renderNodePaths()) {
+    if (!display.open(library, node)) continue;
+    if (display.vendor().find(vendor) != std::string::npos) return true;
+    if (fallback.empty()) fallback = node;
+    display.close();
+  }
+  return !fallback.empty() && display.open(library, fallback);
+}
+
 }  // namespace kestrium

@@ -78,4 +78,9 @@ class VaDisplay {
   VADisplay display_ = nullptr;
 };
 
+// Opens on `display` the first render node whose driver's vendor text names
+// `vendor` (a machine may have an Intel and an AMD GPU), or else the first that
+// gives a display at all. False when none does.
+bool openDisplayPreferring(const VaLibrary& library, VaDisplay& display, std::string_view vendor);
+
 }  // namespace kestrium

@@ -59,8 +59,20 @@ bool VceVaSession::setUp(const H264Settings& settings) {
   if (!va_.load(u"AMD_VCE") || !openAmdEncoderDisplay(va_, display_)) return false;
   width_ = (settings.width + 1) & ~1;
   height_ = (settings.height + 1) & ~1;
-  const VceConfig config = VceConfig::forCapture(settings);
+  VceConfig config = VceConfig::forCapture(settings);
   VADisplay d = display_.handle();
+  // A GPU without the asked profile codes the capture in the nearest it has.
+  if (!display_.encodes(vceVaSetup(config, width_, height_, 1).profile)) {
+    static constexpr std::pair<VAProfile, int32_t> kNearest[] = {
+        {VAProfileH264Main, 77}, {VAProfileH264High, 100}, {VAProfileH264ConstrainedBaseline, 66}};
+    for (const auto& [profile, idc] : kNearest) {
+      if (!display_.encodes(profile)) continue;
+      logLine(u"[Warning] *** AMD_VCE *** The GPU codes no H.264 profile %d; profile %d instead\n", config["profile"],
+              idc);
+      config.set("profile", idc);
+      break;
+    }
+  }
 
   VAConfigAttrib attributes[] = {{VAConfigAttribRTFormat, 0}, {VAConfigAttribRateControl, 0},
                                  {VAConfigAttribEncQualityRange, 0}};
@@ -125,7 +137,13 @@ bool VceVaSession::upload(VASurfaceID surface, const Nv12Picture& picture) {
   VAImage image{};
   if (!check(va_.DeriveImage(d, surface, &image), "vaDeriveImage")) return false;
   void* mapped = nullptr;
-  bool ok = check(va_.MapBuffer(d, image.buf, &mapped), "vaMapBuffer");
+  bool ok = true;
+  if (image.format.fourcc != VA_FOURCC_NV12 || image.width < width_ || image.height < height_) {
+    logLine(u"[Error]   *** AMD_VCE *** The GPU's surface is no %dx%d NV12 picture (%ux%u, fourcc %08X)\n", width_,
+            height_, image.width, image.height, image.format.fourcc);
+    ok = false;
+  }
+  ok = ok && check(va_.MapBuffer(d, image.buf, &mapped), "vaMapBuffer");
   if (ok) {
     auto* base = static_cast<uint8_t*>(mapped);
     // The picture's rows at the image's own pitch and offsets.
@@ -230,12 +248,18 @@ bool VceVaSession::takeCoded(uint32_t position, CodedFrameSink& sink) {
   void* mapped = nullptr;
   if (!check(va_.MapBuffer(d, coded_, &mapped), "vaMapBuffer")) return false;
   frame_.clear();
+  bool overflow = false;
   for (auto* segment = static_cast<VACodedBufferSegment*>(mapped); segment != nullptr;
        segment = static_cast<VACodedBufferSegment*>(segment->next)) {
     const auto* bytes = static_cast<const std::byte*>(segment->buf);
     if (bytes != nullptr) frame_.insert(frame_.end(), bytes, bytes + segment->size);
+    overflow = overflow || (segment->status & VA_CODED_BUF_STATUS_SLICE_OVERFLOW_MASK) != 0;
   }
   check(va_.UnmapBuffer(d, coded_), "vaUnmapBuffer");
+  if (overflow) {
+    logLine(u"[Error]   *** AMD_VCE *** The frame at %u ms did not fit the coded buffer; it is lost\n", position);
+    return false;
+  }
   // A frame is a key frame when it holds an IDR slice, whatever was asked.
   bool key = false;
   AnnexBReader reader(frame_);
@@ -262,10 +286,14 @@ bool VceVaSession::encode(const Nv12Picture& picture, uint32_t position, CodedFr
   destroyParameters();
   ok = ok && check(va_.SyncSurface(d, source), "vaSyncSurface") && takeCoded(position, sink);
   if (!ok) {
-    // This frame is lost and its picture is no reference: start afresh.
+    // This frame is lost and its picture is no reference: start afresh. A GPU
+    // that refuses frame after frame has stopped coding.
     forceIdr_ = true;
-    return true;
+    if (++lostInARow_ < kMostLostInARow) return true;
+    logLine(u"[Error]   *** AMD_VCE *** The GPU refused %u frames in a row\n", lostInARow_);
+    return false;
   }
+  lostInARow_ = 0;
   if (idr) ++idrId_;
   forceIdr_ = false;
   ++sinceIdr_;

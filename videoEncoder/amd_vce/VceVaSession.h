@@ -23,7 +23,8 @@ bool openAmdEncoderDisplay(const VaLibrary& va, VaDisplay& display, int* amdDisp
 // buffer. Each frame is coded before the next is taken; an IDR frame a second
 // brings the sequence with it, and the driver puts SPS and PPS in its stream,
 // so the headers are known after the first frame. A frame the driver refuses
-// is lost with a log line and the next one starts afresh with an IDR frame.
+// is lost with a log line and the next one starts afresh with an IDR frame;
+// thirty refused in a row end the session.
 class VceVaSession : public H264Session {
  public:
   ~VceVaSession() override;
@@ -33,6 +34,7 @@ class VceVaSession : public H264Session {
   bool drain(CodedFrameSink& sink) override { return static_cast<void>(sink), true; }
 
   static constexpr int kInputSurfaces = 4;
+  static constexpr uint32_t kMostLostInARow = 30;
 
  private:
   bool setUp(const H264Settings& settings);
@@ -64,6 +66,7 @@ class VceVaSession : public H264Session {
   uint16_t idrId_ = 0;
   int reference_ = 0;            // which reconstructed surface holds the reference
   bool forceIdr_ = true;
+  uint32_t lostInARow_ = 0;
 };
 
 }  // namespace kestrium
