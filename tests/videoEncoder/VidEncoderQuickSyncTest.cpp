@@ -112,15 +112,17 @@ TEST_F(QuickSyncTest, WithoutTheRuntimeTheProbeWritesNothingAndSaysNothing) {
 struct SizeCase {
   const char* name;
   uint32_t width, height;
-  int delay;  // pictures the runtime holds before its first frame
+  int delay;     // pictures the runtime holds before its first frame
+  int bufferKB;  // the runtime's bound for a coded frame, when it is too small
 };
 void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.name; }
 
 class QuickSyncEncodeTest : public QuickSyncTest, public ::testing::WithParamInterface<SizeCase> {};
 
 TEST_P(QuickSyncEncodeTest, TheRuntimesFramesReachTheRecorderInOrderWithKeyFlagsAndPositions) {
-  const auto [name, width, height, delay] = GetParam();
+  const auto [name, width, height, delay, bufferKB] = GetParam();
   FakeVpl_SetDelay(delay);
+  FakeVpl_SetBufferSizeInKB(bufferKB);
   const test::Units& clip = clipUnits();
   const auto frames = static_cast<uint32_t>(clip.size() + 6);  // the clip starts over once
   test::EncodedSlotConsumer consumer(u"cap", width, height);
@@ -160,8 +162,8 @@ TEST_P(QuickSyncEncodeTest, TheRuntimesFramesReachTheRecorderInOrderWithKeyFlags
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, QuickSyncEncodeTest,
-                         ::testing::Values(SizeCase{"Laptop1366x768", 1366, 768, 0},
-                                           SizeCase{"Odd642x362HeldBack", 642, 362, 3}),
+                         ::testing::Values(SizeCase{"Laptop1366x768", 1366, 768, 0, 0},
+                                           SizeCase{"Odd642x362HeldBackInSmallBuffers", 642, 362, 3, 1}),
                          [](const ::testing::TestParamInfo<SizeCase>& info) { return std::string(info.param.name); });
 
 // --- which session, and with what -------------------------------------------------

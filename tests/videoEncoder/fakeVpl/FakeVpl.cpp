@@ -63,6 +63,7 @@ struct Recorded {
 struct World {
   bool noGpu = false, requireVaDisplay = true;
   int suggestedSurfaces = 4, delay = 0;
+  int bufferSizeInKB = 0;  // what GetVideoParam says; 0: room for any frame
   std::vector<std::vector<uint8_t>> clip;
   kestrium::fake::Failures failures;
 
@@ -244,6 +245,7 @@ std::vector<uint8_t> findNal(const std::vector<uint8_t>& unit, int type) {
 // Room for any coded frame of the clip and for a frame that would not compress
 // at all, in the units of BufferSizeInKB.
 uint16_t bufferSizeInKB(const World& w, const mfxVideoParam& p) {
+  if (w.bufferSizeInKB > 0) return static_cast<uint16_t>(w.bufferSizeInKB);
   size_t bytes = static_cast<size_t>(p.mfx.FrameInfo.Width) * p.mfx.FrameInfo.Height * 4;
   for (const auto& unit : w.clip) bytes = std::max(bytes, unit.size());
   const size_t multiplier = std::max<size_t>(1, p.mfx.BRCParamMultiplier);
@@ -523,6 +525,7 @@ void FakeVpl_SetNoGpu(int noGpu) { FAKE_LOCK(); w.noGpu = noGpu != 0; }
 void FakeVpl_SetRequireVaDisplay(int required) { FAKE_LOCK(); w.requireVaDisplay = required != 0; }
 void FakeVpl_SetSuggestedSurfaces(int count) { FAKE_LOCK(); w.suggestedSurfaces = std::clamp(count, 0, 65535); }
 void FakeVpl_SetDelay(int pictures) { FAKE_LOCK(); w.delay = std::max(pictures, 0); }
+void FakeVpl_SetBufferSizeInKB(int kb) { FAKE_LOCK(); w.bufferSizeInKB = std::clamp(kb, 0, 65535); }
 
 void FakeVpl_Fail(const char* call, int status, int occurrence) {
   FAKE_LOCK();

@@ -49,6 +49,10 @@ FAKE_VPL_API void FakeVpl_SetSuggestedSurfaces(int count);
 // The encoder holds this many pictures before the first coded frame comes out
 // (MFX_ERR_MORE_DATA for each of them); a drain with a null surface gives them.
 FAKE_VPL_API void FakeVpl_SetDelay(int pictures);
+// The BufferSizeInKB that MFXVideoENCODE_GetVideoParam answers, smaller than a
+// frame may need (MFX_ERR_NOT_ENOUGH_BUFFER then asks for a larger bitstream);
+// 0, after a reset: room for any frame.
+FAKE_VPL_API void FakeVpl_SetBufferSizeInKB(int kb);
 
 // The call of that name ("MFXInit", "MFXVideoENCODE_Init", ...) returns status
 // on its occurrence-th call from now on (1: the next one), or on every call when
