@@ -88,6 +88,29 @@ inline Probe probeVideo(const std::filesystem::path& file) {
   return p;
 }
 
+// An H.264 recording as ffprobe and ffmpeg see it: the codec, the picture's
+// size (height unchecked when empty), the packets read, and a decoding without
+// a complaint.
+inline void expectPlayableH264(const std::filesystem::path& file, const std::string& width, const std::string& height,
+                               const std::string& packets) {
+  std::string info;
+  ASSERT_EQ(runTool(KESTRIUM_FFPROBE,
+                    {"-v", "error", "-count_packets", "-select_streams", "v:0", "-show_entries",
+                     "stream=codec_name,width,height,nb_read_packets", "-of", "default=nw=1", file.string()},
+                    info),
+            0)
+      << info;
+  EXPECT_EQ(field(info, "codec_name"), "h264") << info;
+  EXPECT_EQ(field(info, "width"), width) << info;
+  if (!height.empty()) {
+    EXPECT_EQ(field(info, "height"), height) << info;
+  }
+  EXPECT_EQ(field(info, "nb_read_packets"), packets) << info;
+  std::string out;
+  EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", file.string(), "-f", "null", "-"}, out), 0) << out;
+  EXPECT_TRUE(out.empty()) << "ffmpeg decodes the whole file without a complaint: " << out;
+}
+
 // Threads and resident memory of a process, where the OS tells (Linux).
 inline std::optional<uint64_t> processStatus(uint32_t pid, const std::string& key) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/status");

@@ -135,4 +135,17 @@ std::vector<EncodedFrame> HardwareEncoderTest::record(IVidEncoder& encoder, Enco
   return consumer.taken(expected);
 }
 
+uint32_t HardwareEncoderTest::feedUntilRefused(IVidEncoder& encoder, uint32_t width, uint32_t height, uint32_t most,
+                                               uint32_t timeoutMs) {
+  const Bytes frame = picture(Picture::Game, width, height, 1);
+  const uint64_t until = platform::monotonicNs() + uint64_t{timeoutMs} * 1000000;
+  uint32_t taken = 0;
+  while (taken < most && platform::monotonicNs() < until &&
+         encoder.EncodeFrame(std::as_bytes(std::span(frame)), 1, taken * 33) != 0) {
+    ++taken;
+    platform::sleepMs(5);
+  }
+  return taken;
+}
+
 }  // namespace kestrium::test

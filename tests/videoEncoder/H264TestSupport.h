@@ -62,6 +62,12 @@ class HardwareEncoderTest : public LoggedTest {
   std::vector<EncodedFrame> record(IVidEncoder& encoder, EncodedSlotConsumer& consumer, uint32_t width,
                                    uint32_t height, uint32_t frames, size_t expected);
 
+  // Feeds one picture over and over (at most `most` times, for at most
+  // timeoutMs) until the encoder refuses it: how long a failing encoder takes
+  // to give up. Returns the frames it took.
+  static uint32_t feedUntilRefused(IVidEncoder& encoder, uint32_t width, uint32_t height, uint32_t most,
+                                   uint32_t timeoutMs);
+
   platform::SharedMapping features_{std::u16string(kFeaturesName), sizeof(FeaturesBlock)};
   std::vector<Bytes> sources_;
   std::vector<uint32_t> positions_;

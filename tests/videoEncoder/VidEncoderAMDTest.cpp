@@ -183,12 +183,7 @@ TEST_F(AmdTest, AFirstFrameWithoutParameterSetsEndsTheVideo) {
   test::EncodedSlotConsumer consumer(u"cap", 642, 362);
   auto encoder = probeAndOpen(test::h264Options(642, 362));
   ASSERT_NE(encoder, nullptr) << log();
-  const Bytes frame = test::picture(test::Picture::Game, 642, 362, 1);
-  EXPECT_EQ(encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, 0), 1);
-  const uint64_t until = platform::monotonicNs() + 10'000'000'000;
-  while (encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, 33) != 0 && platform::monotonicNs() < until) {
-    platform::sleepMs(5);
-  }
+  EXPECT_GE(feedUntilRefused(*encoder, 642, 362, 1000, 10000), 1u);
   encoder->Close();
   EXPECT_TRUE(consumer.taken().empty()) << "nothing a file could begin with";
   EXPECT_TRUE(encoder->GetStreamHeader().empty());
@@ -203,9 +198,7 @@ TEST_F(AmdTest, AGpuThatRefusesEveryFrameEndsTheVideo) {
   auto encoder = probeAndOpen(test::h264Options(642, 362));
   ASSERT_NE(encoder, nullptr) << log();
   FakeVa_Fail("vaEndPicture", VA_STATUS_ERROR_OPERATION_FAILED, 0);
-  const Bytes frame = test::picture(test::Picture::Game, 642, 362, 1);
-  uint32_t accepted = 0;
-  while (accepted < 100 && encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, accepted * 33) != 0) ++accepted;
+  const uint32_t accepted = feedUntilRefused(*encoder, 642, 362, 100, 60000);
   encoder->Close();
   EXPECT_GE(accepted, 30u);
   EXPECT_LT(accepted, 100u);

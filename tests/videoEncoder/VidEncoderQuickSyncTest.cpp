@@ -367,47 +367,47 @@ INSTANTIATE_TEST_SUITE_P(Runtime, QuickSyncLossTest,
                                            LossCase{"MFXVideoCORE_SyncOperation", 5}),
                          [](const ::testing::TestParamInfo<LossCase>& info) { return std::string(info.param.call); });
 
-TEST_F(QuickSyncTest, AGpuThatStaysBusyEndsTheVideo) {
-  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
-  auto encoder = openEncoder(kName, test::h264Options(642, 362));
-  ASSERT_NE(encoder, nullptr) << log();
-  FakeVpl_Fail("MFXVideoENCODE_EncodeFrameAsync", MFX_WRN_DEVICE_BUSY, 0);
-  testing::internal::CaptureStdout();
-  const Bytes frame = test::picture(test::Picture::Game, 642, 362, 1);
-  EXPECT_EQ(encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, 0), 1);
-  const uint64_t until = platform::monotonicNs() + 20'000'000'000;
-  while (encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, 33) != 0 && platform::monotonicNs() < until) {
-    platform::sleepMs(20);
-  }
-  encoder->Close();
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("\nReturn on error: error code -21,\t"), std::string::npos);
-  EXPECT_NE(log().find("[Error]   QS: the device has been busy for 5000 ms with no frame in flight\r\n"),
-            std::string::npos)
-      << log();
-  EXPECT_NE(log().find("[Error]   *** H264 *** The encoder of cap failed"), std::string::npos) << log();
-}
+struct EndingFailure {
+  const char* name;
+  const char* call;
+  int status;
+  int occurrence;
+  const char* output;  // on the standard output
+  const char* line;    // of the pipeline, in the log
+};
+void PrintTo(const EndingFailure& c, std::ostream* os) { *os << c.name; }
 
-TEST_F(QuickSyncTest, AnyOtherRuntimeFailureEndsTheVideoButNotTheCapture) {
+class QuickSyncEndingTest : public QuickSyncTest, public ::testing::WithParamInterface<EndingFailure> {};
+
+TEST_P(QuickSyncEndingTest, AFailureOtherThanALostDeviceEndsTheVideoButNotTheCapture) {
+  const EndingFailure& c = GetParam();
   test::EncodedSlotConsumer consumer(u"cap", 642, 362);
   auto encoder = openEncoder(kName, test::h264Options(642, 362));
   ASSERT_NE(encoder, nullptr) << log();
-  FakeVpl_Fail("MFXVideoCORE_SyncOperation", MFX_ERR_ABORTED, 1);
+  FakeVpl_Fail(c.call, c.status, c.occurrence);
   testing::internal::CaptureStdout();
-  const Bytes frame = test::picture(test::Picture::Game, 642, 362, 1);
-  for (uint32_t i = 0; i < 9; ++i) encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, i * 33);
-  // The ninth frame needs a task and so waits for the first: the session ends there.
-  const uint64_t until = platform::monotonicNs() + 10'000'000'000;
-  while (encoder->EncodeFrame(std::as_bytes(std::span(frame)), 1, 400) != 0 && platform::monotonicNs() < until) {
-    platform::sleepMs(5);
-  }
+  feedUntilRefused(*encoder, 642, 362, 1000, 20000);
   encoder->Close();
   const std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_NE(out.find("\nReturn on error: error code -12,\t"), std::string::npos) << out;
-  EXPECT_NE(log().find("[Error]   *** H264 *** The encoder of cap failed; the capture goes on without video\r\n"),
+  EXPECT_NE(out.find(c.output), std::string::npos) << out;
+  const std::string text = log();
+  EXPECT_NE(text.find(c.line), std::string::npos) << text;
+  EXPECT_NE(text.find("[Error]   *** H264 *** The encoder of cap failed; the capture goes on without video\r\n"),
             std::string::npos)
-      << log();
+      << text;
   EXPECT_TRUE(consumer.taken().empty());
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Runtime, QuickSyncEndingTest,
+    ::testing::Values(
+        // The ninth frame needs a task and so waits for the first: the session ends there.
+        EndingFailure{"FrameAborted", "MFXVideoCORE_SyncOperation", MFX_ERR_ABORTED, 1,
+                      "\nReturn on error: error code -12,\t", ""},
+        EndingFailure{"GpuStaysBusy", "MFXVideoENCODE_EncodeFrameAsync", MFX_WRN_DEVICE_BUSY, 0,
+                      "\nReturn on error: error code -21,\t",
+                      "[Error]   QS: the device has been busy for 5000 ms with no frame in flight\r\n"}),
+    [](const ::testing::TestParamInfo<EndingFailure>& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace kestrium

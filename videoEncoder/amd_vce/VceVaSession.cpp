@@ -62,7 +62,8 @@ bool VceVaSession::setUp(const H264Settings& settings) {
   VceConfig config = VceConfig::forCapture(settings);
   VADisplay d = display_.handle();
   // A GPU without the asked profile codes the capture in the nearest it has.
-  if (!display_.encodes(vceVaSetup(config, width_, height_, 1).profile)) {
+  setup_ = vceVaSetup(config, width_, height_, 1);
+  if (!display_.encodes(setup_.profile)) {
     static constexpr std::pair<VAProfile, int32_t> kNearest[] = {
         {VAProfileH264Main, 77}, {VAProfileH264High, 100}, {VAProfileH264ConstrainedBaseline, 66}};
     for (const auto& [profile, idc] : kNearest) {
@@ -70,13 +71,13 @@ bool VceVaSession::setUp(const H264Settings& settings) {
       logLine(u"[Warning] *** AMD_VCE *** The GPU codes no H.264 profile %d; profile %d instead\n", config["profile"],
               idc);
       config.set("profile", idc);
+      setup_.profile = profile;
       break;
     }
   }
 
   VAConfigAttrib attributes[] = {{VAConfigAttribRTFormat, 0}, {VAConfigAttribRateControl, 0},
                                  {VAConfigAttribEncQualityRange, 0}};
-  setup_ = vceVaSetup(config, width_, height_, 1);
   if (!check(va_.GetConfigAttributes(d, setup_.profile, VAEntrypointEncSlice, attributes, 3), "vaGetConfigAttributes")) {
     return false;
   }
