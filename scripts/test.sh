@@ -58,6 +58,33 @@ run() {
 
 wanted() { [[ -z "$only" || "$only" == *",$1,"* ]]; }
 
+# Tests that failed once and passed when run again: named in the summary, so
+# that a test that fails now and then is seen and looked into, not forgotten.
+flaky="$logs/flaky.txt"
+: >"$flaky"
+
+# ctest_rerun BUILD_DIR COMMAND...: runs a ctest command; when tests failed, runs
+# just those once more. The part passes when they pass then; every test that
+# failed the first time is noted in $flaky either way, and the summary names it.
+ctest_rerun() {
+  local dir=$1
+  shift
+  "$@" && return 0
+  local list="$dir/Testing/Temporary/LastTestsFailed.log"
+  [[ -s $list ]] || return 1
+  local first
+  first=$(sed 's/^[0-9]*://' "$list")
+  echo
+  echo "=== running again the tests that failed:"
+  echo "$first" | sed 's/^/  /'
+  if "$@" --rerun-failed; then
+    echo "$first" | sed "s|^|  passed on a second run ($dir): |" >>"$flaky"
+    return 0
+  fi
+  sed "s|^[0-9]*:|  failed twice ($dir): |" "$list" >>"$flaky"
+  return 1
+}
+
 shm_listing() { ls -A /dev/shm | sort; }
 
 # left_behind SHM_BEFORE [TMP]: fails, naming them, when the tests left entries of
@@ -96,6 +123,9 @@ left_behind() {
   return "$status"
 }
 
+# in_tmpdir TMP COMMAND...: runs a command (or one of these functions) with TMPDIR set.
+in_tmpdir() { (export TMPDIR="$1" && shift && "$@"); }
+
 # run_tests NAME TMP COMMAND...: runs a part's tests, with TMPDIR a fresh folder
 # TMP unless TMP is empty, and then checks that they left nothing behind.
 run_tests() {
@@ -106,7 +136,7 @@ run_tests() {
   if [[ -n $tmp ]]; then
     rm -rf "$tmp"
     mkdir -p "$tmp"
-    run "$name" env TMPDIR="$tmp" "$@"
+    run "$name" in_tmpdir "$tmp" "$@"
   else
     run "$name" "$@"
   fi
@@ -117,13 +147,13 @@ run "setup" scripts/setup.sh
 
 if wanted linux; then
   run "linux: build" scripts/build.sh linux
-  run_tests "linux: tests" "$root/build/test-tmp" ctest --test-dir build -j "$jobs" --output-on-failure
+  run_tests "linux: tests" "$root/build/test-tmp" ctest_rerun build ctest --test-dir build -j "$jobs" --output-on-failure
 fi
 
 if wanted asan; then
   run "asan+ubsan: build" env KESTRIUM_BUILD_DIR=build-asan scripts/build.sh linux -DKESTRIUM_SANITIZE=ON
-  run_tests "asan+ubsan: tests" "$root/build-asan/test-tmp" env ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
-    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_tests "asan+ubsan: tests" "$root/build-asan/test-tmp" ctest_rerun build-asan \
+    env ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir build-asan -j "$jobs" --output-on-failure
 fi
 
@@ -146,11 +176,15 @@ if wanted win64; then
   run "windows-x86_64: build" scripts/build.sh windows-x86_64
   # The Windows programs keep their temporary files in the wine prefix: only
   # /dev/shm is checked.
-  run_tests "windows-x86_64: tests (wine64)" "" scripts/wine-ctest.sh build-win64 -j "$jobs" --output-on-failure
+  run_tests "windows-x86_64: tests (wine64)" "" ctest_rerun build-win64 scripts/wine-ctest.sh build-win64 -j "$jobs" --output-on-failure
 fi
 
 echo
 echo "=== summary"
 printf '%s\n' "${summary[@]}"
+if [[ -s $flaky ]]; then
+  echo "tests that failed on their first run:"
+  cat "$flaky"
+fi
 echo "total $SECONDS s"
 exit "$failed"
