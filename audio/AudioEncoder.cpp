@@ -37,10 +37,12 @@ void AudioEncoder::finishSetup(int32_t frameSamples, WaveFormat format) {
 std::span<const int16_t> AudioEncoder::resample(std::span<const int16_t> input) {
   const size_t channels = static_cast<size_t>(channels_);
   const uint64_t inFrames = input.size() / channels;
-  const uint64_t outFrames = uint64_t(engineRate_) * inFrames / uint64_t(sourceRate_);
+  // The product in 64 bits; what comes out is no more than a block's worth of
+  // frames, which fits a size_t on any build.
+  const auto outFrames = static_cast<size_t>(uint64_t(engineRate_) * inFrames / uint64_t(sourceRate_));
   if (resampleBuffer_.size() < outFrames * channels) resampleBuffer_.resize(outFrames * channels);
-  for (uint64_t i = 0; i < outFrames; ++i) {
-    const uint64_t from = i * inFrames / outFrames;
+  for (size_t i = 0; i < outFrames; ++i) {
+    const auto from = static_cast<size_t>(uint64_t(i) * inFrames / outFrames);
     std::memcpy(&resampleBuffer_[i * channels], &input[from * channels], channels * sizeof(int16_t));
   }
   return {resampleBuffer_.data(), outFrames * channels};

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Configures and builds one target: linux (default) into build/, windows-i686 into
 # build-win32/ (the product's 32-bit server), windows-x86_64 into build-win64/ (the
-# build whose tests run under wine64). Binaries land in <dir>/bin/.
+# build whose tests run under wine64). Binaries land in <dir>/bin/. The Windows
+# targets first cross-build their libraries (scripts/build-windows-deps.sh).
 # Extra arguments go to CMake's configure step (e.g. -DKESTRIUM_SANITIZE=ON).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -17,5 +18,15 @@ esac
 dir=${KESTRIUM_BUILD_DIR:-$dir}
 [[ "$dir" = /* ]] || dir="$root/$dir"
 
-cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${toolchain[@]}" "$@" >/dev/null
+# The Windows builds link libraries cross-built from Debian's source packages:
+# made (or taken from the cache) into <dir>/deps first.
+deps=()
+case "$target" in
+  windows-i686 | windows-x86_64)
+    prefix=$("$root/scripts/build-windows-deps.sh" "${target#windows-}" "$dir/deps")
+    deps=(-DKESTRIUM_WINDOWS_DEPS="$prefix")
+    ;;
+esac
+
+cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${toolchain[@]}" "${deps[@]}" "$@" >/dev/null
 cmake --build "$dir" -j "$(nproc)"

@@ -17,9 +17,41 @@ packages=(
   pulseaudio pulseaudio-utils
   # a real RTMP server for the broadcast tests: nginx with its RTMP module
   nginx-light libnginx-mod-rtmp
-  # the Windows builds and running their tests
-  g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix wine64
+  # the Windows builds and running their tests; the libraries they link are
+  # cross-built from Debian's source packages (apt-get source, nasm for their
+  # assembly)
+  g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix wine64 dpkg-dev nasm
 )
+
+sudo=()
+if [[ $(id -u) -ne 0 ]]; then sudo=(sudo); fi
+export DEBIAN_FRONTEND=noninteractive
+
+# The source packages of the Windows builds' libraries need apt's source lists,
+# which a new machine often has switched off: a list of our own adds them for
+# this release of Debian.
+source_list=/etc/apt/sources.list.d/kestrium-sources.sources
+known=$(apt-cache showsrc --only-source x264 2>/dev/null || true)
+if [[ $known != *Version:* ]]; then
+  if [[ ! -f $source_list ]]; then
+    codename=$(. /etc/os-release && echo "${VERSION_CODENAME:-bookworm}")
+    echo "setup: adding apt's source lists for $codename ($source_list)"
+    "${sudo[@]}" tee "$source_list" >/dev/null <<EOF
+Types: deb-src
+URIs: http://deb.debian.org/debian
+Suites: $codename $codename-updates
+Components: main
+Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
+
+Types: deb-src
+URIs: http://deb.debian.org/debian-security
+Suites: $codename-security
+Components: main
+Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
+EOF
+  fi
+  "${sudo[@]}" apt-get update -qq
+fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -33,9 +65,6 @@ if ((${#missing[@]} == 0)); then
 fi
 
 echo "setup: installing ${missing[*]}"
-sudo=()
-if [[ $(id -u) -ne 0 ]]; then sudo=(sudo); fi
-export DEBIAN_FRONTEND=noninteractive
 "${sudo[@]}" apt-get update -qq
 "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 echo "setup: done"

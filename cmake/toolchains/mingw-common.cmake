@@ -12,3 +12,19 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# The libraries cross-built from Debian's source packages (scripts/build.sh
+# passes their prefix; see scripts/build-windows-deps.sh): found there by
+# find_* and by pkg-config, linked statically with what they need in turn.
+# Without a prefix pkg-config must find nothing: the build machine's own .pc
+# files describe Linux libraries.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KESTRIUM_WINDOWS_DEPS)
+if(KESTRIUM_WINDOWS_DEPS)
+  list(APPEND CMAKE_FIND_ROOT_PATH ${KESTRIUM_WINDOWS_DEPS})
+  set(ENV{PKG_CONFIG_LIBDIR} "${KESTRIUM_WINDOWS_DEPS}/lib/pkgconfig")
+else()
+  set(ENV{PKG_CONFIG_LIBDIR} "/nonexistent/kestrium-no-windows-deps")
+endif()
+set(ENV{PKG_CONFIG_PATH} "")
+set(ENV{PKG_CONFIG_SYSROOT_DIR} "")
+set(PKG_CONFIG_ARGN --static)

@@ -91,8 +91,8 @@ inline size_t countOf(std::string_view text, std::string_view what) {
   return n;
 }
 
-// The independent checkers (ffprobe, ffmpeg, sox) as the build found them; empty
-// where they cannot run, as in the Windows builds under wine.
+// The independent checkers (ffprobe, ffmpeg, sox) as the build found them: the
+// build machine's, which the Windows builds run through wine.
 #ifndef KESTRIUM_FFPROBE
 #define KESTRIUM_FFPROBE ""
 #endif
@@ -103,9 +103,18 @@ inline size_t countOf(std::string_view text, std::string_view what) {
 #define KESTRIUM_SOX ""
 #endif
 
+#ifdef _WIN32
+// A Linux program run from a Windows test program under wine, with arguments
+// that are Windows paths given as the same files' Linux paths (HostTool.cpp).
+int runHostTool(const std::string& tool, const std::vector<std::string>& args, std::string& output);
+#endif
+
 // Runs a tool to its end; its standard output and error land in output. Returns
 // its exit status, or -1 when it could not run or did not end within a minute.
 inline int runTool(const std::filesystem::path& tool, const std::vector<std::string>& args, std::string& output) {
+#ifdef _WIN32
+  if (tool.string().starts_with('/')) return runHostTool(tool.string(), args, output);
+#endif
   const TempFolder folder("-tool");
   const auto file = folder.path() / "tool-output.txt";
   platform::ChildProcess child;
