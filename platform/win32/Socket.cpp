@@ -9,6 +9,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "platform/Text.h"
 #include "platform/Wait.h"
@@ -64,7 +65,31 @@ struct TcpSocket::Impl {
   // Atomic: abort() may come from another thread while connect() makes it.
   std::atomic<SOCKET> socket{INVALID_SOCKET};
   SOCKET wake = INVALID_SOCKET;
+  // The descriptors made by duplicate(): a shutdown does not end a read that
+  // blocks on one of them, cancelling its I/O does.
+  std::mutex copiesLock;
+  std::vector<SOCKET> copies;
 };
+
+namespace {
+
+// Both ends of a connection, which tell it from any other.
+struct Ends {
+  sockaddr_in local{};
+  sockaddr_in peer{};
+  bool operator==(const Ends& other) const {
+    return std::memcmp(&local, &other.local, sizeof local) == 0 && std::memcmp(&peer, &other.peer, sizeof peer) == 0;
+  }
+};
+
+bool endsOf(SOCKET s, Ends& ends) {
+  int length = sizeof ends.local;
+  if (::getsockname(s, reinterpret_cast<sockaddr*>(&ends.local), &length) != 0) return false;
+  length = sizeof ends.peer;
+  return ::getpeername(s, reinterpret_cast<sockaddr*>(&ends.peer), &length) == 0;
+}
+
+}  // namespace
 
 namespace {
 
@@ -211,7 +236,10 @@ intptr_t TcpSocket::duplicate() const {
   if (::WSADuplicateSocketW(impl_->socket, GetCurrentProcessId(), &info) != 0) return -1;
   const SOCKET copy = ::WSASocketW(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0,
                                    WSA_FLAG_NO_HANDLE_INHERIT);
-  return copy == INVALID_SOCKET ? -1 : static_cast<intptr_t>(copy);
+  if (copy == INVALID_SOCKET) return -1;
+  std::lock_guard guard(impl_->copiesLock);
+  impl_->copies.push_back(copy);
+  return static_cast<intptr_t>(copy);
 }
 
 bool TcpSocket::setNoDelay(bool on) {
@@ -326,7 +354,22 @@ void TcpSocket::shutdownSend() {
 void TcpSocket::abort() {
   if (!impl_) return;
   const SOCKET s = impl_->socket.load();
-  if (s != INVALID_SOCKET) ::shutdown(s, SD_BOTH);
+  if (s != INVALID_SOCKET) {
+    ::shutdown(s, SD_BOTH);
+    CancelIoEx(reinterpret_cast<HANDLE>(s), nullptr);
+  }
+  {
+    // A copy that its taker has closed may have lent its number to another
+    // handle since: only a handle of this very connection is cancelled.
+    Ends ours;
+    std::lock_guard guard(impl_->copiesLock);
+    if (s != INVALID_SOCKET && endsOf(s, ours)) {
+      for (const SOCKET copy : impl_->copies) {
+        Ends theirs;
+        if (endsOf(copy, theirs) && theirs == ours) CancelIoEx(reinterpret_cast<HANDLE>(copy), nullptr);
+      }
+    }
+  }
   wake();
 }
 

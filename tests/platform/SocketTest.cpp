@@ -3,9 +3,14 @@
 // connection attempt), and the diversion of send() takes the writes of exactly
 // the descriptor it was given.
 
+#ifdef _WIN32
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#else
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#endif
 
 #include <gtest/gtest.h>
 
@@ -15,15 +20,35 @@
 #include <thread>
 #include <vector>
 
+#include "platform/Clock.h"
 #include "platform/Socket.h"
+#include "platform/Wait.h"
 
 namespace kestrium::platform {
 namespace {
+
+// The OS's own calls, as a library such as librtmp makes them on a descriptor.
+#ifdef _WIN32
+using Raw = SOCKET;
+constexpr Raw kNoRaw = INVALID_SOCKET;
+void closeRaw(Raw s) { ::closesocket(s); }
+#else
+using Raw = int;
+constexpr Raw kNoRaw = -1;
+void closeRaw(Raw s) { ::close(s); }
+#endif
+Raw raw(intptr_t descriptor) { return static_cast<Raw>(descriptor); }
+int rawSend(Raw s, const char* data, int size) { return static_cast<int>(::send(s, data, size, 0)); }
+int rawRecv(Raw s, char* into, int size) { return static_cast<int>(::recv(s, into, size, 0)); }
 
 // A listening socket on a free loopback port, accepting one connection.
 class Listener {
  public:
   Listener() {
+#ifdef _WIN32
+    WSADATA data;
+    ::WSAStartup(MAKEWORD(2, 2), &data);
+#endif
     fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -35,15 +60,18 @@ class Listener {
     port_ = ntohs(address.sin_port);
   }
   ~Listener() {
-    if (peer_ >= 0) ::close(peer_);
-    ::close(fd_);
+    if (peer_ != kNoRaw) closeRaw(peer_);
+    closeRaw(fd_);
+#ifdef _WIN32
+    ::WSACleanup();
+#endif
   }
   uint16_t port() const { return port_; }
-  int accept() { return peer_ = ::accept(fd_, nullptr, nullptr); }
+  Raw accept() { return peer_ = ::accept(fd_, nullptr, nullptr); }
 
  private:
-  int fd_ = -1;
-  int peer_ = -1;
+  Raw fd_ = kNoRaw;
+  Raw peer_ = kNoRaw;
   uint16_t port_ = 0;
 };
 
@@ -62,16 +90,16 @@ TEST(SocketTest, AbortEndsABlockingReadOnAnotherDescriptorOfTheConnection) {
   Listener listener;
   TcpSocket socket;
   ASSERT_TRUE(socket.connect("127.0.0.1", listener.port(), {}, 5000)) << socket.error();
-  ASSERT_GE(listener.accept(), 0);
+  ASSERT_NE(listener.accept(), kNoRaw);
   // A library reads on its own copy of the descriptor, blocking, as librtmp does.
-  const int copy = static_cast<int>(socket.duplicate());
+  const intptr_t copy = socket.duplicate();
   ASSERT_GE(copy, 0);
-  std::atomic<ssize_t> got{1};
+  std::atomic<int> got{1};
   std::thread reader([&] {
     char byte;
-    got = ::recv(copy, &byte, 1, 0);
+    got = rawRecv(raw(copy), &byte, 1);
   });
-  ::usleep(100000);
+  sleepMs(100);
   socket.abort();
   reader.join();
   EXPECT_LE(got.load(), 0);
@@ -86,7 +114,7 @@ TEST(SocketTest, WakeEndsAWaitAndIsKeptWhenNobodyWaits) {
   EXPECT_EQ(socket.wait(false, kInfinite) & kSocketWoken, uint32_t{kSocketWoken});
   EXPECT_EQ(socket.wait(false, 50), uint32_t{kSocketTimedOut});
   std::thread waker([&] {
-    ::usleep(50000);
+    sleepMs(50);
     socket.wake();
   });
   EXPECT_EQ(socket.wait(false, kInfinite) & kSocketWoken, uint32_t{kSocketWoken});
@@ -98,9 +126,10 @@ TEST(SocketTest, TheSendDiversionTakesOnlyItsDescriptor) {
   Listener listener;
   TcpSocket socket;
   ASSERT_TRUE(socket.connect("127.0.0.1", listener.port(), {}, 5000)) << socket.error();
-  const int peer = listener.accept();
-  ASSERT_GE(peer, 0);
-  const int hooked = static_cast<int>(socket.duplicate());
+  const Raw peer = listener.accept();
+  ASSERT_NE(peer, kNoRaw);
+  const intptr_t hooked = socket.duplicate();
+  ASSERT_GE(hooked, 0);
   static std::vector<std::byte> taken;
   taken.clear();
   auto hook = [](void*, const std::byte* data, size_t size) -> int64_t {
@@ -108,20 +137,20 @@ TEST(SocketTest, TheSendDiversionTakesOnlyItsDescriptor) {
     return static_cast<int64_t>(size);
   };
   ASSERT_TRUE(installSendHook(hooked, hook, nullptr));
-  EXPECT_EQ(::send(hooked, "abc", 3, 0), 3);
+  EXPECT_EQ(rawSend(raw(hooked), "abc", 3), 3);
   // The other descriptor of the same connection still reaches the peer.
-  EXPECT_EQ(::send(static_cast<int>(socket.descriptor()), "xy", 2, 0), 2);
+  EXPECT_EQ(rawSend(raw(socket.descriptor()), "xy", 2), 2);
   removeSendHook(hooked);
-  EXPECT_EQ(::send(hooked, "z", 1, 0), 1);
+  EXPECT_EQ(rawSend(raw(hooked), "z", 1), 1);
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(taken.data()), taken.size()), "abc");
   char got[8] = {};
-  size_t have = 0;
+  int have = 0;
   while (have < 3) {
-    const ssize_t n = ::recv(peer, got + have, sizeof got - have, 0);
+    const int n = rawRecv(peer, got + have, static_cast<int>(sizeof got) - have);
     ASSERT_GT(n, 0);
-    have += static_cast<size_t>(n);
+    have += n;
   }
-  EXPECT_EQ(std::string(got, have), "xyz");
+  EXPECT_EQ(std::string(got, static_cast<size_t>(have)), "xyz");
   closeDescriptor(hooked);
 }
 
