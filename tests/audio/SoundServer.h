@@ -1,17 +1,26 @@
 #pragma once
 
-// A real sound server for one test: a headless PulseAudio daemon in a folder of
-// its own, with null sinks and a remapped source named like real devices, that
-// this process and its children reach through PULSE_SERVER. It is stopped by
-// its pid at the end.
+// A real sound server for one test, with null sinks and a remapped source named
+// like real devices, reached through PULSE_SERVER: on Linux a headless
+// PulseAudio daemon of the test's own in a folder of its own, stopped by its pid
+// at the end.
+//
+// Under wine a program's sound driver (winepulse) reaches the daemon that
+// PULSE_SERVER named when wine started it, whatever the Windows environment
+// says later, so the Windows tests share the daemon of scripts/wine-ctest.sh:
+// each loads its devices into it under names of its own, so that tests running
+// side by side don't hear each other, and unloads them at the end.
+//
+// Everything here is a Linux program run through /bin/sh, which finds the
+// test's folder by its Linux path on both.
 
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "platform/ChildProcess.h"
 #include "platform/Clock.h"
 #include "platform/System.h"
 #include "platform/Text.h"
@@ -22,75 +31,106 @@ namespace kestrium::test {
 class SoundServer {
  public:
   SoundServer() {
-    const std::string dir = folder_.path().string();
-    // A socket's path must fit in 108 bytes, which a test's folder may not: the
-    // socket gets a short folder of its own.
-    socketDir_ = std::filesystem::path("/tmp") / ("kestrium-pa-" + std::to_string(std::random_device()()));
-    std::filesystem::create_directories(socketDir_);
-    const std::string socket = (socketDir_ / "native").string();
-    {
-      std::ofstream config(folder_.path() / "default.pa");
-      config << "load-module module-native-protocol-unix auth-anonymous=1 socket=" << socket << "\n"
-             << "load-module module-null-sink sink_name=game rate=48000 channels=2 "
-                "sink_properties=device.description=\"Game\\ Audio\"\n"
-             << "load-module module-null-sink sink_name=micsink rate=48000 channels=1 "
-                "sink_properties=device.description=MicSink\n"
-             << "load-module module-remap-source source_name=usbmic master=micsink.monitor channels=1 "
-                "channel_map=mono source_properties=device.description=\"USB\\ Microphone\"\n"
-             << "load-module module-null-sink sink_name=surround rate=48000 channels=6 "
-                "channel_map=front-left,front-right,front-center,lfe,rear-left,rear-right "
-                "sink_properties=device.description=Surround\n"
-             << "load-module module-null-sink sink_name=headset rate=44100 channels=2 "
-                "sink_properties=device.description=Headset\n";
-    }
-    env_ = {{"XDG_RUNTIME_DIR", dir}, {"HOME", dir}, {"PULSE_RUNTIME_PATH", dir + "/runtime"}};
-    if (!daemon_.start("/usr/bin/pulseaudio",
-                       // No shared memory: a test must leave /dev/shm as it found it.
-                       {"-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=false", "--disable-shm=true",
-                        "-F", (folder_.path() / "default.pa").string(), "--log-target=file:" + dir + "/log.txt"},
-                       env_, folder_.path() / "daemon.txt")) {
-      why_ = "no PulseAudio daemon could start";
+#ifdef _WIN32
+    const auto shared = platform::environmentVariable("PULSE_SERVER");
+    if (!shared) {
+      why_ = "no sound server (scripts/wine-ctest.sh starts one)";
       return;
     }
-    server_ = "unix:" + socket;
-    platform::setEnvironmentVariable("PULSE_SERVER", platform::toUtf16(server_));
-    env_.emplace_back("PULSE_SERVER", server_);
-    const uint64_t until = platform::monotonicNs() + 10'000'000'000ull;
-    while (platform::monotonicNs() < until) {
-      if (run("/usr/bin/pactl", {"info"}) == 0) {
-        up_ = true;
-        keepMonitorsRead();
+    server_ = platform::toUtf8(*shared);
+    const unsigned id = std::random_device()() % 1000000;
+    nameSuffix_ = "-t" + std::to_string(id);
+    descriptionSuffix_ = " t" + std::to_string(id);
+#endif
+    // The devices as pactl load-module takes them: a module's name, then its
+    // arguments as one text, where a value with spaces is quoted.
+    const std::string& n = nameSuffix_;
+    const auto described = [this](const char* what, const std::string& description) {
+      return std::string(what) + "_properties='device.description=\"" + description + descriptionSuffix_ + "\"'";
+    };
+    {
+      std::ofstream devices(folder_.path() / "devices");
+      devices << "module-null-sink sink_name=game" << n << " rate=48000 channels=2 " << described("sink", "Game Audio")
+              << "\n"
+              << "module-null-sink sink_name=micsink" << n << " rate=48000 channels=1 " << described("sink", "MicSink")
+              << "\n"
+              << "module-remap-source source_name=usbmic" << n << " master=micsink" << n
+              << ".monitor channels=1 channel_map=mono " << described("source", "USB Microphone") << "\n"
+              << "module-null-sink sink_name=surround" << n
+              << " rate=48000 channels=6 channel_map=front-left,front-right,front-center,lfe,rear-left,rear-right "
+              << described("sink", "Surround") << "\n"
+              << "module-null-sink sink_name=headset" << n << " rate=44100 channels=2 " << described("sink", "Headset")
+              << "\n";
+    }
+    std::string out;
+    if (server_.empty()) {
+      // A socket's path must fit in 108 bytes, which a test's folder may not:
+      // the socket gets a short folder of its own. No shared memory: a test must
+      // leave /dev/shm as it found it.
+      if (shell("d=$(mktemp -d /tmp/kestrium-pa-XXXXXX) || exit 1\n"
+                "echo \"load-module module-native-protocol-unix auth-anonymous=1 socket=$d/native\" >\"$f/default.pa\"\n"
+                "export HOME=\"$f\" XDG_RUNTIME_DIR=\"$f\" PULSE_RUNTIME_PATH=\"$f/runtime\" PULSE_SERVER=\"unix:$d/native\"\n"
+                "pulseaudio -n --daemonize=no --exit-idle-time=-1 --use-pid-file=false --disable-shm=true \\\n"
+                "  -F \"$f/default.pa\" --log-target=file:\"$f/log.txt\" </dev/null >\"$f/daemon.txt\" 2>&1 &\n"
+                "pid=$!\n"
+                "echo \"$pid $d\" >\"$f/daemon\"\n"
+                "for i in $(seq 500); do\n"
+                "  pactl info >/dev/null 2>&1 && { echo \"unix:$d/native\"; exit 0; }\n"
+                "  kill -0 $pid 2>/dev/null || break\n"
+                "  sleep 0.02\n"
+                "done\n"
+                "exit 1\n",
+                out) != 0) {
+        why_ = "no PulseAudio daemon came up: " + out;
         return;
       }
-      platform::sleepMs(20);
+      server_ = out.substr(0, out.find('\n'));
+      platform::setEnvironmentVariable("PULSE_SERVER", platform::toUtf16(server_));
     }
-    why_ = "the PulseAudio daemon did not come up";
+    // An idle null sink works in blocks of two seconds and takes a reader's
+    // wish for a short latency only at the end of its block, so a new reader
+    // would get its first data that late: a reader on every monitor from the
+    // start keeps them all short (a trickle of 8-bit mono is enough to ask for
+    // it).
+    if (shell("while read -r module arguments; do\n"
+              "  pactl load-module \"$module\" \"$arguments\" >>\"$f/modules\" || exit 1\n"
+              "done <\"$f/devices\"\n"
+              "for sink in game micsink surround headset; do\n"
+              "  parec --device=$sink" + n + ".monitor --latency-msec=10 --format=u8 --channels=1 --rate=8000 \\\n"
+              "    </dev/null >\"$f/$sink.monitor.raw\" 2>/dev/null &\n"
+              "  echo $! >>\"$f/players\"\n"
+              "done\n",
+              out) != 0) {
+      why_ = "the test's sound devices could not be made: " + out;
+      return;
+    }
+    up_ = true;
   }
   ~SoundServer() {
-    for (auto& child : players_) {
-      child.kill();
-      child.wait(5000);
-    }
-    // Asked, so that it removes what it made; killed only if it will not go.
-    daemon_.requestStop();
-    if (!daemon_.wait(5000)) {
-      daemon_.kill();
-      daemon_.wait(5000);
-    }
-    std::error_code ec;
-    std::filesystem::remove_all(socketDir_, ec);
+    // The devices go with a daemon of our own. It is asked to go, so that it
+    // removes what it made, and killed only if it will not.
+    std::string out;
+    shell(
+        "[ -f \"$f/players\" ] && kill $(cat \"$f/players\") 2>/dev/null\n"
+        "if [ ! -f \"$f/daemon\" ]; then\n"
+        "  [ -f \"$f/modules\" ] && for m in $(cat \"$f/modules\"); do pactl unload-module $m 2>/dev/null; done\n"
+        "  exit 0\n"
+        "fi\n"
+        "read pid d <\"$f/daemon\"\n"
+        "kill $pid 2>/dev/null\n"
+        "for i in $(seq 250); do kill -0 $pid 2>/dev/null || break; sleep 0.02; done\n"
+        "kill -9 $pid 2>/dev/null\n"
+        "rm -rf \"$d\"\n",
+        out);
   }
   SoundServer(const SoundServer&) = delete;
   SoundServer& operator=(const SoundServer&) = delete;
 
+  // The name under which clients see the device of that description.
+  std::string device(const std::string& description) const { return description + descriptionSuffix_; }
+
   bool up() const { return up_; }
   const std::string& why() const { return why_; }
-
-  int run(const std::string& tool, const std::vector<std::string>& args) {
-    platform::ChildProcess child;
-    if (!child.start(tool, args, env_, folder_.path() / "tool.txt")) return -1;
-    return child.wait(20000).value_or(-1);
-  }
 
   // Plays a sine of that frequency at half scale into the sink for some
   // seconds, once its monitor gives sound at a short latency.
@@ -109,47 +149,40 @@ class SoundServer {
       for (int c = 0; c < channels; ++c) sox.push_back(c == onlyChannel ? "1" : "0");
     }
     runTool(KESTRIUM_SOX, sox, out);
-    std::vector<std::string> pacat = {"--device=" + sink, "--format=float32le", "--rate=" + std::to_string(rate),
-                                      "--channels=" + std::to_string(channels),
-                                      // Room against a stumble when the machine is busy.
-                                      "--latency-msec=200"};
-    if (channels == 6) pacat.push_back("--channel-map=front-left,front-right,front-center,lfe,rear-left,rear-right");
-    pacat.push_back(tone.string());
+    std::ostringstream pacat;
+    pacat << "pacat --device=" << sink << nameSuffix_ << " --format=float32le --rate=" << rate << " --channels=" << channels
+          // Room against a stumble when the machine is busy.
+          << " --latency-msec=200";
+    if (channels == 6) pacat << " --channel-map=front-left,front-right,front-center,lfe,rear-left,rear-right";
+    pacat << " \"$f/" << sink << ".raw\" </dev/null >/dev/null 2>&1 &\n"
+          << "echo $! >>\"$f/players\"\n";
     const auto monitor = folder_.path() / (sink + ".monitor.raw");
     const uint64_t until = platform::monotonicNs() + 5'000'000'000ull;
     std::error_code ec;
     while (std::filesystem::file_size(monitor, ec) == 0 && platform::monotonicNs() < until) platform::sleepMs(10);
-    players_.emplace_back();
-    players_.back().start("/usr/bin/pacat", pacat, env_, folder_.path() / "pacat.txt");
+    shell(pacat.str(), out);
   }
 
   // Unplugs a sink, as a USB headset pulled out.
   int unload(const std::string& sink) {
-    return run("/bin/sh", {"-c", "pactl list short modules | grep 'sink_name=" + sink +
-                                     " ' | cut -f1 | xargs -r pactl unload-module"});
+    std::string out;
+    return shell("pactl list short modules | grep 'sink_name=" + sink + nameSuffix_ + " ' | cut -f1 | xargs -r pactl unload-module\n",
+                 out);
   }
 
  private:
-  // An idle null sink works in blocks of two seconds, and takes a reader's wish
-  // for a short latency only at the end of its block: a new reader would get
-  // its first data that late. A reader on every monitor from the start keeps
-  // them all short (a trickle of 8-bit mono is enough to ask for it).
-  void keepMonitorsRead() {
-    for (const char* sink : {"game", "micsink", "surround", "headset"}) {
-      players_.emplace_back();
-      players_.back().start("/usr/bin/parec",
-                            {std::string("--device=") + sink + ".monitor", "--latency-msec=10", "--format=u8",
-                             "--channels=1", "--rate=8000"},
-                            env_, folder_.path() / (std::string(sink) + ".monitor.raw"));
-    }
+  // Runs a script in /bin/sh with $f the Linux path of the test's folder and
+  // PULSE_SERVER the daemon's, once it has one.
+  int shell(const std::string& script, std::string& out) const {
+    const std::string prelude = server_.empty() ? "f=$1\n" : "f=$1\nexport PULSE_SERVER='" + server_ + "'\n";
+    return runTool("/bin/sh", {"-c", prelude + script, "sh", folder_.path().string()}, out);
   }
 
   TempFolder folder_{"-pulse"};
-  platform::ChildProcess::Environment env_;
-  platform::ChildProcess daemon_;
-  std::vector<platform::ChildProcess> players_;
-  std::filesystem::path socketDir_;
   std::string server_;
+  // What tells this test's devices from those of others on a shared daemon.
+  std::string nameSuffix_;
+  std::string descriptionSuffix_;
   std::string why_;
   bool up_ = false;
 };

@@ -21,6 +21,19 @@ namespace {
 
 constexpr double kFps = 30.0;
 
+#ifdef _WIN32
+// wine 8 cannot capture a playback device in loopback: it shows each sink's
+// monitor as a capture device of its own, which is what the Windows server
+// records here. Its sound driver hands over its first packets some 0.4 s after
+// a capture starts, and a track starts with them: a track may be that much
+// shorter than the video.
+constexpr std::string_view kMonitorOf = "Monitor of ";
+constexpr double kLateStart = 0.3;
+#else
+constexpr std::string_view kMonitorOf = "";
+constexpr double kLateStart = 0.0;
+#endif
+
 class AudioRecordingTest : public ServerTest {
  protected:
   void SetUp() override {
@@ -86,6 +99,13 @@ class AudioRecordingTest : public ServerTest {
     return std::atol(out.c_str());
   }
 
+  // What the server is asked to record for a playback device, and for the
+  // microphone.
+  std::string playback(const std::string& description) const {
+    return std::string(kMonitorOf) + sound_.device(description);
+  }
+  std::string mic() const { return sound_.device("USB Microphone"); }
+
   SoundServer sound_;
   int decoded_ = 0;
 };
@@ -114,7 +134,7 @@ TEST_P(TwoDeviceTest, GiveTwoTracksOfTheirOwnSound) {
   const TwoDeviceCase& c = GetParam();
   sound_.play("game", 2, 1000, 20.0);
   sound_.play("micsink", 1, 440, 20.0);
-  std::vector<std::string> args = {"--audio", "Game Audio", "--audio", "USB Microphone"};
+  std::vector<std::string> args = {"--audio", playback("Game Audio"), "--audio", mic()};
   args.insert(args.end(), c.extra.begin(), c.extra.end());
   ASSERT_EQ(record(c.seconds, args), 0) << harness.clientOutput << harness.log();
   const auto avi = onlyFile(".avi");
@@ -128,8 +148,8 @@ TEST_P(TwoDeviceTest, GiveTwoTracksOfTheirOwnSound) {
 
   const Track game = decode(avi, 0);
   const Track mic = decode(avi, 1);
-  EXPECT_NEAR(game.seconds(), video, 0.3);
-  EXPECT_NEAR(mic.seconds(), video, 0.3);
+  EXPECT_NEAR(game.seconds(), video, 0.3 + kLateStart);
+  EXPECT_NEAR(mic.seconds(), video, 0.3 + kLateStart);
   for (uint32_t ch = 0; ch < 2; ++ch) {
     EXPECT_NEAR(game.toneDb(ch, 1000), kPlayedDb, c.levelDb) << "channel " << ch;
     EXPECT_LT(game.toneDb(ch, 440), c.otherToneDb) << "channel " << ch;
@@ -144,7 +164,7 @@ TEST_P(TwoDeviceTest, GiveTwoTracksOfTheirOwnSound) {
 TEST_F(AudioRecordingTest, SideTracksHoldEachDeviceBesideTheVideo) {
   sound_.play("game", 2, 1000, 12.0);
   sound_.play("micsink", 1, 440, 12.0);
-  ASSERT_EQ(record(3.0, {"--audio", "Game Audio", "--audio", "USB Microphone", "--side-tracks", "wav"}), 0)
+  ASSERT_EQ(record(3.0, {"--audio", playback("Game Audio"), "--audio", mic(), "--side-tracks", "wav"}), 0)
       << harness.clientOutput << harness.log();
   const auto avi = onlyFile(".avi");
   EXPECT_EQ(probeStreams(avi), "rawvideo|video\n");
@@ -156,8 +176,8 @@ TEST_F(AudioRecordingTest, SideTracksHoldEachDeviceBesideTheVideo) {
   EXPECT_EQ(probeStreams(wavs[1]), "pcm_s16le|audio|48000|1\n");
   const Track game = decode(wavs[0], 0);
   const Track mic = decode(wavs[1], 0);
-  EXPECT_NEAR(game.seconds(), video, 0.3);
-  EXPECT_NEAR(mic.seconds(), video, 0.3);
+  EXPECT_NEAR(game.seconds(), video, 0.3 + kLateStart);
+  EXPECT_NEAR(mic.seconds(), video, 0.3 + kLateStart);
   EXPECT_NEAR(game.toneDb(1, 1000), kPlayedDb, 0.5);
   EXPECT_NEAR(mic.toneDb(0, 440), kPlayedDb, 0.5);
 }
@@ -168,7 +188,7 @@ TEST_F(AudioRecordingTest, SideTracksHoldEachDeviceBesideTheVideo) {
 TEST_F(AudioRecordingTest, AacSideTracksPlayOnTheirOwn) {
   sound_.play("game", 2, 1000, 12.0);
   sound_.play("micsink", 1, 440, 12.0);
-  ASSERT_EQ(record(3.0, {"--audio", "Game Audio", "--audio", "USB Microphone", "--aac", "128", "--side-tracks", "mp3"}),
+  ASSERT_EQ(record(3.0, {"--audio", playback("Game Audio"), "--audio", mic(), "--aac", "128", "--side-tracks", "mp3"}),
             0)
       << harness.clientOutput << harness.log();
   const auto avi = onlyFile(".avi");
@@ -187,8 +207,8 @@ TEST_F(AudioRecordingTest, AacSideTracksPlayOnTheirOwn) {
   }
   const Track game = decode(tracks[0], 0);
   const Track mic = decode(tracks[1], 0);
-  EXPECT_NEAR(game.seconds(), video, 0.1);
-  EXPECT_NEAR(mic.seconds(), video, 0.1);
+  EXPECT_NEAR(game.seconds(), video, 0.1 + kLateStart);
+  EXPECT_NEAR(mic.seconds(), video, 0.1 + kLateStart);
   EXPECT_NEAR(game.toneDb(0, 1000), kPlayedDb, 1.0);
   EXPECT_NEAR(mic.toneDb(0, 440), kPlayedDb, 1.0);
 }
@@ -200,13 +220,13 @@ TEST_F(AudioRecordingTest, MixerPutsEveryDeviceIntoOneTrack) {
   sound_.play("game", 2, 1000, 12.0);
   sound_.play("micsink", 1, 440, 12.0);
   sound_.play("headset", 2, 2500, 12.0, 44100);
-  ASSERT_EQ(record(4.0, {"--mixer", "--audio", "Game Audio", "--audio", "USB Microphone", "--audio", "Headset"}), 0)
+  ASSERT_EQ(record(4.0, {"--mixer", "--audio", playback("Game Audio"), "--audio", mic(), "--audio", playback("Headset")}), 0)
       << harness.clientOutput << harness.log();
   const auto avi = onlyFile(".avi");
   const Track mix = decode(avi, 0);
   ASSERT_EQ(mix.channels, 3u) << probeStreams(avi);
   EXPECT_EQ(mix.rate, 48000u);
-  EXPECT_NEAR(mix.seconds(), videoSeconds(avi), 0.3);
+  EXPECT_NEAR(mix.seconds(), videoSeconds(avi), 0.3 + kLateStart);
   for (uint32_t c = 0; c < 2; ++c) {
     EXPECT_NEAR(mix.toneDb(c, 1000), kPlayedDb, 0.5) << "channel " << c;
     // Stretched by repeating frames: the tone is there, with some loss.
@@ -222,7 +242,7 @@ TEST_F(AudioRecordingTest, MixerPutsEveryDeviceIntoOneTrack) {
 // (front, centre, back and low frequency: 1 + 1 + 1 + 0).
 TEST_F(AudioRecordingTest, SurroundFoldsToStereoByTheWeights) {
   sound_.play("surround", 6, 1000, 12.0, 48000, 2);
-  ASSERT_EQ(record(3.0, {"--audio", "Surround", "--stereo", "1,1,1,0,1,0,0,0"}), 0)
+  ASSERT_EQ(record(3.0, {"--audio", playback("Surround"), "--stereo", "1,1,1,0,1,0,0,0"}), 0)
       << harness.clientOutput << harness.log();
   const Track folded = decode(onlyFile(".avi"), 0);
   ASSERT_EQ(folded.channels, 2u);
@@ -237,7 +257,7 @@ TEST_F(AudioRecordingTest, VolumeMuteAndAMissingDevice) {
   sound_.play("game", 2, 1000, 12.0);
   sound_.play("micsink", 1, 440, 12.0);
   // Entry 2 is the microphone, whatever became of entry 1.
-  ASSERT_EQ(record(3.0, {"--audio", "Game Audio:50", "--audio", "Studio Monitor 9000", "--audio", "USB Microphone",
+  ASSERT_EQ(record(3.0, {"--audio", playback("Game Audio") + ":50", "--audio", "Studio Monitor 9000", "--audio", mic(),
                          "--mute-mask", "4"}),
             0)
       << harness.clientOutput << harness.log();
@@ -249,21 +269,21 @@ TEST_F(AudioRecordingTest, VolumeMuteAndAMissingDevice) {
   const Track game = decode(avi, 0);
   const Track mic = decode(avi, 1);
   EXPECT_NEAR(game.toneDb(0, 1000), kPlayedDb - 6.02, 0.5);
-  EXPECT_NEAR(game.seconds(), video, 0.3);
+  EXPECT_NEAR(game.seconds(), video, 0.3 + kLateStart);
   EXPECT_EQ(mic.peak(), 0);
-  EXPECT_NEAR(mic.seconds(), video, 0.3);
+  EXPECT_NEAR(mic.seconds(), video, 0.3 + kLateStart);
 }
 
 // While paused the game shows nothing, and no sound is kept either: the
 // sound of the pause would push the rest of the track behind the pictures.
 TEST_F(AudioRecordingTest, PauseLeavesNoSound) {
   sound_.play("game", 2, 1000, 12.0);
-  ASSERT_EQ(record(3.0, {"--audio", "Game Audio", "--pause-at", "1", "--resume-at", "2.5"}), 0)
+  ASSERT_EQ(record(3.0, {"--audio", playback("Game Audio"), "--pause-at", "1", "--resume-at", "2.5"}), 0)
       << harness.clientOutput << harness.log();
   const auto avi = onlyFile(".avi");
   const double video = videoSeconds(avi);
   EXPECT_NEAR(video, 3.0, 0.2);
-  EXPECT_NEAR(decode(avi, 0).seconds(), video, 0.3);
+  EXPECT_NEAR(decode(avi, 0).seconds(), video, 0.3 + kLateStart);
 }
 
 // A headset pulled out mid-recording: its track ends, the log says why, and the
@@ -275,7 +295,7 @@ TEST_F(AudioRecordingTest, UnpluggedDeviceLeavesTheRestWhole) {
     platform::sleepMs(2000);
     sound_.unload("game");
   });
-  const int status = record(4.0, {"--audio", "Game Audio", "--audio", "USB Microphone"});
+  const int status = record(4.0, {"--audio", playback("Game Audio"), "--audio", mic()});
   unplug.join();
   ASSERT_EQ(status, 0) << harness.clientOutput << harness.log();
   EXPECT_NE(harness.log().find("[Error]   *** Aud *** Error getting buffer from CaptureClient"), std::string::npos);
@@ -284,7 +304,7 @@ TEST_F(AudioRecordingTest, UnpluggedDeviceLeavesTheRestWhole) {
   EXPECT_NEAR(video, 4.0, 0.4);
   EXPECT_LT(decode(avi, 0).seconds(), video - 1.0);
   const Track mic = decode(avi, 1);
-  EXPECT_NEAR(mic.seconds(), video, 0.3);
+  EXPECT_NEAR(mic.seconds(), video, 0.3 + kLateStart);
   EXPECT_NEAR(mic.toneDb(0, 440), kPlayedDb, 0.5);
 }
 
@@ -333,7 +353,7 @@ TEST_P(Mp4RecordingTest, HoldsH264AndAacThatPlayFromTheStart) {
   const Mp4Case& c = GetParam();
   sound_.play("game", 2, 1000, c.seconds + 30.0);
   std::vector<std::string> args = {"record", "--dir", dir().string(), "--encoder", "h264.x264", "--size", "1280x720",
-                                   "--fps", "30", "--bitrate", "2000", "--audio", "Game Audio", "--aac", "160"};
+                                   "--fps", "30", "--bitrate", "2000", "--audio", playback("Game Audio"), "--aac", "160"};
   args.insert(args.end(), c.extra.begin(), c.extra.end());
   ASSERT_EQ(harness.client(args), 0) << harness.clientOutput << harness.log();
   const auto mp4 = onlyFile(".mp4");
@@ -392,7 +412,7 @@ TEST_P(Mp4RecordingTest, HoldsH264AndAacThatPlayFromTheStart) {
   const Track sound = decode(mp4, 0);
   // The track's time in the tables is the sound it holds, to one AAC frame.
   EXPECT_NEAR(audioDuration, sound.seconds(), 1024.0 / 48000 + 1e-3) << durations;
-  EXPECT_NEAR(sound.seconds(), videoDuration, 0.3);
+  EXPECT_NEAR(sound.seconds(), videoDuration, 0.3 + kLateStart);
   for (uint32_t ch = 0; ch < 2; ++ch) EXPECT_NEAR(sound.toneDb(ch, 1000), kPlayedDb, 1.0) << "channel " << ch;
 }
 
@@ -405,7 +425,7 @@ TEST_F(AudioRecordingTest, Mp4TakesPcmOnlyInSideTracks) {
 #endif
   sound_.play("game", 2, 1000, 12.0);
   const std::vector<std::string> args = {"record", "--dir", dir().string(), "--encoder", "h264.x264", "--size",
-                                         "320x180", "--fps", "30", "--seconds", "2", "--audio", "Game Audio"};
+                                         "320x180", "--fps", "30", "--seconds", "2", "--audio", playback("Game Audio")};
   EXPECT_EQ(harness.client(args), 4) << harness.clientOutput;
   EXPECT_NE(harness.log().find("[Error]   *** CAP *** An MP4 file holds AAC or MP3 sound: give the sound a bit rate, "
                                "or record it in side tracks\r\n"),
