@@ -43,11 +43,13 @@ stop_wineserver() {
 }
 
 # The sound server of the device tests. wine's audio driver (winepulse) plays
-# to and records from the PulseAudio server that PULSE_SERVER names: a headless
+# to and records from the PulseAudio server that PULSE_SERVER named when wine
+# started (a Windows program cannot point its children elsewhere): a headless
 # daemon of this run, with the devices of tests/audio/wine-sound-devices.pa
-# named like real ones. Its folder is short, because a socket's path must fit
-# in 108 bytes; the clients' runtime files and cookie stay in it too. Without
-# pulseaudio the device tests skip.
+# named like real ones; the recording tests add devices of their own to it
+# (tests/audio/SoundServer.h). Its folder is short, because a socket's path
+# must fit in 108 bytes; the clients' runtime files and cookie stay in it too.
+# Without pulseaudio the device tests skip.
 sound_dir=""
 sound_pid=""
 start_sound_server() {
@@ -94,89 +96,9 @@ stop_sound_server() {
   unset PULSE_SERVER
 }
 
-# The RTMP server of the broadcast tests: nginx with its RTMP module, one
-# process on a loopback port, recording every stream key published to "live"
-# as KEY.flv. The tests find it through KESTRIUM_RTMP_URL, and its folder
-# (a Linux path: recordings/ and access.log, where a line shows once a
-# publisher's session has ended) through KESTRIUM_RTMP_FOLDER. Without nginx
-# the broadcast tests skip.
-rtmp_dir=""
-rtmp_pid=""
-start_rtmp_server() {
-  local nginx=/usr/sbin/nginx module=/usr/lib/nginx/modules/ngx_rtmp_module.so
-  [[ -x $nginx && -f $module ]] || return 0
-  rtmp_dir=$(mktemp -d /tmp/kestrium-rtmp-XXXXXX)
-  mkdir -p "$rtmp_dir/recordings"
-  local attempt port
-  for ((attempt = 0; attempt < 10; ++attempt)); do
-    port=$((20000 + (RANDOM * 32768 + RANDOM) % 40000))
-    cat >"$rtmp_dir/nginx.conf" <<EOF
-load_module $module;
-daemon off;
-master_process off;
-pid $rtmp_dir/nginx.pid;
-error_log $rtmp_dir/error.log;
-events { worker_connections 256; }
-rtmp {
-  access_log $rtmp_dir/access.log;
-  server {
-    listen 127.0.0.1:$port;
-    chunk_size 4096;
-    application live {
-      live on;
-      record all;
-      record_path $rtmp_dir/recordings;
-      record_unique off;
-    }
-  }
-}
-EOF
-    rm -f "$rtmp_dir/nginx.pid"
-    "$nginx" -p "$rtmp_dir/" -c "$rtmp_dir/nginx.conf" -e "$rtmp_dir/error.log" </dev/null >/dev/null 2>&1 &
-    rtmp_pid=$!
-    local tries
-    for ((tries = 0; tries < 200; ++tries)); do
-      # nginx writes its pid file once it listens on its port.
-      if [[ -s $rtmp_dir/nginx.pid ]]; then
-        export KESTRIUM_RTMP_URL="rtmp://127.0.0.1:$port/live" KESTRIUM_RTMP_FOLDER="$rtmp_dir"
-        return 0
-      fi
-      kill -0 "$rtmp_pid" 2>/dev/null || break
-      sleep 0.05
-    done
-    stop_rtmp_process
-  done
-  echo "$0: the RTMP server did not come up; the broadcast tests will skip" >&2
-  stop_rtmp_server
-}
-
-stop_rtmp_process() {
-  if [[ -n $rtmp_pid ]]; then
-    kill "$rtmp_pid" 2>/dev/null || true
-    local tries
-    for ((tries = 0; tries < 100; ++tries)); do
-      kill -0 "$rtmp_pid" 2>/dev/null || break
-      sleep 0.05
-    done
-    kill -9 "$rtmp_pid" 2>/dev/null || true
-    wait "$rtmp_pid" 2>/dev/null || true
-    rtmp_pid=""
-  fi
-}
-
-stop_rtmp_server() {
-  stop_rtmp_process
-  if [[ -n $rtmp_dir ]]; then
-    rm -rf "$rtmp_dir"
-    rtmp_dir=""
-  fi
-  unset KESTRIUM_RTMP_URL KESTRIUM_RTMP_FOLDER
-}
-
 stop_all() {
   stop_wineserver
   stop_sound_server
-  stop_rtmp_server
 }
 trap stop_all EXIT
 trap 'exit 130' INT
@@ -194,7 +116,6 @@ start_wine() {
 
 # Before wine, so that its processes find the sound server from the start.
 start_sound_server
-start_rtmp_server
 
 if ! start_wine; then
   # A prefix left half-made by an interrupted first run does not recover by

@@ -126,8 +126,19 @@ class SoundServer {
   SoundServer(const SoundServer&) = delete;
   SoundServer& operator=(const SoundServer&) = delete;
 
-  // The name under which clients see the device of that description.
-  std::string device(const std::string& description) const { return description + descriptionSuffix_; }
+  // What a server is asked to record for the capture device of that
+  // description.
+  std::string capture(const std::string& description) const { return description + descriptionSuffix_; }
+  // And for the playback device of that description: the device itself, in
+  // loopback, or under wine, which cannot capture a playback device in
+  // loopback, the sink's monitor, which it shows as a capture device.
+  std::string playback(const std::string& description) const {
+#ifdef _WIN32
+    return "Monitor of " + capture(description);
+#else
+    return capture(description);
+#endif
+  }
 
   bool up() const { return up_; }
   const std::string& why() const { return why_; }
@@ -171,11 +182,11 @@ class SoundServer {
   }
 
  private:
-  // Runs a script in /bin/sh with $f the Linux path of the test's folder and
-  // PULSE_SERVER the daemon's, once it has one.
+  // Runs a script with $f the Linux path of the test's folder and PULSE_SERVER
+  // the daemon's, once it has one.
   int shell(const std::string& script, std::string& out) const {
     const std::string prelude = server_.empty() ? "f=$1\n" : "f=$1\nexport PULSE_SERVER='" + server_ + "'\n";
-    return runTool("/bin/sh", {"-c", prelude + script, "sh", folder_.path().string()}, out);
+    return runShell(prelude + script, {folder_.path().string()}, out);
   }
 
   TempFolder folder_{"-pulse"};

@@ -22,15 +22,11 @@ namespace {
 constexpr double kFps = 30.0;
 
 #ifdef _WIN32
-// wine 8 cannot capture a playback device in loopback: it shows each sink's
-// monitor as a capture device of its own, which is what the Windows server
-// records here. Its sound driver hands over its first packets some 0.4 s after
-// a capture starts, and a track starts with them: a track may be that much
-// shorter than the video.
-constexpr std::string_view kMonitorOf = "Monitor of ";
+// wine's sound driver hands over its first packets some 0.4 s after a capture
+// starts, and a track starts with them: a track may be that much shorter than
+// the video.
 constexpr double kLateStart = 0.3;
 #else
-constexpr std::string_view kMonitorOf = "";
 constexpr double kLateStart = 0.0;
 #endif
 
@@ -99,12 +95,8 @@ class AudioRecordingTest : public ServerTest {
     return std::atol(out.c_str());
   }
 
-  // What the server is asked to record for a playback device, and for the
-  // microphone.
-  std::string playback(const std::string& description) const {
-    return std::string(kMonitorOf) + sound_.device(description);
-  }
-  std::string mic() const { return sound_.device("USB Microphone"); }
+  std::string playback(const std::string& description) const { return sound_.playback(description); }
+  std::string mic() const { return sound_.capture("USB Microphone"); }
 
   SoundServer sound_;
   int decoded_ = 0;

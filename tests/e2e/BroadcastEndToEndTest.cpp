@@ -133,7 +133,7 @@ class BroadcastWithSoundTest : public BroadcastTest {
 
 TEST_F(BroadcastWithSoundTest, TheServerRecordsH264AndAacThatPlayersReadLive) {
   std::vector<std::string> args = recordArgs(rtmp_.url(), "game", 20.0, "640x360", 2000);
-  args.insert(args.end(), {"--audio", "Game Audio", "--aac", "128"});
+  args.insert(args.end(), {"--audio", sound_.playback("Game Audio"), "--aac", "128"});
 
   // A player that joins while the capture runs reads the stream live.
   std::string player;
@@ -189,11 +189,11 @@ TEST_F(BroadcastWithSoundTest, ASlowUplinkLosesVideoFramesButNeitherSoundNorTheC
   ThrottledProxy uplink(rtmp_.port(), 125'000);  // 1 Mbit/s for a 4 Mbit/s stream
   ASSERT_TRUE(uplink.up()) << uplink.why();
   std::vector<std::string> args = recordArgs(uplink.urlOf("live"), "slow", 12.0, "960x540", 4000);
-  args.insert(args.end(), {"--audio", "Game Audio", "--aac", "128"});
+  args.insert(args.end(), {"--audio", sound_.playback("Game Audio"), "--aac", "128"});
   // The same capture without a broadcast first: how many frames this machine
   // lets the client skip anyway.
   std::vector<std::string> control(args.begin(), args.end() - 8);
-  control.insert(control.end(), {"--audio", "Game Audio", "--aac", "128"});
+  control.insert(control.end(), {"--audio", sound_.playback("Game Audio"), "--aac", "128"});
   ASSERT_EQ(harness.client(control), 0) << harness.clientOutput;
   const int64_t skippedAnyway = wholeNumber(field(harness.clientOutput, "frames_skipped"));
   ASSERT_EQ(harness.client(args), 0) << harness.clientOutput;
@@ -227,7 +227,7 @@ TEST_F(BroadcastWithSoundTest, ALinkThatStallsCostsFramesAndTheStreamGoesOnWhenI
   ThrottledProxy uplink(rtmp_.port(), 0);
   ASSERT_TRUE(uplink.up()) << uplink.why();
   std::vector<std::string> args = recordArgs(uplink.urlOf("live"), "stall", 14.0, "960x540", 4000);
-  args.insert(args.end(), {"--audio", "Game Audio", "--aac", "128"});
+  args.insert(args.end(), {"--audio", sound_.playback("Game Audio"), "--aac", "128"});
   const std::filesystem::path output = dir().parent_path() / "stall-client.txt";
   platform::ChildProcess client = harness.startClient(args, output);
   ASSERT_TRUE(harness.waitForLog("RTMP: Handshake time"));

@@ -1,12 +1,7 @@
 #include "tests/e2e/RtmpServer.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <fstream>
+#include <random>
 #include <sstream>
 
 #include "platform/Clock.h"
@@ -15,28 +10,29 @@ namespace kestrium::test {
 
 namespace {
 
-// A port that no one listened on a moment ago. Another process may take it
-// before nginx does: start() then tries again with another.
-uint16_t freeLoopbackPort() {
-  const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (s < 0) return 0;
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  uint16_t port = 0;
-  if (::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-      ::getsockname(s, reinterpret_cast<sockaddr*>(&addr), &len) == 0) {
-    port = ntohs(addr.sin_port);
-  }
-  ::close(s);
-  return port;
+// A loopback port to try. Another process may have it: nginx then fails to
+// bind, and start() tries again with another.
+uint16_t somePort() {
+  static std::mt19937 pick{std::random_device()()};
+  return static_cast<uint16_t>(std::uniform_int_distribution<int>(20000, 59999)(pick));
 }
+
+// Whether the build machine has that file, seen from here.
+bool hostHas(const std::string& path) {
+#ifdef _WIN32
+  return std::filesystem::exists("Z:" + path);
+#else
+  return std::filesystem::exists(path);
+#endif
+}
+
+// Polls of 10 ms for that many milliseconds.
+std::string polls(uint32_t timeoutMs) { return std::to_string(timeoutMs / 10 + 1); }
 
 // A path as one argument of a directive, whatever the temporary folder holds.
 std::string quoted(const std::filesystem::path& path) {
   std::string out = "\"";
-  for (const char c : path.string()) {
+  for (const char c : hostPath(path)) {
     if (c == '"' || c == '\\') out += '\\';
     out += c;
   }
@@ -61,8 +57,8 @@ std::string tailOf(const std::string& text, size_t lines = 30) {
 }  // namespace
 
 std::string RtmpServer::whyUnavailable() {
-  if (!std::filesystem::exists(kNginx)) return std::string("no nginx at ") + kNginx + " (Debian: nginx-light)";
-  if (!std::filesystem::exists(kModule)) {
+  if (!hostHas(kNginx)) return std::string("no nginx at ") + kNginx + " (Debian: nginx-light)";
+  if (!hostHas(kModule)) {
     return std::string("no RTMP module at ") + kModule + " (Debian: libnginx-mod-rtmp)";
   }
   return {};
@@ -110,20 +106,15 @@ bool RtmpServer::start(const std::string& extraLiveDirectives, uint32_t timeoutM
 }
 
 bool RtmpServer::startOnce(const std::string& extraLiveDirectives, uint32_t timeoutMs, bool& portTaken) {
-  port_ = freeLoopbackPort();
-  notifyPort_ = freeLoopbackPort();
-  if (port_ == 0 || notifyPort_ == 0 || port_ == notifyPort_) {
-    why_ = "no free loopback ports";
-    portTaken = port_ == notifyPort_;
-    return false;
-  }
+  port_ = somePort();
+  do {
+    notifyPort_ = somePort();
+  } while (notifyPort_ == port_);
   const std::filesystem::path dir = folder_.path();
   const auto config = dir / "nginx.conf";
   const auto pidFile = dir / "nginx.pid";
   const auto errorFile = dir / "error.log";
   const std::filesystem::path temp = dir / "temp";
-  std::filesystem::remove(pidFile);
-  std::filesystem::remove(errorFile);
   {
     std::ofstream out(config);
     // One process (no master, no workers, no daemon), so that its pid is the
@@ -175,43 +166,64 @@ bool RtmpServer::startOnce(const std::string& extraLiveDirectives, uint32_t time
       return false;
     }
   }
-  // -p with a trailing slash: nginx joins relative paths to it as they are.
-  // -e: the log it writes before it has read the configuration, which would
-  // otherwise be /var/log/nginx/error.log.
-  if (!nginx_.start(kNginx, {"-p", dir.string() + "/", "-c", config.string(), "-e", errorFile.string()}, {},
-                    dir / "nginx.out")) {
-    why_ = std::string("cannot run ") + kNginx;
+  // nginx runs in a shell of its own that keeps its exit status. -p with a
+  // trailing slash: nginx joins relative paths to it as they are. -e: the log
+  // it writes before it has read the configuration, which would otherwise be
+  // /var/log/nginx/error.log. nginx writes its pid file after it has bound and
+  // listens on every port of the configuration: from then on connections are
+  // taken.
+  std::string out;
+  const int status = runShell(
+      "d=$1\n"
+      "rm -f \"$d/nginx.pid\" \"$d/error.log\" \"$d/child\" \"$d/status\"\n"
+      "( \"$2\" -p \"$d/\" -c \"$d/nginx.conf\" -e \"$d/error.log\" </dev/null >\"$d/nginx.out\" 2>&1 &\n"
+      "  echo $! >\"$d/child.part\"; mv \"$d/child.part\" \"$d/child\"\n"
+      "  wait $!; echo $? >\"$d/status\" ) </dev/null >/dev/null 2>&1 &\n"
+      "i=0\n"
+      "while [ $i -lt $3 ]; do\n"
+      "  if [ -f \"$d/child\" ]; then\n"
+      "    pid=$(cat \"$d/child\")\n"
+      "    [ \"$(cat \"$d/nginx.pid\" 2>/dev/null)\" = \"$pid\" ] && { echo $pid; exit 0; }\n"
+      "  fi\n"
+      "  [ -f \"$d/status\" ] && { echo \"status $(cat \"$d/status\")\"; exit 3; }\n"
+      "  sleep 0.01; i=$((i+1))\n"
+      "done\n"
+      "cat \"$d/child\" 2>/dev/null\n"
+      "exit 4\n",
+      {hostPath(dir), kNginx, polls(timeoutMs)}, out);
+  if (status == 3) {
+    const std::string log = errorLog() + textOf(dir / "nginx.out");
+    portTaken = log.find("Address already in use") != std::string::npos;
+    why_ = "nginx ended at start with " + out + ":\n" + tailOf(log);
     return false;
   }
-  const uint64_t until = platform::monotonicNs() + uint64_t{timeoutMs} * 1'000'000;
-  while (platform::monotonicNs() < until) {
-    if (const auto status = nginx_.wait(0)) {
-      const std::string log = errorLog() + textOf(dir / "nginx.out");
-      portTaken = log.find("Address already in use") != std::string::npos;
-      why_ = "nginx ended at start with status " + std::to_string(*status) + ":\n" + tailOf(log);
-      return false;
-    }
-    // nginx writes its pid file after it has bound and listens on every port
-    // of the configuration: from then on connections are taken.
-    std::ifstream in(pidFile);
-    uint32_t pid = 0;
-    if (in >> pid && pid == nginx_.id()) return true;
-    platform::sleepMs(5);
-  }
-  why_ = "nginx did not come up within " + std::to_string(timeoutMs) + " ms:\n" + tailOf(errorLog());
+  pid_ = static_cast<uint32_t>(std::atol(out.c_str()));
+  if (status == 0 && pid_ != 0) return true;
+  why_ = "nginx did not come up within " + std::to_string(timeoutMs) + " ms (" + std::to_string(status) + " " + out +
+         "):\n" + tailOf(errorLog());
   stop();
   return false;
 }
 
 bool RtmpServer::stop(uint32_t timeoutMs) {
   if (!running()) return true;
-  // A stopped process keeps SIGTERM pending until it runs again.
-  resume();
-  // Asked first, so that it closes its recordings and removes its pid file.
-  nginx_.requestStop();
-  if (nginx_.wait(timeoutMs)) return true;
-  nginx_.kill();
-  return nginx_.wait(timeoutMs).has_value();
+  // A stopped process keeps SIGTERM pending until it runs again. Asked first,
+  // so that it closes its recordings and removes its pid file.
+  std::string out;
+  const int status = runShell(
+      "kill -CONT $1 2>/dev/null\n"
+      "kill -0 $1 2>/dev/null || exit 0\n"
+      "for signal in TERM KILL; do\n"
+      "  kill -$signal $1 2>/dev/null\n"
+      "  i=0\n"
+      "  while [ $i -lt $2 ]; do kill -0 $1 2>/dev/null || exit 0; sleep 0.01; i=$((i+1)); done\n"
+      "done\n"
+      "exit 1\n",
+      {std::to_string(pid_), polls(timeoutMs)}, out);
+  if (status != 0) return false;
+  pid_ = 0;
+  paused_ = false;
+  return true;
 }
 
 void RtmpServer::refuseKey(const std::string& key) { std::ofstream(refusedFolder() / key).put('\n'); }
@@ -221,38 +233,35 @@ void RtmpServer::acceptKey(const std::string& key) {
   std::filesystem::remove(refusedFolder() / key, ec);
 }
 
+bool RtmpServer::signal(const char* name) {
+  std::string out;
+  return running() && runShell("kill -$1 $2", {name, std::to_string(pid_)}, out) == 0;
+}
+
 bool RtmpServer::pause() {
-  if (!running() || ::kill(static_cast<pid_t>(pid()), SIGSTOP) != 0) return false;
+  if (!signal("STOP")) return false;
   paused_ = true;
   return true;
 }
 
 bool RtmpServer::resume() {
-  if (!running() || !paused_) return false;
-  if (::kill(static_cast<pid_t>(pid()), SIGCONT) != 0) return false;
+  if (!paused_ || !signal("CONT")) return false;
   paused_ = false;
   return true;
 }
 
-bool RtmpServer::holdsOpen(const std::filesystem::path& file) const {
-  if (!running()) return false;
-  std::error_code ec;
-  const auto target = std::filesystem::weakly_canonical(file, ec);
-  for (const auto& fd : std::filesystem::directory_iterator("/proc/" + std::to_string(pid()) + "/fd", ec)) {
-    std::error_code linkError;
-    if (std::filesystem::read_symlink(fd.path(), linkError) == target) return true;
-  }
-  return false;
-}
-
 bool RtmpServer::waitForRecordingClosed(const std::string& key, uint32_t timeoutMs) const {
-  const auto file = recordingOf(key);
-  const uint64_t until = platform::monotonicNs() + uint64_t{timeoutMs} * 1'000'000;
-  for (;;) {
-    if (std::filesystem::exists(file) && !holdsOpen(file)) return true;
-    if (platform::monotonicNs() >= until) return false;
-    platform::sleepMs(10);
-  }
+  // Closed once no descriptor of nginx's leads to the file.
+  std::string out;
+  return runShell("end=$(($(date +%s%N) / 1000000 + $3))\n"
+                  "while [ $(($(date +%s%N) / 1000000)) -lt $end ]; do\n"
+                  "  if [ -e \"$1\" ]; then\n"
+                  "    ls -l /proc/$2/fd 2>/dev/null | grep -qF -- \"-> $(readlink -f \"$1\")\" || exit 0\n"
+                  "  fi\n"
+                  "  sleep 0.01\n"
+                  "done\n"
+                  "exit 1\n",
+                  {hostPath(recordingOf(key)), std::to_string(pid_), std::to_string(timeoutMs)}, out) == 0;
 }
 
 }  // namespace kestrium::test

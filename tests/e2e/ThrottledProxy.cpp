@@ -1,12 +1,17 @@
 #include "tests/e2e/ThrottledProxy.h"
 
+#ifdef _WIN32
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#else
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <cerrno>
@@ -19,6 +24,45 @@ namespace kestrium::test {
 
 namespace {
 
+#ifdef _WIN32
+constexpr int kNoSignal = 0;
+void closeSocket(Socket s) { ::closesocket(s); }
+bool wouldBlock() { return WSAGetLastError() == WSAEWOULDBLOCK || WSAGetLastError() == WSAEINTR; }
+std::string lastError() { return "error " + std::to_string(WSAGetLastError()); }
+int pollSockets(pollfd* fds, size_t count, int timeoutMs) {
+  return ::WSAPoll(fds, static_cast<ULONG>(count), timeoutMs);
+}
+void setNonBlocking(Socket s) {
+  u_long on = 1;
+  ::ioctlsocket(s, FIONBIO, &on);
+}
+Socket openSocket() {
+  return ::WSASocketW(AF_INET, SOCK_STREAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+}
+Socket acceptSocket(Socket listener) {
+  const Socket s = ::accept(listener, nullptr, nullptr);
+  if (s != kNoSocket) ::SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  return s;
+}
+#else
+constexpr int kNoSignal = MSG_NOSIGNAL;
+void closeSocket(Socket s) { ::close(s); }
+bool wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR; }
+std::string lastError() { return std::strerror(errno); }
+int pollSockets(pollfd* fds, size_t count, int timeoutMs) { return ::poll(fds, count, timeoutMs); }
+void setNonBlocking(Socket s) { ::fcntl(s, F_SETFL, ::fcntl(s, F_GETFL) | O_NONBLOCK); }
+Socket openSocket() { return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0); }
+Socket acceptSocket(Socket listener) { return ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC); }
+#endif
+// Every socket is kept from the programs a test starts meanwhile (the tools,
+// the servers' shells): one that held a connection's end would keep it open
+// after the proxy closed it.
+
+template <typename T>
+void setOption(Socket s, int level, int name, const T& value) {
+  ::setsockopt(s, level, name, reinterpret_cast<const char*>(&value), sizeof value);
+}
+
 sockaddr_in loopback(uint16_t port) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
@@ -27,19 +71,17 @@ sockaddr_in loopback(uint16_t port) {
   return addr;
 }
 
-void setBuffers(int s, int bytes) {
-  setsockopt(s, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
-  setsockopt(s, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+void setBuffers(Socket s, int bytes) {
+  setOption(s, SOL_SOCKET, SO_RCVBUF, bytes);
+  setOption(s, SOL_SOCKET, SO_SNDBUF, bytes);
 }
 
 // Closes with a reset rather than a FIN: the peer sees the connection fail.
-void reset(int s) {
+void reset(Socket s) {
   const linger now{1, 0};
-  setsockopt(s, SOL_SOCKET, SO_LINGER, &now, sizeof now);
-  ::close(s);
+  setOption(s, SOL_SOCKET, SO_LINGER, now);
+  closeSocket(s);
 }
-
-bool wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR; }
 
 }  // namespace
 
@@ -51,8 +93,8 @@ struct ThrottledProxy::Pipe {
     bool ended = false;  // the sender closed its side
     size_t pending() const { return bytes.size() - from; }
   };
-  int client = -1;
-  int server = -1;
+  Socket client = kNoSocket;
+  Socket server = kNoSocket;
   Way up;    // client to server
   Way down;  // server to client
   bool broken = false;
@@ -60,25 +102,31 @@ struct ThrottledProxy::Pipe {
 
 ThrottledProxy::ThrottledProxy(uint16_t targetPort, uint64_t bytesPerSecond, int socketBuffer)
     : targetPort_(targetPort), socketBuffer_(socketBuffer), rate_(bytesPerSecond) {
-  listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  wake_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  if (listener_ < 0 || wake_ < 0) {
-    why_ = std::string("socket: ") + std::strerror(errno);
+#ifdef _WIN32
+  WSADATA data;
+  winsock_ = ::WSAStartup(MAKEWORD(2, 2), &data) == 0;
+#endif
+  listener_ = openSocket();
+  if (listener_ == kNoSocket) {
+    why_ = "socket: " + lastError();
     return;
   }
+  setNonBlocking(listener_);
   // Set on the listening socket, so that accepted connections start with them
   // (the receive window is fixed at the handshake).
   setBuffers(listener_, socketBuffer_);
   // Segments of an Ethernet path instead of loopback's 64 KiB: a sender's
   // kernel sizes its send buffer by its congestion window in segments, and
   // with loopback's segments it would take in megabytes before it blocks.
-  const int segment = 1448;
-  setsockopt(listener_, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment);
+  // (Windows has no such option: there the send buffer is what was set.)
+#ifdef TCP_MAXSEG
+  setOption(listener_, IPPROTO_TCP, TCP_MAXSEG, 1448);
+#endif
   sockaddr_in addr = loopback(0);
   socklen_t len = sizeof addr;
   if (::bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(listener_, 8) != 0 ||
       ::getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-    why_ = std::string("cannot listen on loopback: ") + std::strerror(errno);
+    why_ = "cannot listen on loopback: " + lastError();
     return;
   }
   port_ = ntohs(addr.sin_port);
@@ -87,24 +135,18 @@ ThrottledProxy::ThrottledProxy(uint16_t targetPort, uint64_t bytesPerSecond, int
 
 ThrottledProxy::~ThrottledProxy() {
   stopping_ = true;
-  if (thread_.joinable()) {
-    const uint64_t one = 1;
-    (void)!::write(wake_, &one, sizeof one);
-    thread_.join();
-  }
-  if (listener_ >= 0) ::close(listener_);
-  if (wake_ >= 0) ::close(wake_);
+  if (thread_.joinable()) thread_.join();
+  if (listener_ != kNoSocket) closeSocket(listener_);
+#ifdef _WIN32
+  if (winsock_) ::WSACleanup();
+#endif
 }
 
 std::string ThrottledProxy::urlOf(const std::string& application) const {
   return "rtmp://127.0.0.1:" + std::to_string(port_) + "/" + application;
 }
 
-void ThrottledProxy::cutAll() {
-  cut_ = true;
-  const uint64_t one = 1;
-  (void)!::write(wake_, &one, sizeof one);
-}
+void ThrottledProxy::cutAll() { cut_ = true; }
 
 void ThrottledProxy::run() {
   std::vector<Pipe> pipes;
@@ -120,17 +162,18 @@ void ThrottledProxy::run() {
       reset(p.client);
       reset(p.server);
     } else {
-      ::close(p.client);
-      ::close(p.server);
+      closeSocket(p.client);
+      closeSocket(p.server);
     }
-    p.client = p.server = -1;
+    p.client = p.server = kNoSocket;
     --open_;
   };
 
   // Sends what is pending on one way; false when the receiver is gone.
-  auto flush = [](int to, Pipe::Way& way, std::atomic<uint64_t>& count) {
+  auto flush = [](Socket to, Pipe::Way& way, std::atomic<uint64_t>& count) {
     while (way.pending() > 0) {
-      const ssize_t n = ::send(to, way.bytes.data() + way.from, way.pending(), MSG_NOSIGNAL);
+      const auto n = ::send(to, reinterpret_cast<const char*>(way.bytes.data() + way.from),
+                            static_cast<int>(way.pending()), kNoSignal);
       if (n < 0) return wouldBlock();
       way.from += static_cast<size_t>(n);
       count += static_cast<uint64_t>(n);
@@ -141,14 +184,14 @@ void ThrottledProxy::run() {
   };
 
   // Reads at most room bytes onto a way; false when the connection failed.
-  auto fill = [](int from, Pipe::Way& way, size_t room) {
+  auto fill = [](Socket from, Pipe::Way& way, size_t room) {
     if (room == 0) return true;
     way.bytes.erase(way.bytes.begin(), way.bytes.begin() + static_cast<ptrdiff_t>(way.from));
     way.from = 0;
     const size_t at = way.bytes.size();
     way.bytes.resize(at + room);
-    const ssize_t n = ::recv(from, way.bytes.data() + at, room, 0);
-    way.bytes.resize(at + static_cast<size_t>(std::max<ssize_t>(n, 0)));
+    const auto n = ::recv(from, reinterpret_cast<char*>(way.bytes.data() + at), static_cast<int>(room), 0);
+    way.bytes.resize(at + static_cast<size_t>(std::max<decltype(n)>(n, 0)));
     if (n == 0) way.ended = true;
     return n >= 0 || wouldBlock();
   };
@@ -164,8 +207,13 @@ void ThrottledProxy::run() {
     }
     last = now;
 
+    if (cut_.exchange(false)) {
+      for (Pipe& p : pipes) {
+        if (p.client != kNoSocket) closePipe(p, true);
+      }
+      std::erase_if(pipes, [](const Pipe& p) { return p.client == kNoSocket; });
+    }
     fds.clear();
-    fds.push_back({wake_, POLLIN, 0});
     fds.push_back({listener_, POLLIN, 0});
     bool starved = false;
     for (const Pipe& p : pipes) {
@@ -178,50 +226,42 @@ void ThrottledProxy::run() {
                                                   (p.up.pending() > 0 ? POLLOUT : 0)),
                      0});
     }
-    // While the bucket is empty, wake every millisecond to let the next bytes in.
-    if (::poll(fds.data(), fds.size(), starved ? 1 : -1) < 0 && errno != EINTR) break;
+    // While the bucket is empty, wake every millisecond to let the next bytes
+    // in; otherwise often enough to see a cut or the end soon.
+    if (pollSockets(fds.data(), fds.size(), starved ? 1 : 20) < 0 && !wouldBlock()) break;
 
     if (fds[0].revents & POLLIN) {
-      uint64_t count = 0;
-      (void)!::read(wake_, &count, sizeof count);
-      if (stopping_) break;
-      if (cut_.exchange(false)) {
-        for (Pipe& p : pipes) {
-          if (p.client >= 0) closePipe(p, true);
-        }
-      }
-    }
-    if (fds[1].revents & POLLIN) {
-      const int client = ::accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-      if (client >= 0) {
+      const Socket client = acceptSocket(listener_);
+      if (client != kNoSocket) {
         ++accepted_;
+        setNonBlocking(client);
         setBuffers(client, socketBuffer_);
-        const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const Socket server = openSocket();
         const sockaddr_in to = loopback(targetPort_);
-        if (server >= 0) setBuffers(server, socketBuffer_);
+        if (server != kNoSocket) setBuffers(server, socketBuffer_);
         // A blocking connect: on loopback it ends at once, taken or refused.
-        if (server >= 0 && ::connect(server, reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0) {
-          const int one = 1;
-          setsockopt(server, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-          setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        if (server != kNoSocket && ::connect(server, reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0) {
+          setNonBlocking(server);
+          setOption(server, IPPROTO_TCP, TCP_NODELAY, 1);
+          setOption(client, IPPROTO_TCP, TCP_NODELAY, 1);
           Pipe p;
           p.client = client;
           p.server = server;
           ++open_;
           pipes.push_back(std::move(p));
         } else {
-          if (server >= 0) ::close(server);
+          if (server != kNoSocket) closeSocket(server);
           reset(client);
         }
       }
     }
 
     // Pipes accepted in this pass have no poll entries yet.
-    for (size_t i = 0; 3 + 2 * i < fds.size(); ++i) {
+    for (size_t i = 0; 2 + 2 * i < fds.size(); ++i) {
       Pipe& p = pipes[i];
-      if (p.client < 0) continue;
-      const short clientEvents = fds[2 + 2 * i].revents;
-      const short serverEvents = fds[3 + 2 * i].revents;
+      if (p.client == kNoSocket) continue;
+      const short clientEvents = fds[1 + 2 * i].revents;
+      const short serverEvents = fds[2 + 2 * i].revents;
       bool ok = !((clientEvents | serverEvents) & POLLERR);
       if (ok && (clientEvents & (POLLIN | POLLHUP))) {
         const size_t room = std::min(limit - std::min(limit, p.up.pending()), static_cast<size_t>(tokens));
@@ -240,10 +280,10 @@ void ThrottledProxy::run() {
         closePipe(p, false);
       }
     }
-    std::erase_if(pipes, [](const Pipe& p) { return p.client < 0; });
+    std::erase_if(pipes, [](const Pipe& p) { return p.client == kNoSocket; });
   }
   for (Pipe& p : pipes) {
-    if (p.client >= 0) closePipe(p, true);
+    if (p.client != kNoSocket) closePipe(p, true);
   }
 }
 

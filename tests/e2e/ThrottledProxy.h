@@ -3,7 +3,8 @@
 // A TCP proxy on a free loopback port that forwards every connection to a port
 // on loopback, and lets the client's bytes through to the server no faster than
 // a set rate: a slow uplink between a publisher and its RTMP server. The
-// server's bytes go back to the client as fast as they come. Linux only.
+// server's bytes go back to the client as fast as they come. On Winsock too,
+// for the Windows tests under wine.
 //
 //   RtmpServer rtmp; ... rtmp.start();
 //   ThrottledProxy uplink(rtmp.port(), 125'000);     // 1 Mbit/s
@@ -27,6 +28,14 @@
 #include <thread>
 
 namespace kestrium::test {
+
+#ifdef _WIN32
+using Socket = std::uintptr_t;  // Winsock's SOCKET
+inline constexpr Socket kNoSocket = ~Socket{0};
+#else
+using Socket = int;
+inline constexpr Socket kNoSocket = -1;
+#endif
 
 class ThrottledProxy {
  public:
@@ -64,8 +73,10 @@ class ThrottledProxy {
   struct Pipe;
   void run();
 
-  int listener_ = -1;
-  int wake_ = -1;  // an eventfd that stops poll for cutAll() and the destructor
+  Socket listener_ = kNoSocket;
+#ifdef _WIN32
+  bool winsock_ = false;
+#endif
   uint16_t targetPort_;
   int socketBuffer_;
   uint16_t port_ = 0;

@@ -47,6 +47,8 @@ bool looksLikeWindowsPath(const std::string& text) {
 
 bool hostToolsRun() { return !unixPathOf("C:\\").empty(); }
 
+std::string hostPath(const std::filesystem::path& path) { return unixPathOf(path.string()); }
+
 int runHostTool(const std::string& tool, const std::vector<std::string>& args, std::string& output) {
   const TempFolder folder("-host-tool");
   const std::filesystem::path outputFile = folder.path() / "output.txt";

@@ -107,6 +107,11 @@ inline size_t countOf(std::string_view text, std::string_view what) {
 // A Linux program run from a Windows test program under wine, with arguments
 // that are Windows paths given as the same files' Linux paths (HostTool.cpp).
 int runHostTool(const std::string& tool, const std::vector<std::string>& args, std::string& output);
+// The Linux path of a file, for the build machine's programs; empty when not
+// under wine (HostTool.cpp).
+std::string hostPath(const std::filesystem::path& path);
+#else
+inline std::string hostPath(const std::filesystem::path& path) { return path.string(); }
 #endif
 
 // Runs a tool to its end; its standard output and error land in output. Returns
@@ -123,6 +128,15 @@ inline int runTool(const std::filesystem::path& tool, const std::vector<std::str
   const std::vector<char> bytes = readBytes(file);
   output.assign(bytes.begin(), bytes.end());
   return status;
+}
+
+// Runs a script in the build machine's /bin/sh, under wine too, with args as
+// $1, $2, ...: how the tests start and stop the servers they need (a sound
+// server, an RTMP server) on both. Returns the script's exit status.
+inline int runShell(const std::string& script, const std::vector<std::string>& args, std::string& output) {
+  std::vector<std::string> all{"-c", script, "sh"};
+  all.insert(all.end(), args.begin(), args.end());
+  return runTool("/bin/sh", all, output);
 }
 
 // A small file system of its own at folder, for tests of a full disk: a tmpfs
