@@ -283,8 +283,10 @@ TEST_F(AudioRecordingTest, PauseLeavesNoSound) {
 TEST_F(AudioRecordingTest, UnpluggedDeviceLeavesTheRestWhole) {
   sound_.play("game", 2, 1000, 12.0);
   sound_.play("micsink", 1, 440, 12.0);
+  // Two seconds into the recording: once the devices are open, which may take
+  // a while on a busy machine.
   std::thread unplug([this] {
-    platform::sleepMs(2000);
+    if (harness.waitForLog("  *** Aud *** Audio source: ")) platform::sleepMs(2000);
     sound_.unload("game");
   });
   const int status = record(4.0, {"--audio", playback("Game Audio"), "--audio", mic()});
