@@ -8,15 +8,17 @@
 // Under wine a program's sound driver (winepulse) reaches the daemon that
 // PULSE_SERVER named when wine started it, whatever the Windows environment
 // says later, so the Windows tests share the daemon of scripts/wine-ctest.sh:
-// each loads its devices into it under names of its own, so that tests running
-// side by side don't hear each other, and unloads them at the end.
+// each loads its devices into it under names apart from the daemon's own, and
+// unloads them at the end. They take turns (their servers share one documents
+// folder), so one set of names serves them all, which also keeps wine's list
+// of known devices from growing with every test; a set that a test before left
+// behind is unloaded first.
 //
 // Everything here is a Linux program run through /bin/sh, which finds the
 // test's folder by its Linux path on both.
 
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -38,9 +40,8 @@ class SoundServer {
       return;
     }
     server_ = platform::toUtf8(*shared);
-    const unsigned id = std::random_device()() % 1000000;
-    nameSuffix_ = "-t" + std::to_string(id);
-    descriptionSuffix_ = " t" + std::to_string(id);
+    nameSuffix_ = "-test";
+    descriptionSuffix_ = " Test";
 #endif
     // The devices as pactl load-module takes them: a module's name, then its
     // arguments as one text, where a value with spaces is quoted.
@@ -92,7 +93,10 @@ class SoundServer {
     // would get its first data that late: a reader on every monitor from the
     // start keeps them all short (a trickle of 8-bit mono is enough to ask for
     // it).
-    if (shell("while read -r module arguments; do\n"
+    if (shell((nameSuffix_.empty() ? std::string()
+                                   : "pactl list short modules | grep -E '_name=[a-z]+" + nameSuffix_ +
+                                         " ' | cut -f1 | xargs -r -n1 pactl unload-module\n") +
+              "while read -r module arguments; do\n"
               "  pactl load-module \"$module\" \"$arguments\" >>\"$f/modules\" || exit 1\n"
               "done <\"$f/devices\"\n"
               "for sink in game micsink surround headset; do\n"

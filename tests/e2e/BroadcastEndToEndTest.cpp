@@ -135,10 +135,12 @@ TEST_F(BroadcastWithSoundTest, TheServerRecordsH264AndAacThatPlayersReadLive) {
   std::vector<std::string> args = recordArgs(rtmp_.url(), "game", 20.0, "640x360", 2000);
   args.insert(args.end(), {"--audio", sound_.playback("Game Audio"), "--aac", "128"});
 
-  // A player that joins while the capture runs reads the stream live.
+  // A player that joins while the capture runs reads the stream live. It comes
+  // once the stream is up (which on a busy machine under wine may take more
+  // than the first seconds), so the server's first connection is ours.
   std::string player;
   std::thread watcher([&] {
-    platform::sleepMs(5000);
+    if (rtmp_.waitForLog("publish: name='game'", 20000)) platform::sleepMs(2000);
     runTool(KESTRIUM_FFMPEG, {"-hide_banner", "-rtmp_live", "live", "-i", rtmp_.url() + "/game", "-t", "3", "-f", "null", "-"},
             player);
   });
