@@ -7,6 +7,9 @@ namespace kestrium {
 namespace {
 
 constexpr uint16_t kWaveFormatMp3 = 0x55;
+// The journal gets a record for each sample and is written once a megabyte of
+// data has gone: a small buffer suffices.
+constexpr size_t kJournalBuffer = 0x10000;
 
 }  // namespace
 
@@ -16,6 +19,12 @@ FileWriterMP4::FileWriterMP4(bool sideTracks, float prerecordLimit, std::filesys
 }
 
 FileWriterMP4::~FileWriterMP4() = default;
+
+std::filesystem::path FileWriterMP4::journalPath() const {
+  std::filesystem::path journal = filePath_;
+  journal += mp4journal::kSuffix;
+  return journal;
+}
 
 int FileWriterMP4::open() {
   untimed_ = 0;
@@ -36,6 +45,15 @@ int FileWriterMP4::open() {
     logLine(u"[Error]   Error initializing MP4 file\n");
     mp4_.reset();
     return 0;
+  }
+  // Without its journal a file whose server dies cannot be repaired; it still
+  // records.
+  platform::File journal;
+  if (journal.open(journalPath(), platform::File::Mode::CreateAlways)) {
+    mp4_->keepJournal(std::make_unique<XFileOutputSerializer>(std::move(journal), kJournalBuffer));
+  } else {
+    logLine(u"[Warning] *** MP4 *** No journal beside the file (error %u): it cannot be repaired if the server dies\n",
+            platform::lastError());
   }
   if (!extraData_.empty() && !mp4_->setVideoTrack(width_, height_, frameRate_, extraData_)) {
     logLine(u"[Error]   *** MP4 *** The encoder's configuration record holds no whole parameter sets\n");
@@ -94,6 +112,7 @@ void FileWriterMP4::close(bool discard) {
   if (mp4_) {
     mp4_->finalize();
     mp4_.reset();
+    platform::File::remove(journalPath());
     if (discard) platform::File::remove(filePath_);
   }
   if (sideTracks_) closeSideTracks(discard);

@@ -23,6 +23,8 @@ class FileWriterMP4 : public IFileWriter {
   void close(bool discard) override;
 
   const std::filesystem::path& filePath() const { return filePath_; }
+  // Beside the file while it is written: what kestrium-repair needs.
+  std::filesystem::path journalPath() const;
   uint32_t framesWritten() const { return frameCounters_[0]; }
 
  private:

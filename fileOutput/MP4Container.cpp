@@ -249,6 +249,11 @@ bool MP4Container::setVideoTrack(uint32_t width, uint32_t height, uint32_t frame
   const auto* bytes = reinterpret_cast<const uint8_t*>(extraData.data());
   sps_.assign(bytes + 8, bytes + 8 + spsLength);
   pps_.assign(bytes + 11 + spsLength, bytes + 11 + spsLength + ppsLength);
+  if (journal_) {
+    mp4journal::appendVideo(journalRecords_,
+                            {width, height, frameRate, std::vector<std::byte>(extraData.begin(), extraData.end())});
+    writeJournal(true);
+  }
   return true;
 }
 
@@ -261,6 +266,36 @@ void MP4Container::setAudioTrack(bool mp3, uint32_t sampleRate, uint32_t bitrate
   std::memcpy(configuration_, &configuration, 2);
   // Without a rate or a frame length no sample could be given a time.
   audioSet_ = sampleRate != 0 && samplesPerFrame != 0 && bitrate / 1000 != 0;
+  if (journal_ && audioSet_) {
+    mp4journal::appendAudio(journalRecords_, {mp3, sampleRate, bitrate, samplesPerFrame, configuration});
+    writeJournal(true);
+  }
+}
+
+void MP4Container::keepJournal(std::unique_ptr<Serializer> journal) {
+  journal_ = std::move(journal);
+  journalRecords_.clear();
+  // The head goes to the file at once: a file that a repair can recognise.
+  if (journal_ && sink_) sink_->flush();
+  if (journal_) mp4journal::appendMark(journalRecords_);
+  writeJournal(true);
+}
+
+void MP4Container::note(bool audio, bool key, uint32_t time, uint64_t position, size_t size) {
+  if (!journal_) return;
+  mp4journal::appendSample(journalRecords_, {audio, key, time, position, static_cast<uint32_t>(size)});
+  writeJournal(false);
+}
+
+void MP4Container::writeJournal(bool now) {
+  // The records go out with the data they describe: when the file's buffer has
+  // gone to the file, every sample in it has its record written too. A record
+  // may come before its data; the repair leaves out what the file lacks.
+  if (!journal_ || journalRecords_.empty() || (!now && sink_ && sink_->durable() == journaledData_)) return;
+  if (sink_) journaledData_ = sink_->durable();
+  journal_->write(journalRecords_);
+  journal_->flush();
+  journalRecords_.clear();
 }
 
 int MP4Container::addSample(uint32_t track, uint32_t time, std::span<const std::byte> data, bool key) {
@@ -279,6 +314,13 @@ void MP4Container::writeSample(std::span<const std::byte> data, uint32_t time, i
 
 void MP4Container::writeVideo(std::span<const std::byte> data, uint32_t time, bool key) {
   Serializer& out = *sink_;
+  if (key && journal_) {
+    // A file with a journal is repairable up to what is in it: each key frame
+    // sends what came before to the file, so that a server that dies loses at
+    // most the group of pictures it was writing, not a megabyte of buffer.
+    out.flush();
+    writeJournal(false);
+  }
   const uint64_t position = out.tell();
   if (firstVideoTime_ == 0xFFFFFFFF) firstVideoTime_ = time;
   if (key) {
@@ -289,8 +331,10 @@ void MP4Container::writeVideo(std::span<const std::byte> data, uint32_t time, bo
       out.bytes(*set);
     }
   }
+  const uint64_t dataPosition = out.tell();
   out.write(data);
   if (!out.ok()) return;
+  note(false, key, time, dataPosition, data.size());
   const auto size = static_cast<uint32_t>(out.tell() - position);
   uint32_t relative = time - firstVideoTime_;
   if (time < firstVideoTime_ || (!video_.empty() && relative < lastRelativeTime_)) {
@@ -325,6 +369,7 @@ void MP4Container::writeAudio(std::span<const std::byte> data, uint32_t time) {
   const uint64_t position = out.tell();
   out.write(data);
   if (!out.ok()) return;
+  note(true, false, time, position, data.size());
   audio_.push_back({position, static_cast<uint32_t>(data.size()), time});
 }
 
@@ -578,6 +623,10 @@ int MP4Container::finalize() {
   out.seek(static_cast<int64_t>(mdatPosition_ + 8), Serializer::Origin::Begin);
   out.wb64(mdatEnd - mdatPosition_);
   out.close();
+  // The file has its index: its owner removes the journal, whole.
+  writeJournal(true);
+  if (journal_) journal_->close();
+  journal_.reset();
   return 1;
 }
 

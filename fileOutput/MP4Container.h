@@ -6,6 +6,7 @@
 #include <span>
 #include <vector>
 
+#include "fileOutput/Mp4Journal.h"
 #include "fileOutput/Serializer.h"
 #include "platform/File.h"
 
@@ -60,6 +61,12 @@ class MP4Container {
   void setAudioTrack(bool mp3, uint32_t sampleRate, uint32_t bitrate, uint32_t samplesPerFrame,
                      uint16_t configuration);
 
+  // Keeps the journal (fileOutput/Mp4Journal.h) in this sink from here on: the
+  // tracks as they are set and every sample that was written, handed to the
+  // sink whenever more of the file's data has reached the file, so that what is
+  // in the file is in the journal. Set it before the tracks.
+  void keepJournal(std::unique_ptr<Serializer> journal);
+
   // Track 0 is video, any other audio. Times in milliseconds.
   int addSample(uint32_t track, uint32_t time, std::span<const std::byte> data, bool key);
 
@@ -89,6 +96,10 @@ class MP4Container {
   void writeAudio(std::span<const std::byte> data, uint32_t time);
   // After a failed write: the samples that did not wholly reach the file go.
   void dropLostSamples(uint64_t durable);
+  // The journal's record of a sample whose data begin at position.
+  void note(bool audio, bool key, uint32_t time, uint64_t position, size_t size);
+  // Hands the journal's records to its sink once more data are in the file.
+  void writeJournal(bool now);
   // Drops the samples that end past limit and cuts the file behind the rest;
   // the new end of the data.
   uint64_t cutTo(uint64_t limit);
@@ -115,6 +126,10 @@ class MP4Container {
   uint64_t mdatPosition_ = 0;
   uint32_t timesBack_ = 0;      // video times earlier than the one before
   uint32_t audioDropped_ = 0;   // audio samples without a declared track
+
+  std::unique_ptr<Serializer> journal_;
+  std::vector<std::byte> journalRecords_;  // not yet handed to the journal
+  uint64_t journaledData_ = 0;             // the file's durable bytes when it last was
 };
 
 }  // namespace kestrium

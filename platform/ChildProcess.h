@@ -25,7 +25,8 @@ class ChildProcess {
   // Starts program with the arguments (not counting the program itself). The
   // child inherits this environment with extraEnv set on top of it. With an
   // output file, the child's standard output and error go there (the file is
-  // made anew); otherwise they are this process's.
+  // made anew); otherwise they are this process's. Under wine a Linux program
+  // starts without a process to hold: running() is then false at once.
   bool start(const std::filesystem::path& program, const std::vector<std::string>& args,
              const Environment& extraEnv = {}, const std::filesystem::path& outputFile = {});
 

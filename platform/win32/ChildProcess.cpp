@@ -149,6 +149,11 @@ bool ChildProcess::start(const std::filesystem::path& program, const std::vector
                                    nullptr, &startup, &info);
   if (output != INVALID_HANDLE_VALUE) CloseHandle(output);
   if (!made) return false;
+  if (info.hProcess == nullptr) {
+    // wine starting a Linux program: it gives no process to hold, and what it
+    // leaves in hThread is no handle of ours (closing it could close another).
+    return true;
+  }
   CloseHandle(info.hThread);
   handle_ = reinterpret_cast<intptr_t>(info.hProcess);
   return true;

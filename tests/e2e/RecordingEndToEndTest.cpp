@@ -442,61 +442,6 @@ TEST_F(RecordingEndToEndTest, ShutdownWithACaptureRunningKeepsAValidFile) {
   }
 }
 
-// A server killed in the middle of an MP4 recording leaves the file without
-// its index, but with every byte it had handed to the file: the head, an
-// "mdat" whose size says "to the end of the file", and behind it one frame
-// after the other as length-prefixed NAL units, each key frame led by its
-// parameter sets. That is what a repair walks to rebuild the index.
-TEST_F(RecordingEndToEndTest, KilledServerLeavesMp4DataThatCanBeWalked) {
-#if !KESTRIUM_WITH_X264
-  GTEST_SKIP() << "this build has no libx264";
-#endif
-  platform::ChildProcess client = harness.startClient(
-      {"record", "--dir", dir().string(), "--encoder", "h264.x264", "--size", "1280x720", "--bitrate", "8000",
-       "--seconds", "60"},
-      harness.folder() / "client.txt");
-  ASSERT_TRUE(harness.waitForLog("  *** MP4 *** MP4 file: "));
-  platform::sleepMs(6000);
-  ASSERT_TRUE(server_.kill());
-  server_.wait(kPatience);
-  client.wait(kClientPatience);
-  platform::reclaimAbandonedObjects();
-
-  std::vector<std::filesystem::path> files;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir())) files.push_back(entry.path());
-  ASSERT_EQ(files.size(), 1u);
-  const std::vector<char> bytes = readBytes(files[0]);
-  auto u8 = [&](size_t at) { return uint32_t(static_cast<unsigned char>(bytes[at])); };
-  auto b32 = [&](size_t at) { return u8(at) << 24 | u8(at + 1) << 16 | u8(at + 2) << 8 | u8(at + 3); };
-  ASSERT_GT(bytes.size(), size_t{2} << 20) << "at 8 Mbit/s, more than one buffer reached the file";
-  EXPECT_EQ(std::string(&bytes[4], 8), "ftypisom");
-  EXPECT_EQ(std::string(&bytes[36], 4), "free");
-  EXPECT_EQ(b32(40), 1u);
-  EXPECT_EQ(std::string(&bytes[44], 4), "mdat");
-  EXPECT_EQ(b32(48), 0u);
-  EXPECT_EQ(b32(52), 0u);
-
-  size_t at = 56, frames = 0, keys = 0;
-  bool sps = false, pps = false;  // since the last picture
-  while (at + 4 <= bytes.size()) {
-    const uint32_t length = b32(at);
-    ASSERT_GT(length, 0u) << "at " << at;
-    if (at + 4 + length > bytes.size()) break;  // the last buffer ends inside a frame
-    const uint32_t type = u8(at + 4) & 0x1F;
-    if (type == 5) {
-      EXPECT_TRUE(sps && pps) << "key frame " << keys << " carries its parameter sets";
-      ++keys;
-    }
-    if (type == 1 || type == 5) ++frames;
-    sps = (sps || type == 7) && type != 1 && type != 5;
-    pps = (pps || type == 8) && type != 1 && type != 5;
-    at += 4 + length;
-  }
-  EXPECT_GT(at, bytes.size() - (size_t{1} << 20)) << "whole frames run up to the last buffer";
-  EXPECT_GE(frames, 30u);
-  EXPECT_EQ(keys, (frames + 29) / 30) << "one key frame a second";
-}
-
 TEST_F(RecordingEndToEndTest, TwoCapturesAtOnceMakeTwoFiles) {
   const auto firstOutput = harness.folder() / "first.txt";
   platform::ChildProcess first = harness.startClient(

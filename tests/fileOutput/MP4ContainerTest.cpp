@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "fileOutput/MP4Container.h"
+#include "fileOutput/Mp4Journal.h"
 #include "platform/File.h"
 #include "tests/fileOutput/Mp4TestSupport.h"
 #include "tests/support/LogFixture.h"
@@ -441,6 +442,101 @@ TEST_P(MP4FullDiskTest, FileKeepsWholeFramesAndItsIndex) {
 
 // The index of 40 frames takes well under 2000 bytes.
 INSTANTIATE_TEST_SUITE_P(Disks, MP4FullDiskTest, ::testing::Values(0, 300, 2000));
+
+// The journal of a file, as far as it is in the journal's file.
+mp4journal::Journal readJournal(const std::filesystem::path& path) {
+  const std::vector<char> bytes = test::readBytes(path);
+  mp4journal::Journal journal;
+  std::string error;
+  EXPECT_TRUE(mp4journal::read(std::as_bytes(std::span(bytes)), journal, error)) << error;
+  return journal;
+}
+
+class MP4JournalTest : public test::LoggedTest, public ::testing::WithParamInterface<size_t> {};
+
+// Whenever the writer dies, every sample wholly in the file has its record in
+// the journal, and the records give the samples as they were handed over: the
+// data at their places are the samples' own. The parameter is the file's buffer.
+TEST_P(MP4JournalTest, EverySampleInTheFileIsInTheJournal) {
+  test::TempFolder folder;
+  const auto dataPath = folder.path() / "a.mp4", journalPath = folder.path() / "a.mp4.journal";
+  platform::File data, journal;
+  ASSERT_TRUE(data.open(dataPath, platform::File::Mode::CreateAlways));
+  ASSERT_TRUE(journal.open(journalPath, platform::File::Mode::CreateAlways));
+  MP4Container mp4([] { return kNow; });
+  ASSERT_EQ(mp4.open(std::make_unique<XFileOutputSerializer>(std::move(data), GetParam())), 1);
+  mp4.keepJournal(std::make_unique<XFileOutputSerializer>(std::move(journal), 4096));
+  ASSERT_TRUE(mp4.setVideoTrack(kWidth, kHeight, kRate, asBytes(kRecord)));
+  mp4.setAudioTrack(false, 48000, 128000, 1024, memoryOrder(0x11, 0x90));
+
+  std::vector<mp4journal::Sample> given;
+  std::vector<Bytes> payloads;
+  std::vector<std::pair<size_t, uint64_t>> moments;  // records in the journal, bytes in the file
+  for (uint32_t i = 0; i < 120; ++i) {
+    const bool audio = i % 3 == 2;
+    const bool key = !audio && i % 30 == 0;
+    payloads.push_back(payload(audio ? 300 + i : 1000 + (i * 397) % 6000, i));
+    given.push_back({audio, key, i * 11, 0, static_cast<uint32_t>(payloads.back().size())});
+    mp4.addSample(audio ? 1 : 0, i * 11, asBytes(payloads.back()), key);
+    moments.emplace_back(readJournal(journalPath).samples.size(), std::filesystem::file_size(dataPath));
+  }
+  ASSERT_EQ(mp4.finalize(), 1);
+
+  const mp4journal::Journal whole = readJournal(journalPath);
+  ASSERT_TRUE(whole.video && whole.audio);
+  EXPECT_TRUE(std::ranges::equal(whole.video->configuration, asBytes(kRecord)));
+  EXPECT_EQ(whole.audio->sampleRate, 48000u);
+  EXPECT_EQ(whole.audio->configuration, memoryOrder(0x11, 0x90));
+  ASSERT_EQ(whole.samples.size(), given.size());
+  const std::vector<char> file = test::readBytes(dataPath);
+  for (size_t i = 0; i < given.size(); ++i) {
+    const auto& s = whole.samples[i];
+    EXPECT_EQ(std::tie(s.audio, s.key, s.time, s.size), std::tie(given[i].audio, given[i].key, given[i].time, given[i].size));
+    ASSERT_LE(s.position + s.size, file.size());
+    EXPECT_TRUE(std::equal(payloads[i].begin(), payloads[i].end(), file.begin() + static_cast<ptrdiff_t>(s.position),
+                           [](uint8_t a, char b) { return a == static_cast<uint8_t>(b); }))
+        << "sample " << i;
+  }
+  for (const auto& [records, inFile] : moments) {
+    for (size_t i = records; i < given.size(); ++i) {
+      EXPECT_GT(whole.samples[i].position + whole.samples[i].size, inFile)
+          << "sample " << i << " was in the file without its record";
+    }
+  }
+}
+
+// A buffer smaller than one sample, a few samples, and a megabyte (the
+// writer's, where only key frames send the data to the file).
+INSTANTIATE_TEST_SUITE_P(Buffers, MP4JournalTest, ::testing::Values(256, 16384, 0x100000));
+
+// A journal cut anywhere reads as the records before the cut; one that is not
+// a journal, or holds a record of no known kind, does not read.
+TEST(MP4JournalReadTest, CutJournalReadsAsItsWholeRecords) {
+  std::vector<std::byte> bytes;
+  mp4journal::appendMark(bytes);
+  mp4journal::appendVideo(bytes, {640, 360, 30000, {std::byte{1}, std::byte{2}}});
+  for (uint32_t i = 0; i < 5; ++i) mp4journal::appendSample(bytes, {i == 3, i == 0, i * 33, 56 + i * 100u, 100});
+  std::vector<size_t> counts;
+  for (size_t cut = 4; cut <= bytes.size(); ++cut) {
+    mp4journal::Journal journal;
+    std::string error;
+    ASSERT_TRUE(mp4journal::read(std::span(bytes).first(cut), journal, error)) << cut << ": " << error;
+    counts.push_back(journal.samples.size());
+    for (size_t i = 0; i < journal.samples.size(); ++i) {
+      EXPECT_EQ(journal.samples[i].time, i * 33);
+      EXPECT_EQ(journal.samples[i].audio, i == 3);
+    }
+  }
+  EXPECT_TRUE(std::is_sorted(counts.begin(), counts.end()));
+  EXPECT_EQ(counts.back(), 5u);
+
+  for (const std::string& broken : {std::string("KMJ"), std::string("MOOV") + 's', std::string("KMJ1") + 'x'}) {
+    mp4journal::Journal journal;
+    std::string error;
+    EXPECT_FALSE(mp4journal::read(std::as_bytes(std::span(broken)), journal, error)) << broken;
+    EXPECT_FALSE(error.empty());
+  }
+}
 
 }  // namespace
 }  // namespace kestrium
