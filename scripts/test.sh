@@ -8,17 +8,19 @@
 # AddressSanitizer and UndefinedBehaviorSanitizer), tsan (the encoder suites
 # whose threads hand frames to each other, under ThreadSanitizer), win32 (the 32-bit Windows
 # server: compiled and linked), win64 (64-bit Windows build, all tests under
-# wine64). --long also runs the slow soak and size tests.
+# wine64), fuzz (the libFuzzer targets, built with clang: 15 s each, 10 minutes
+# with --long). --long also runs the slow soak and size tests.
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
 only=""
+fuzz_seconds=15
 while (($#)); do
   case "$1" in
-    --long) export KESTRIUM_LONG_TESTS=1 ;;
+    --long) export KESTRIUM_LONG_TESTS=1; fuzz_seconds=600 ;;
     --only) only=",$2,"; shift ;;
-    *) echo "usage: $0 [--long] [--only linux,asan,tsan,win32,win64]" >&2; exit 2 ;;
+    *) echo "usage: $0 [--long] [--only linux,asan,tsan,fuzz,win32,win64]" >&2; exit 2 ;;
   esac
   shift
 done
@@ -164,6 +166,10 @@ if wanted tsan; then
     >/dev/null && cmake --build build-tsan -j $jobs --target video_encoder_tests"
   run_tests "tsan: tests" "$root/build-tsan/test-tmp" env TSAN_OPTIONS=halt_on_error=1 \
     ctest --test-dir build-tsan -j "$jobs" --output-on-failure -R 'Nvenc|X264|H264|QuickSync|Amd'
+fi
+
+if wanted fuzz; then
+  run_tests "fuzz: build and run" "" scripts/fuzz.sh "$fuzz_seconds"
 fi
 
 if wanted win32; then
