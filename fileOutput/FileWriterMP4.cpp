@@ -7,8 +7,9 @@ namespace kestrium {
 namespace {
 
 constexpr uint16_t kWaveFormatMp3 = 0x55;
-// The journal gets a record for each sample and is written once a megabyte of
-// data has gone: a small buffer suffices.
+// The journal gets a record for each sample and is written whenever data reach
+// the file (at every key frame, and each time the file's buffer is full): a
+// small buffer suffices.
 constexpr size_t kJournalBuffer = 0x10000;
 
 }  // namespace

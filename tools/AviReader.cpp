@@ -12,11 +12,6 @@ constexpr uint32_t code(const char (&c)[5]) {
          (static_cast<uint32_t>(static_cast<uint8_t>(c[3])) << 24);
 }
 
-uint32_t u32(const std::byte* p) {
-  uint32_t v;
-  std::memcpy(&v, p, 4);
-  return v;
-}
 uint16_t u16(const std::byte* p) {
   uint16_t v;
   std::memcpy(&v, p, 2);
@@ -32,8 +27,6 @@ std::string name(uint32_t c) {
   }
   return "'" + s + "'";
 }
-
-std::string at(uint64_t offset) { return " at byte " + std::to_string(offset); }
 
 // Nesting deeper than this is no AVI written by anyone.
 constexpr int kMaxDepth = 8;
@@ -79,24 +72,24 @@ bool AviReader::open(ByteSource& source, std::string& error) {
   while (pos < fileSize) {
     std::byte head[12];
     if (!source.read(pos, head)) {
-      error = "stray " + std::to_string(fileSize - pos) + " bytes after the last RIFF" + at(pos);
+      error = "stray " + std::to_string(fileSize - pos) + " bytes after the last RIFF" + atByte(pos);
       return false;
     }
-    const uint32_t id = u32(head), size = u32(head + 4), form = u32(head + 8);
+    const uint32_t id = readLe32(head), size = readLe32(head + 4), form = readLe32(head + 8);
     const uint32_t expectedForm = riffs_ == 0 ? code("AVI ") : code("AVIX");
     if (id != code("RIFF") || form != expectedForm) {
       error = riffs_ == 0 ? "not an AVI file: it starts with " + name(id) + " " + name(form)
-                          : "expected RIFF 'AVIX'" + at(pos) + ", found " + name(id) + " " + name(form);
+                          : "expected RIFF 'AVIX'" + atByte(pos) + ", found " + name(id) + " " + name(form);
       return false;
     }
     if (size < 4) {
-      error = "RIFF" + at(pos) + " claims " + std::to_string(size) + " bytes, too few for its form";
+      error = "RIFF" + atByte(pos) + " claims " + std::to_string(size) + " bytes, too few for its form";
       return false;
     }
     const uint64_t end = pos + 8 + size;
     if (end > fileSize) {
-      error = "RIFF " + name(form) + at(pos) + " claims " + std::to_string(size) + " bytes, past the end of the file (" +
-              std::to_string(fileSize) + " bytes): the file is cut short or was never closed";
+      error = "RIFF " + name(form) + atByte(pos) + " claims " + std::to_string(size) +
+              " bytes, past the end of the file (" + std::to_string(fileSize) + " bytes): the file is cut short or was never closed";
       return false;
     }
     ++riffs_;
@@ -130,33 +123,33 @@ bool AviReader::open(ByteSource& source, std::string& error) {
 
 bool AviReader::walkList(uint64_t begin, uint64_t end, uint32_t listType, std::string& error, int depth) {
   if (depth > kMaxDepth) {
-    error = "lists nested too deep" + at(begin);
+    error = "lists nested too deep" + atByte(begin);
     return false;
   }
   uint64_t pos = begin;
   while (pos < end) {
     std::byte head[12];
     if (end - pos < 8 || !source_->read(pos, std::span(head, 8))) {
-      error = std::to_string(end - pos) + " stray bytes at the end of list " + name(listType) + at(pos);
+      error = std::to_string(end - pos) + " stray bytes at the end of list " + name(listType) + atByte(pos);
       return false;
     }
-    const uint32_t id = u32(head), size = u32(head + 4);
+    const uint32_t id = readLe32(head), size = readLe32(head + 4);
     const uint64_t dataAt = pos + 8;
     if (size > end - dataAt) {
-      error = "chunk " + name(id) + at(pos) + " of " + std::to_string(size) + " bytes runs past the end of its list " +
-              name(listType) + " (" + std::to_string(end - dataAt) + " bytes left)";
+      error = "chunk " + name(id) + atByte(pos) + " of " + std::to_string(size) +
+              " bytes runs past the end of its list " + name(listType) + " (" + std::to_string(end - dataAt) + " bytes left)";
       return false;
     }
     const uint64_t next = dataAt + size + (size & 1);
     if (id == code("LIST")) {
       if (size < 4 || !source_->read(dataAt, std::span(head + 8, 4))) {
-        error = "LIST" + at(pos) + " too short for its type";
+        error = "LIST" + atByte(pos) + " too short for its type";
         return false;
       }
-      const uint32_t type = u32(head + 8);
+      const uint32_t type = readLe32(head + 8);
       if (listType == code("AVI ") && type == code("hdrl")) {
         if (haveHeader_) {
-          error = "second 'hdrl' list" + at(pos);
+          error = "second 'hdrl' list" + atByte(pos);
           return false;
         }
         haveHeader_ = true;
@@ -166,11 +159,11 @@ bool AviReader::walkList(uint64_t begin, uint64_t end, uint32_t listType, std::s
         ++streams_;
       } else if (type == code("movi")) {
         if (listType != code("AVI ") && listType != code("AVIX")) {
-          error = "'movi' list inside " + name(listType) + at(pos);
+          error = "'movi' list inside " + name(listType) + atByte(pos);
           return false;
         }
         if (!haveHeader_) {
-          error = "'movi' list" + at(pos) + " comes before the 'hdrl' header";
+          error = "'movi' list" + atByte(pos) + " comes before the 'hdrl' header";
           return false;
         }
         haveMovi_ = true;
@@ -199,17 +192,17 @@ bool AviReader::readStreamList(uint64_t begin, uint64_t end, std::string& error)
   while (pos < end) {
     std::byte head[8];
     if (end - pos < 8 || !source_->read(pos, head)) {
-      error = "stray bytes at the end of a 'strl' list" + at(pos);
+      error = "stray bytes at the end of a 'strl' list" + atByte(pos);
       return false;
     }
-    const uint32_t id = u32(head), size = u32(head + 4);
+    const uint32_t id = readLe32(head), size = readLe32(head + 4);
     if (size > end - pos - 8) {
-      error = "chunk " + name(id) + at(pos) + " runs past the end of its 'strl' list";
+      error = "chunk " + name(id) + atByte(pos) + " runs past the end of its 'strl' list";
       return false;
     }
     if (id == code("strh")) {
       if (size < 56) {
-        error = "'strh'" + at(pos) + " of " + std::to_string(size) + " bytes, short of 56";
+        error = "'strh'" + atByte(pos) + " of " + std::to_string(size) + " bytes, short of 56";
         return false;
       }
       if (!source_->read(pos + 8, strh)) return false;
@@ -226,22 +219,22 @@ bool AviReader::readStreamList(uint64_t begin, uint64_t end, std::string& error)
     error = "stream " + std::to_string(streams_) + " lacks its " + (haveStrh ? "'strf'" : "'strh'");
     return false;
   }
-  if (u32(strh) != code("vids") || haveVideo_) return true;
+  if (readLe32(strh) != code("vids") || haveVideo_) return true;
   if (strf.size() < 40) {
     error = "video format ('strf') of " + std::to_string(strf.size()) + " bytes, short of a BITMAPINFOHEADER";
     return false;
   }
   haveVideo_ = true;
   video_.number = streams_;
-  video_.handler = u32(strh + 4);
-  video_.scale = u32(strh + 20);
-  video_.rate = u32(strh + 24);
-  video_.length = u32(strh + 32);
+  video_.handler = readLe32(strh + 4);
+  video_.scale = readLe32(strh + 20);
+  video_.rate = readLe32(strh + 24);
+  video_.length = readLe32(strh + 32);
   const std::byte* bi = strf.data();
-  video_.width = static_cast<int32_t>(u32(bi + 4));
-  video_.height = static_cast<int32_t>(u32(bi + 8));
+  video_.width = static_cast<int32_t>(readLe32(bi + 4));
+  video_.height = static_cast<int32_t>(readLe32(bi + 8));
   video_.bitCount = u16(bi + 14);
-  video_.compression = u32(bi + 16);
+  video_.compression = readLe32(bi + 16);
   if (streams_ > 99) {
     error = "video stream number " + std::to_string(streams_) + " has no two-digit chunk id";
     return false;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <span>
 #include <string>
@@ -10,6 +11,16 @@
 #include "platform/File.h"
 
 namespace kestrium::tools {
+
+// A little-endian word of a RIFF file, wherever it lies.
+inline uint32_t readLe32(const std::byte* p) {
+  uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+// " at byte N", for the messages that say where a file goes wrong.
+inline std::string atByte(uint64_t offset) { return " at byte " + std::to_string(offset); }
 
 // Where the bytes of a file come from: the file itself, or memory in tests.
 class ByteSource {

@@ -13,22 +13,13 @@ namespace kestrium::tools {
 
 namespace {
 
-uint32_t u32(const std::byte* p) {
-  uint32_t v;
-  std::memcpy(&v, p, 4);
-  return v;
-}
-
-std::string at(uint64_t offset) { return " at byte " + std::to_string(offset); }
-
-bool isDigit(uint32_t c) { return c >= '0' && c <= '9'; }
-
-// A stream's chunk: two digits and a kind ("dc", "db", "wb", ...).
+// A stream's chunk: two digits and a kind in two small letters ("dc", "db",
+// "wb", ...).
 std::optional<int> streamOf(uint32_t id) {
-  const uint32_t tens = id & 0xFF, ones = (id >> 8) & 0xFF;
-  const uint32_t k0 = (id >> 16) & 0xFF, k1 = (id >> 24) & 0xFF;
-  if (!isDigit(tens) || !isDigit(ones) || k0 < 'a' || k0 > 'z' || k1 < 'a' || k1 > 'z') return std::nullopt;
-  return static_cast<int>((tens - '0') * 10 + ones - '0');
+  const int stream = chunkStream(id);
+  const auto letter = [](uint32_t c) { return c >= 'a' && c <= 'z'; };
+  if (stream < 0 || !letter((id >> 16) & 0xFF) || !letter(id >> 24)) return std::nullopt;
+  return stream;
 }
 
 // Chunks the movi list holds besides the streams' own.
@@ -56,24 +47,24 @@ class AviSalvage {
   bool read(ByteSource& source, std::string& error) {
     source_ = &source;
     std::byte head[12];
-    if (!source.read(0, head) || u32(head) != fourcc("RIFF") || u32(head + 8) != fourcc("AVI ")) {
+    if (!source.read(0, head) || readLe32(head) != fourcc("RIFF") || readLe32(head + 8) != fourcc("AVI ")) {
       error = "not an AVI file";
       return false;
     }
     uint64_t pos = 12;
     const uint64_t end = source.size();
     while (pos + 8 <= end && source.read(pos, std::span(head, 8))) {
-      const uint32_t id = u32(head), size = u32(head + 4);
+      const uint32_t id = readLe32(head), size = readLe32(head + 4);
       if (id == fourcc("RIFF")) {
         // The next segment: its chunks follow its 12-byte head.
         pos += 12;
         continue;
       }
       if (id == fourcc("LIST") && pos + 12 <= end && source.read(pos + 8, std::span(head + 8, 4))) {
-        const uint32_t type = u32(head + 8);
+        const uint32_t type = readLe32(head + 8);
         if (type == fourcc("hdrl")) {
           if (pos + 8 + size > end || !readHeaders(pos + 12, pos + 8 + size, error)) {
-            if (error.empty()) error = "the header list" + at(pos) + " is cut off";
+            if (error.empty()) error = "the header list" + atByte(pos) + " is cut off";
             return false;
           }
         } else if (type == fourcc("movi")) {
@@ -106,17 +97,17 @@ class AviSalvage {
     for (uint64_t pos = begin; pos + 12 <= end;) {
       std::byte head[12];
       if (!source_->read(pos, head)) return false;
-      const uint32_t size = u32(head + 4);
-      if (u32(head) == fourcc("LIST") && u32(head + 8) == fourcc("strl")) {
+      const uint32_t size = readLe32(head + 4);
+      if (readLe32(head) == fourcc("LIST") && readLe32(head + 8) == fourcc("strl")) {
         StreamHeaders stream;
         bool haveHeader = false;
         for (uint64_t at = pos + 12; at + 8 <= pos + 8 + size;) {
           std::byte item[8];
           if (!source_->read(at, item)) return false;
-          const uint32_t itemSize = u32(item + 4);
-          if (u32(item) == fourcc("strh") && itemSize >= sizeof(AVIStreamHeader)) {
+          const uint32_t itemSize = readLe32(item + 4);
+          if (readLe32(item) == fourcc("strh") && itemSize >= sizeof(AVIStreamHeader)) {
             haveHeader = source_->read(at + 8, std::as_writable_bytes(std::span(&stream.header, 1)));
-          } else if (u32(item) == fourcc("strf") && itemSize <= 0x10000) {
+          } else if (readLe32(item) == fourcc("strf") && itemSize <= 0x10000) {
             stream.format.resize(itemSize);
             if (!source_->read(at + 8, stream.format)) return false;
           }
@@ -141,7 +132,7 @@ class AviSalvage {
     while (pos + 8 <= fileEnd) {
       std::byte head[8];
       if (!source_->read(pos, head)) break;
-      const uint32_t id = u32(head), size = u32(head + 4);
+      const uint32_t id = readLe32(head), size = readLe32(head + 4);
       // The next segment or the first one's index: the list ended here, whatever
       // size it claims (the writer patches it last).
       if (id == fourcc("RIFF") || id == fourcc("idx1")) return pos;
@@ -220,7 +211,7 @@ RepairReport repairAvi(FileSource& source, const std::filesystem::path& output) 
   if (video.format.size() >= 20) {
     std::memcpy(&width, video.format.data() + 4, 4);
     std::memcpy(&height, video.format.data() + 8, 4);
-    compression = u32(video.format.data() + 16);
+    compression = readLe32(video.format.data() + 16);
   }
   video.chunkId = compression != 0 ? fourcc("00dc") : fourcc("00db");
   uint32_t audioMask = 0;
@@ -241,7 +232,7 @@ RepairReport repairAvi(FileSource& source, const std::filesystem::path& output) 
   for (const Chunk& chunk : salvage.chunks()) {
     data.resize(chunk.size);
     if (!source.read(chunk.offset, data)) {
-      report.error = "cannot read the chunk" + at(chunk.offset);
+      report.error = "cannot read the chunk" + atByte(chunk.offset);
       avi.finalize();
       return report;
     }
@@ -346,9 +337,9 @@ RepairReport repairRecording(const std::filesystem::path& input, const std::file
   }
   std::byte head[12] = {};
   source.read(0, head);
-  if (u32(head) == fourcc("RIFF")) {
+  if (readLe32(head) == fourcc("RIFF")) {
     report = repairAvi(source, output);
-  } else if (u32(head + 4) == fourcc("ftyp")) {
+  } else if (readLe32(head + 4) == fourcc("ftyp")) {
     report = repairMp4(source, input, output);
   } else {
     report.error = "neither an AVI nor an MP4 file";

@@ -31,20 +31,15 @@ std::vector<std::byte> h264Frame(bool idr, size_t size) {
   return frame;
 }
 
-uint32_t le32(const std::vector<char>& bytes, size_t at) {
-  uint32_t v;
-  std::memcpy(&v, bytes.data() + at, 4);
-  return v;
-}
-
 // The key flags of the video entries of a file's legacy index.
 std::vector<bool> indexedKeys(const std::vector<char>& bytes) {
   std::vector<bool> keys;
+  const auto* data = reinterpret_cast<const std::byte*>(bytes.data());
   const size_t at = std::string_view(bytes.data(), bytes.size()).rfind("idx1");
   if (at == std::string_view::npos) return keys;
-  const uint32_t size = le32(bytes, at + 4);
+  const uint32_t size = tools::readLe32(data + at + 4);
   for (size_t e = at + 8; e + 16 <= at + 8 + size; e += 16) {
-    if (std::memcmp(bytes.data() + e, "00dc", 4) == 0) keys.push_back((le32(bytes, e + 4) & kAviKeyFrame) != 0);
+    if (std::memcmp(data + e, "00dc", 4) == 0) keys.push_back((tools::readLe32(data + e + 4) & kAviKeyFrame) != 0);
   }
   return keys;
 }
