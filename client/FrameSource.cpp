@@ -62,7 +62,26 @@ void PatternSource::render(uint32_t width, uint32_t height, uint32_t number, std
   }
 }
 
+void PatternSource::prepare(uint32_t frames, FrameLayout layout) {
+  const size_t frameBytes = size_t{width_} * height_ * 3;
+  const size_t fit = std::max<size_t>(kFewestFrames, kLoopBytes / std::max<size_t>(frameBytes, 1));
+  const size_t length = std::min<size_t>({kMostFrames, fit, std::max<uint32_t>(frames, 1)});
+  loop_.assign(length, std::vector<std::byte>(frameBytes));
+  loopLayout_ = layout;
+  for (uint32_t n = 0; n < length; ++n) {
+    rgb_.resize(frameBytes);
+    render(width_, height_, n, rgb_);
+    convertLayout(rgb_, width_, height_, loop_[n], layout);
+  }
+  rgb_ = {};
+}
+
 bool PatternSource::fill(uint32_t number, std::span<std::byte> out, FrameLayout layout) {
+  if (!loop_.empty() && layout.topDown == loopLayout_.topDown && layout.redFirst == loopLayout_.redFirst) {
+    const std::vector<std::byte>& frame = loop_[number % loop_.size()];
+    std::memcpy(out.data(), frame.data(), std::min(out.size(), frame.size()));
+    return true;
+  }
   if (layout.topDown && layout.redFirst) {
     render(width_, height_, number, out);
     return true;

@@ -24,13 +24,28 @@ class FrameSource {
   // Writes frame number into out (width x height x 3 bytes). False when there is
   // nothing to give.
   virtual bool fill(uint32_t number, std::span<std::byte> out, FrameLayout layout) = 0;
+  // Makes ready whatever makes feeding the frames of a recording cheap.
+  virtual void prepare(uint32_t /*frames*/, FrameLayout /*layout*/) {}
 };
 
 // A deterministic moving picture with what games have: flat areas, gradients,
-// fine detail and moving objects.
+// fine detail and moving objects. Drawing a big frame takes longer than a frame
+// lasts at 60 fps, so the frames are drawn ahead, once, in the layout the
+// encoder wants (prepare), and feeding one is a copy: frame N is the loop's
+// frame N modulo its length.
 class PatternSource : public FrameSource {
  public:
+  // The loop holds this many distinct frames at most, and no more than this
+  // many bytes when that is fewer (but never fewer than kFewestFrames).
+  static constexpr uint32_t kMostFrames = 120;
+  static constexpr uint32_t kFewestFrames = 8;
+  static constexpr size_t kLoopBytes = size_t{512} << 20;
+
   PatternSource(uint32_t width, uint32_t height) : width_(width), height_(height) {}
+  // Draws the loop for a recording of frames frames (fewer are drawn when fewer
+  // are needed) in this layout. Without it, fill draws each frame as it goes.
+  void prepare(uint32_t frames, FrameLayout layout);
+  uint32_t loopLength() const { return static_cast<uint32_t>(loop_.size()); }
   bool fill(uint32_t number, std::span<std::byte> out, FrameLayout layout) override;
 
   // The pattern's frame in rgb24, rows top-down, red first.
@@ -39,6 +54,8 @@ class PatternSource : public FrameSource {
  private:
   uint32_t width_, height_;
   std::vector<std::byte> rgb_;  // the frame before it is laid out
+  std::vector<std::vector<std::byte>> loop_;
+  FrameLayout loopLayout_;
 };
 
 // Frames read from a file of rgb24 frames (rows top-down, red first), as

@@ -306,6 +306,8 @@ class Session {
     if (!waitForRecorder()) {
       return fail("the recorder did not come up; the server's log says why", kExitRecorderDown);
     }
+    // Before the first frame is due: feeding is then a copy.
+    source_.prepare(framesToRecord(o_), layout_);
     feed();
     if (o_.noStop && !ended_) {
       // For shutdown tests: hold on to the capture until interrupted.
@@ -319,7 +321,7 @@ class Session {
       return fail("no reply to the stop command within 10 s", kExitNoReply);
     }
     if (platform::stdoutIsTerminal()) std::printf("\n");
-    std::printf("%s frames_fed=%u frames_skipped=%u\n", figures(*common_).c_str(), fed_, skipped_);
+    std::printf("%s %s\n", figures(*common_).c_str(), frameFigures().c_str());
     for (const auto& file : filesUnder(destination)) {
       if (before.count(file) == 0) std::printf("%s\n", file.string().c_str());
     }
@@ -393,9 +395,16 @@ class Session {
     }
     if (platform::stdoutIsTerminal() && now >= nextProgress_) {
       nextProgress_ = now + 0.5;
-      std::printf("\r%s frames_fed=%u frames_skipped=%u ", figures(*common_).c_str(), fed_, skipped_);
+      std::printf("\r%s %s ", figures(*common_).c_str(), frameFigures().c_str());
       std::fflush(stdout);
     }
+  }
+
+  std::string frameFigures() const {
+    char line[160];
+    std::snprintf(line, sizeof line, "frames_fed=%u frames_skipped=%u frames_late=%u frames_busy=%u", fed_, skipped_,
+                  late_, busy_);
+    return line;
   }
 
   void give(uint32_t number) {
@@ -438,9 +447,15 @@ class Session {
           platform::sleepMs(static_cast<uint32_t>(std::min<uint64_t>(left / 1000000, 5)));
         }
         actOnSchedule();
+        // A frame given more than a frame's time after it was due is the
+        // client's own delay, whatever becomes of it; a frame on time that
+        // finds the slot busy is one the server did not take in time.
+        const bool late = platform::monotonicNs() > due + static_cast<uint64_t>(1e9 / o_.fps);
+        late_ += late ? 1 : 0;
         if (loadShared(common_->sourceFree) == 0) {
           if (recorderGone()) return;
-          ++skipped_;  // due while the server was still busy with the last one
+          ++skipped_;
+          busy_ += late ? 0 : 1;
           continue;
         }
         give(number);
@@ -475,7 +490,9 @@ class Session {
   uint64_t start_ = 0;
   double nextProgress_ = 0;
   uint32_t fed_ = 0;
-  uint32_t skipped_ = 0;
+  uint32_t skipped_ = 0;  // not given: the slot was busy
+  uint32_t late_ = 0;     // given, or skipped, more than a frame's time late
+  uint32_t busy_ = 0;     // on time, and skipped: the slot was busy
   uint64_t givenAt_ = 0;
   bool ended_ = false;  // the server ended the capture
   std::optional<double> beginAfter_, pauseAt_, resumeAt_, releaseAfter_, dieAfter_;
