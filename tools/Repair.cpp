@@ -111,7 +111,7 @@ class AviSalvage {
             stream.format.resize(itemSize);
             if (!source_->read(at + 8, stream.format)) return false;
           }
-          at += 8 + itemSize + (itemSize & 1);
+          at += 8 + uint64_t{itemSize} + (itemSize & 1);
         }
         if (!haveHeader || stream.format.empty()) {
           error = "stream " + std::to_string(streams_.size()) + " lacks its header or format";
@@ -119,7 +119,8 @@ class AviSalvage {
         }
         streams_.push_back(std::move(stream));
       }
-      pos += 8 + size + (size & 1);
+      // In 64 bits: a size near 4 GB must not wrap the step to nothing.
+      pos += 8 + uint64_t{size} + (size & 1);
     }
     return true;
   }

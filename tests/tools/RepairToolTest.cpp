@@ -130,5 +130,22 @@ TEST_P(AviRepairTest, EveryWholeChunkBeforeTheCutIsKept) {
 INSTANTIATE_TEST_SUITE_P(Segments, AviRepairTest, ::testing::Values(AVIOutputFile::kSegmentLimit, 6000),
                          [](const auto& info) { return info.index == 0 ? "One" : "Many"; });
 
+// Sizes that no writer makes, where a step past a chunk must not wrap: a
+// header chunk that claims all but 8 bytes of 4 GB ends the walk, it does not
+// send it back to the same place for ever.
+TEST(AviRepairHostileTest, SizeNearFourGigabytesEndsTheWalk) {
+  const test::TempFolder folder;
+  for (const uint32_t size : {0xFFFFFFF8u, 0xFFFFFFF7u, 0xFFFFFFFFu}) {
+    std::vector<uint32_t> words = {fourcc("RIFF"), 0, fourcc("AVI "), fourcc("LIST"), 28,
+                                   fourcc("hdrl"), fourcc("JUNK"), size, 0, 0, 0, 0, 0};
+    const auto input = folder.path() / "hostile.avi";
+    std::ofstream(input, std::ios::binary)
+        .write(reinterpret_cast<const char*>(words.data()), static_cast<std::streamsize>(words.size() * 4));
+    const tools::RepairReport report = tools::repairRecording(input, folder.path() / "out.avi");
+    EXPECT_FALSE(report.ok) << size;
+    EXPECT_EQ(report.error, "no stream headers") << size;
+  }
+}
+
 }  // namespace
 }  // namespace kestrium
