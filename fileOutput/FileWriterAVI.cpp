@@ -50,7 +50,8 @@ FileWriterAVI::FileWriterAVI(bool sideTracks, float prerecordLimit, std::filesys
   takesTimeStamps_ = false;
 }
 
-FileWriterAVI::~FileWriterAVI() = default;
+// The writing thread calls this object: it ends before the object does.
+FileWriterAVI::~FileWriterAVI() { stopWriting(); }
 
 int FileWriterAVI::open() {
   gridOrigin_ = 0;

@@ -19,7 +19,8 @@ FileWriterMP4::FileWriterMP4(bool sideTracks, float prerecordLimit, std::filesys
   takesTimeStamps_ = true;
 }
 
-FileWriterMP4::~FileWriterMP4() = default;
+// The writing thread calls this object: it ends before the object does.
+FileWriterMP4::~FileWriterMP4() { stopWriting(); }
 
 std::filesystem::path FileWriterMP4::journalPath() const {
   std::filesystem::path journal = filePath_;

@@ -38,7 +38,7 @@ std::u16string dateText(const platform::LocalTime& t) {
 IFileWriter::IFileWriter(bool sideTracks, float prerecordLimit, std::filesystem::path destination)
     : sideTracks_(sideTracks), destination_(std::move(destination)), prerecordLimit_(prerecordLimit) {}
 
-IFileWriter::~IFileWriter() = default;
+IFileWriter::~IFileWriter() { stopWriting(); }
 
 void IFileWriter::setNames(std::u16string baseName, bool folderByName, bool folderByDate, uint32_t reservedFlag) {
   baseName_ = fileNamePart(baseName);
@@ -97,11 +97,25 @@ int IFileWriter::begin() {
     // Until pre-recording ends every packet goes to the list, so nothing is
     // written while the file opens and the recorder's thread never waits for it.
     if (open() == 0) return 0;
-    std::lock_guard guard(lock_);
-    opened_ = true;
-    prerecording_ = false;
-    skipToKey();
-    if (!list_.empty()) baseTime_ = list_.front().position;
+    {
+      std::lock_guard guard(lock_);
+      opened_ = true;
+      prerecording_ = false;
+      skipToKey();
+      if (!list_.empty()) baseTime_ = list_.front().position;
+      // The pre-recorded backlog is in memory already: the file may fall
+      // behind by that much more.
+      roomLimit_ = listBytes_ + behindBytes_;
+      if (!writerRunning_) {
+        stopWriter_ = false;
+        writerRunning_ = writerThread_.start([this] { writerLoop(); }, "kestrium-write");
+        if (!writerRunning_) {
+          logLine(u"[Warning] *** CAP *** No thread for writing the file: the recorder writes it and may wait "
+                  u"for the disk\n");
+        }
+      }
+    }
+    listChanged_.notify_all();
     return 1;
   }
 
@@ -127,30 +141,77 @@ int IFileWriter::begin() {
 
 void IFileWriter::writeWrapper(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position,
                                uint32_t key) {
-  std::lock_guard output(outputLock_);
   std::unique_lock guard(lock_);
-  if (!prerecording_ && list_.empty()) {
-    if (rebase_) {
-      // A new file starts its grid at the first video frame it gets; a timed
-      // packet before that has no time in it yet.
-      if (track != 0 && timed != 0) return;
-      if (track == 0) {
-        baseTime_ = position;
-        rebase_ = false;
-      }
-    }
-    guard.unlock();
-    writeDirect(data, track, timed, position, key);
+  // A disk that stays slower than the capture: the file is as far behind as it
+  // may be, and the packet waits for room.
+  listChanged_.wait(guard, [&] {
+    return prerecording_ || !writerRunning_ || list_.empty() || listBytes_ + data.size() <= roomLimit_;
+  });
+  addLocked(data, track, timed, position, key);
+  const bool here = !prerecording_ && !writerRunning_;
+  guard.unlock();
+  if (!here) {
+    listChanged_.notify_all();
     return;
   }
-  addLocked(data, track, timed, position, key);
+  // Without the writing thread the packets go to the file on this one.
+  std::lock_guard output(outputLock_);
+  std::lock_guard again(lock_);
+  while (drainOne()) {
+  }
 }
 
-void IFileWriter::writeDirect(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position,
-                              uint32_t key) {
-  if (outputFailed_) return;
-  if (timed != 0 && position < baseTime_) return;
-  write(data, track, timed, position - baseTime_, key);
+void IFileWriter::writerLoop() {
+  for (;;) {
+    {
+      std::unique_lock guard(lock_);
+      listChanged_.wait(guard, [this] { return stopWriter_ || (!prerecording_ && !list_.empty()); });
+      if (stopWriter_) return;
+    }
+    // The output first, as everyone takes them: a begin that replaces the file
+    // finds no packet half on its way.
+    std::lock_guard output(outputLock_);
+    PrerecordEntry entry;
+    bool drop = false;
+    {
+      std::lock_guard guard(lock_);
+      if (stopWriter_) return;
+      if (prerecording_ || !takeHead(entry, drop)) continue;
+      writerBusy_ = true;
+    }
+    // The packet taken has made room for one that waits.
+    listChanged_.notify_all();
+    // The write, which may wait on the disk, holds no lock that a packet takes.
+    if (!drop && !outputFailed_) {
+      write({entry.data.data(), entry.size}, entry.track, entry.timed, entry.position, entry.key);
+    }
+    {
+      std::lock_guard guard(lock_);
+      writerBusy_ = false;
+      recycle(std::move(entry.data));
+    }
+    listChanged_.notify_all();
+  }
+}
+
+void IFileWriter::stopWriting() {
+  {
+    std::lock_guard guard(lock_);
+    if (!writerRunning_) return;
+    stopWriter_ = true;
+  }
+  listChanged_.notify_all();
+  writerThread_.join(platform::kInfinite);
+  {
+    std::lock_guard guard(lock_);
+    writerRunning_ = false;
+  }
+  listChanged_.notify_all();
+}
+
+void IFileWriter::waitWritten() {
+  std::unique_lock guard(lock_);
+  listChanged_.wait(guard, [this] { return prerecording_ || !writerRunning_ || (list_.empty() && !writerBusy_); });
 }
 
 void IFileWriter::addLocked(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position,
@@ -174,7 +235,7 @@ void IFileWriter::addLocked(std::span<const std::byte> data, uint32_t track, uin
   }
 
   PrerecordEntry entry;
-  entry.data = AlignedBuffer(data.size());
+  entry.data = bufferFor(data.size());
   if (!data.empty() && entry.data.empty()) {
     const platform::MemoryStatus memory = memoryMeasure_();
     logLine(u"[Error]   Error allocation pre-recording buffer\n");
@@ -187,25 +248,77 @@ void IFileWriter::addLocked(std::span<const std::byte> data, uint32_t track, uin
   entry.timed = timed;
   entry.position = position;
   entry.key = key;
+  listBytes_ += entry.size;
   list_.push_back(std::move(entry));
   if (track == 0) ++videoEntries_;
+}
 
-  // After begin each packet that joins the list takes two from its head: the
-  // backlog shrinks by one a packet, in order, without a pause.
-  if (!prerecording_ && !list_.empty() && drainOne()) drainOne();
+AlignedBuffer IFileWriter::bufferFor(size_t size) {
+  if (size == 0) return {};
+  for (auto spare = spares_.begin(); spare != spares_.end(); ++spare) {
+    if (spare->size() >= size) {
+      AlignedBuffer buffer = std::move(*spare);
+      spares_.erase(spare);
+      return buffer;
+    }
+  }
+  // Rounded up, so that a buffer serves the next frames too, whose sizes vary.
+  constexpr size_t kGrain = size_t{64} << 10;
+  return AlignedBuffer((size + kGrain - 1) / kGrain * kGrain);
+}
+
+void IFileWriter::recycle(AlignedBuffer buffer) {
+  if (buffer.empty()) return;
+  if (spares_.size() < kSpares) {
+    spares_.push_back(std::move(buffer));
+    return;
+  }
+  // Full: the larger buffers stay, which serve any frame.
+  auto smallest = std::min_element(spares_.begin(), spares_.end(),
+                                   [](const AlignedBuffer& a, const AlignedBuffer& b) { return a.size() < b.size(); });
+  if (smallest->size() < buffer.size()) *smallest = std::move(buffer);
+}
+
+bool IFileWriter::takeHead(PrerecordEntry& entry, bool& drop) {
+  if (list_.empty()) return false;
+  entry = std::move(list_.front());
+  popOldest();
+  drop = false;
+  if (rebase_) {
+    // A new file starts its grid at the first video frame it gets; a timed
+    // packet before that has no time in it yet.
+    if (entry.track != 0 && entry.timed != 0) {
+      drop = true;
+      return true;
+    }
+    if (entry.track == 0) {
+      baseTime_ = entry.position;
+      rebase_ = false;
+    }
+  }
+  drop = entry.timed != 0 && entry.position < baseTime_;
+  entry.position -= baseTime_;
+  return true;
 }
 
 bool IFileWriter::drainOne() {
-  if (list_.empty()) return false;
-  const PrerecordEntry& head = list_.front();
-  writeDirect({head.data.data(), head.size}, head.track, head.timed, head.position, head.key);
-  popOldest();
+  PrerecordEntry entry;
+  bool drop = false;
+  if (!takeHead(entry, drop)) return false;
+  if (!drop && !outputFailed_) {
+    write({entry.data.data(), entry.size}, entry.track, entry.timed, entry.position, entry.key);
+  }
+  recycle(std::move(entry.data));
   return !list_.empty();
 }
 
 void IFileWriter::popOldest() {
   if (list_.empty()) return;
   if (list_.front().track == 0) --videoEntries_;
+  listBytes_ -= list_.front().size;
+  // What leaves the window of a pre-recording (or the list, written) holds the
+  // next packet: a frame costs a copy, not an allocation and its page faults.
+  recycle(std::move(list_.front().data));
   list_.pop_front();
 }
 
@@ -227,35 +340,32 @@ void IFileWriter::skipToKey() {
     popOldest();
   }
   if (!list_.empty()) {
+    for (const PrerecordEntry& e : kept) listBytes_ += e.size;
     list_.insert(list_.begin() + 1, std::make_move_iterator(kept.begin()), std::make_move_iterator(kept.end()));
   }
 }
 
 void IFileWriter::finish(bool deleteFiles) {
-  std::lock_guard begin(beginLock_);
-  std::lock_guard output(outputLock_);
   {
-    std::lock_guard guard(lock_);
-    // Without an open file there is nowhere to write the backlog to.
-    if (!deleteFiles && opened_) {
-      while (drainOne()) {
+    std::lock_guard begin(beginLock_);
+    std::lock_guard output(outputLock_);
+    {
+      std::lock_guard guard(lock_);
+      // Without an open file there is nowhere to write the backlog to.
+      if (!deleteFiles && opened_) {
+        while (drainOne()) {
+        }
       }
+      while (!list_.empty()) popOldest();
     }
-    while (!list_.empty()) popOldest();
+    if (!idle_) close(deleteFiles);
   }
-  if (idle_) return;
-  close(deleteFiles);
+  stopWriting();
 }
 
-uint64_t IFileWriter::bytesWritten() {
-  std::lock_guard output(outputLock_);
-  return bytesWritten_;
-}
+uint64_t IFileWriter::bytesWritten() { return bytesWritten_; }
 
-float IFileWriter::recordedSeconds() {
-  std::lock_guard output(outputLock_);
-  return recordedSeconds_;
-}
+float IFileWriter::recordedSeconds() { return recordedSeconds_; }
 
 uint32_t IFileWriter::baseTime() {
   std::lock_guard guard(lock_);

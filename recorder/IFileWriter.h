@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <filesystem>
@@ -17,6 +18,7 @@
 #include "fileOutput/WaveFormat.h"
 #include "platform/Clock.h"
 #include "platform/System.h"
+#include "platform/Thread.h"
 #include "videoEncoder/BitmapInfoHeader.h"
 
 namespace kestrium {
@@ -32,12 +34,21 @@ struct PrerecordEntry {
 };
 
 // The base of the recording outputs. It keeps the facts of the capture, builds
-// the output path, owns the side audio tracks, and holds the pre-recording list:
-// a sliding window of the last seconds of packets, kept in memory until the user
-// asks for the recording, then written out ahead of new packets without stalling
-// the recorder's thread. Subclasses write the container.
+// the output path, owns the side audio tracks, and holds the list of packets:
+// while pre-recording, a sliding window of the last seconds, kept in memory
+// until the user asks for the recording; from then on the packets on their way
+// to the file. A thread of the writer's own writes them, in order, so that the
+// recorder's thread, which takes the client's frames, never waits on the disk
+// (a parallel writer can hold a write up for tens of milliseconds). Subclasses
+// write the container, on that thread.
 class IFileWriter {
  public:
+  // How far the file may fall behind the capture, in bytes of packets not yet
+  // written (beyond a pre-recorded backlog), before a new packet waits for the
+  // disk: the list's memory stays bounded when the disk is slower than the
+  // capture for long.
+  static constexpr size_t kBehindBytes = size_t{64} << 20;
+
   using Clock = std::function<platform::LocalTime()>;
   using MemoryMeasure = std::function<platform::MemoryStatus()>;
 
@@ -88,6 +99,10 @@ class IFileWriter {
   // deleteFiles everything is thrown away.
   void finish(bool deleteFiles);
 
+  // Returns once every packet given so far has reached the subclass (or was
+  // dropped on its way); at once while pre-recording.
+  void waitWritten();
+
   // The length of the list, for the client's figures.
   float bufferedSeconds();
 
@@ -107,10 +122,11 @@ class IFileWriter {
   // holds is all there will be.
   bool outputFailed() const { return outputFailed_; }
 
-  // For tests: the clock of the path's time stamp and the memory measure of the
-  // pre-recording rule.
+  // For tests: the clock of the path's time stamp, the memory measure of the
+  // pre-recording rule, and how far the file may fall behind (before begin).
   void setClock(Clock clock) { clock_ = std::move(clock); }
   void setMemoryMeasure(MemoryMeasure measure) { memoryMeasure_ = std::move(measure); }
+  void setBehindLimit(size_t bytes) { behindBytes_ = bytes; }
 
  protected:
   void openSideTracks();
@@ -118,6 +134,9 @@ class IFileWriter {
   // The subclass names the path it really used (a taken name gets a number).
   void setPath(std::filesystem::path path) { path_ = std::move(path); }
   void markOutputFailed() { outputFailed_ = true; }
+  // Ends the writing thread, leaving what it had not written. A subclass calls
+  // it first in its destructor: the thread calls the subclass.
+  void stopWriting();
 
   bool takesTimeStamps_ = false;
   uint32_t width_ = 0;
@@ -132,24 +151,47 @@ class IFileWriter {
   uint32_t encoderValue_ = 0;
   uint16_t audioConfiguration_ = 0;
   std::vector<std::unique_ptr<IAudioWriter>> sideWriters_;  // null for a track that failed
-  uint64_t bytesWritten_ = 0;
-  float recordedSeconds_ = -1.0f;
+  // Written by the writing thread, read for the client's figures at any time.
+  std::atomic<uint64_t> bytesWritten_{0};
+  std::atomic<float> recordedSeconds_{-1.0f};
   uint32_t frameCounters_[3] = {0, 0, 0};
 
   void addLocked(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position, uint32_t key);
+  // Takes the list's head for the file (lock_ held): false when there is none.
+  // Its position comes out relative to the base time; drop says that it has
+  // no place in the file.
+  bool takeHead(PrerecordEntry& entry, bool& drop);
+  // A buffer of at least size bytes, a spare one where there is one (lock_ held).
+  AlignedBuffer bufferFor(size_t size);
+  // Keeps a buffer that is no longer needed for the next packets (lock_ held).
+  void recycle(AlignedBuffer buffer);
+  // Writes the list's head (lock_ and outputLock_ held); false when the list is empty.
   bool drainOne();
   void popOldest();
   void skipToKey();
-  void writeDirect(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position, uint32_t key);
+  void writerLoop();
 
   std::deque<PrerecordEntry> list_;
+  size_t listBytes_ = 0;
+  // Buffers of packets gone, for the packets to come: a few, the largest.
+  static constexpr size_t kSpares = 4;
+  std::vector<AlignedBuffer> spares_;
   // Lock order: beginLock_, outputLock_, lock_. beginLock_ keeps two begins (the
   // client's and a delayed one) apart; outputLock_ is held for every write and
   // while begin replaces the output, so no packet reaches a closed file; lock_
-  // guards the list, the pre-recording flag and the base time.
+  // guards the list, the pre-recording flag, the base time and the writing
+  // thread's state. A packet that comes takes lock_ alone, briefly: never a
+  // lock that a write holds.
   std::mutex beginLock_;
   std::mutex outputLock_;
   std::mutex lock_;
+  std::condition_variable listChanged_;  // a packet came, one was written, or the thread is to end
+  platform::Thread writerThread_;
+  bool writerRunning_ = false;
+  bool stopWriter_ = false;
+  bool writerBusy_ = false;  // the thread writes a packet it took from the list
+  size_t behindBytes_ = kBehindBytes;
+  size_t roomLimit_ = kBehindBytes;
   std::atomic<bool> prerecording_{true};
   bool opened_ = false;  // begin opened the file
   bool rebase_ = false;  // the next video frame starts the grid of a new file

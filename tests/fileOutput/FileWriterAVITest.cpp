@@ -208,13 +208,16 @@ INSTANTIATE_TEST_SUITE_P(Files, ReadByFfmpegTest,
 TEST_F(FileWriterAVITest, GapsInFrameNumbersBecomeEmptyFrames) {
   auto writer = begin(16, 8, 30000, 0);
   for (uint32_t number : {0u, 1u, 5u}) writer->writeWrapper(bitmapFrame(16, 8, number), 0, 0, number, 1);
+  writer->waitWritten();
   EXPECT_EQ(writer->framesWritten(), 3u);
   EXPECT_EQ(writer->emptyFramesWritten(), 2u);
   EXPECT_EQ(writer->gridPosition(), 5u);
   writer->writeWrapper(bitmapFrame(16, 8, 9), 0, 0, 4, 1);  // behind the grid
+  writer->waitWritten();
   EXPECT_EQ(writer->emptyFramesWritten(), 2u);
   EXPECT_EQ(writer->gridPosition(), 6u);
   for (uint32_t f = 6; f < 75; ++f) writer->writeWrapper(bitmapFrame(16, 8, f), 0, 0, f, 1);
+  writer->waitWritten();
   EXPECT_FLOAT_EQ(writer->recordedSeconds(), 2.0f) << "75 frames at 30 fps: whole seconds";
   writer->finish(false);
 
@@ -246,6 +249,7 @@ TEST_F(FileWriterAVITest, H264FramesTimedInMillisecondsTakeTheirGridPlaces) {
   // at 100 ms (place 3), so three empty frames follow it, as for any late frame.
   const std::vector<std::byte> frame(10, std::byte{0x42});
   for (uint32_t ms : {0u, 33u, 67u, 100u, 267u, 300u}) writer->writeWrapper(frame, 0, 1, ms, ms == 0 ? 1 : 0);
+  writer->waitWritten();
   EXPECT_EQ(writer->framesWritten(), 6u);
   EXPECT_EQ(writer->emptyFramesWritten(), 3u);
   EXPECT_EQ(writer->gridPosition(), 9u);

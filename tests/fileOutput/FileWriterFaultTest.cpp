@@ -184,7 +184,9 @@ TEST_P(FullVolumeTest, FullVolumeEndsTheFileReadably) {
   uint32_t written = 0;
   const auto writeUntilFailure = [&](size_t bytes) {
     for (uint32_t f = 0; f < 100000 && !w->outputFailed(); ++f) {
+      // Each frame to the file before the next: the count is of those that got there.
       w->writeWrapper(frame(written, bytes), 0, 0, written, 1);
+      w->waitWritten();
       if (!w->outputFailed()) ++written;
     }
   };
@@ -192,6 +194,7 @@ TEST_P(FullVolumeTest, FullVolumeEndsTheFileReadably) {
     // Many small frames make an index larger than any room a failed write can
     // give back; another file then takes all the room there is.
     for (; written < 1000; ++written) w->writeWrapper(frame(written, 200), 0, 0, written, 1);
+    w->waitWritten();
     std::ofstream filler(volume / "filler", std::ios::binary);
     const std::vector<char> block(4096, 'x');
     while (filler.write(block.data(), static_cast<std::streamsize>(block.size())) && filler.flush()) {

@@ -224,6 +224,7 @@ INSTANTIATE_TEST_SUITE_P(
 class SideTrackOutput : public IFileWriter {
  public:
   using IFileWriter::IFileWriter;
+  ~SideTrackOutput() override { stopWriting(); }
   int write(std::span<const std::byte> data, uint32_t track, uint32_t, uint32_t, uint32_t) override {
     if (track >= 1 && track <= sideWriters_.size() && sideWriters_[track - 1]) sideWriters_[track - 1]->write(data);
     return 1;

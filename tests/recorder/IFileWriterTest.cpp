@@ -1,5 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "recorder/IFileWriter.h"
@@ -21,10 +26,12 @@ struct Written {
 class RecordingWriter : public IFileWriter {
  public:
   using IFileWriter::IFileWriter;
+  ~RecordingWriter() override { stopWriting(); }
 
   int write(std::span<const std::byte> data, uint32_t track, uint32_t timed, uint32_t position, uint32_t key) override {
     uint32_t payload = 0;
     std::memcpy(&payload, data.data(), std::min<size_t>(4, data.size()));
+    if (onWrite) onWrite();
     writes.push_back({track, timed, position, key, payload});
     return 1;
   }
@@ -34,6 +41,7 @@ class RecordingWriter : public IFileWriter {
   }
   void close(bool discard) override { closes.push_back(discard); }
 
+  std::function<void()> onWrite;  // called in each write, on the writing thread
   std::vector<Written> writes;
   int opens = 0;
   int openResult = 1;
@@ -86,45 +94,74 @@ TEST_F(IFileWriterTest, ZeroLimitKeepsOnePacket) {
 }
 
 // The file starts at the first key frame of the list, whose time becomes the
-// base; timed packets from before it are dropped as the list drains, untimed
-// ones are not, and the order of arrival is kept.
-TEST_F(IFileWriterTest, BeginStartsAtTheFirstKeyFrameAndDrainsInOrder) {
+// base; timed packets from before it are dropped on their way to the file,
+// untimed ones are not, and the order of arrival is kept, backlog first.
+TEST_F(IFileWriterTest, BeginStartsAtTheFirstKeyFrameAndWritesInOrder) {
   auto w = make(100.0f);
   put(*w, 1, 1, 1, 0);       // audio, dropped by the skip
   put(*w, 2, 0, 1, 10);      // video, not a key frame
   put(*w, 3, 1, 1, 20);
   put(*w, 4, 0, 1, 40, 1);   // the first key frame: base time 40
-  put(*w, 5, 1, 1, 30);      // timed audio before the base: dropped on drain
+  put(*w, 5, 1, 1, 30);      // timed audio before the base: dropped
   put(*w, 6, 1, 0, 35);      // untimed, before the base: kept
   put(*w, 7, 0, 1, 70);
   put(*w, 8, 1, 1, 60);
   ASSERT_EQ(w->begin(), 1);
   EXPECT_EQ(w->baseTime(), 40u);
   EXPECT_FALSE(w->prerecording());
-  EXPECT_EQ(w->listSize(), 5u);
-
-  // Each new packet joins the tail and takes two from the head.
-  put(*w, 9, 0, 1, 100);
-  EXPECT_EQ(w->listSize(), 4u);
-  put(*w, 10, 1, 1, 90);
-  EXPECT_EQ(w->listSize(), 3u);
-  put(*w, 11, 0, 1, 133);
-  put(*w, 12, 0, 1, 166);
-  put(*w, 13, 0, 1, 200);
+  for (uint32_t n = 9; n <= 14; ++n) put(*w, n, n == 10 ? 1 : 0, 1, 100 + (n - 9) * 33);
+  put(*w, 15, 1, 1, 39);  // timed and before the base: dropped
+  w->waitWritten();
   EXPECT_EQ(w->listSize(), 0u);
-  put(*w, 14, 0, 1, 233);  // straight to the file now
 
   std::vector<uint32_t> order;
   for (const auto& written : w->writes) order.push_back(written.payload);
   EXPECT_EQ(order, (std::vector<uint32_t>{4, 6, 7, 8, 9, 10, 11, 12, 13, 14}));
   EXPECT_EQ(w->writes[0], (Written{0, 1, 0, 1, 4}));
   EXPECT_EQ(w->writes[2], (Written{0, 1, 30, 0, 7}));
-  EXPECT_EQ(w->writes.back().position, 193u);
-
-  put(*w, 15, 1, 1, 39);  // timed and before the base on the direct path: dropped
-  EXPECT_EQ(w->writes.back().payload, 14u);
+  EXPECT_EQ(w->writes.back().position, 225u);
   w->finish(false);
   EXPECT_EQ(w->closes, std::vector<bool>{false});
+}
+
+// A write that waits on the disk holds up no packet that comes meanwhile,
+// unless the file is already as far behind as it may be: then the packet waits
+// for room, and the list's memory stays bounded. Everything reaches the file,
+// in order, once the disk goes on.
+TEST_F(IFileWriterTest, SlowDiskHoldsUpNoPacketUntilTheFileIsTooFarBehind) {
+  auto w = make(100.0f);
+  constexpr size_t kPacket = 1000;
+  w->setBehindLimit(5 * kPacket);
+  std::mutex disk;
+  std::unique_lock held(disk);  // the disk hangs
+  w->onWrite = [&disk] { std::lock_guard wait(disk); };
+  const auto putBig = [&w](uint32_t number) {
+    std::vector<std::byte> data(kPacket);
+    std::memcpy(data.data(), &number, 4);
+    w->writeWrapper(data, 0, 0, number, 1);
+  };
+  putBig(0);
+  ASSERT_EQ(w->begin(), 1);
+  // The thread has taken packet 0 and waits in its write; six more fit.
+  for (uint32_t n = 1; n <= 6; ++n) putBig(n);
+  std::atomic<uint32_t> given{6};
+  std::thread game([&] {
+    for (uint32_t n = 7; n <= 9; ++n) {
+      putBig(n);
+      given = n;
+    }
+  });
+  for (int i = 0; i < 200 && w->listSize() < 6; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(given, 6u) << "a packet beyond the limit waits for the disk";
+  EXPECT_EQ(w->listSize(), 6u);
+  held.unlock();
+  game.join();
+  w->waitWritten();
+  std::vector<uint32_t> order;
+  for (const auto& written : w->writes) order.push_back(written.payload);
+  EXPECT_EQ(order, (std::vector<uint32_t>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
+  w->finish(false);
 }
 
 TEST_F(IFileWriterTest, ListWithoutAKeyFrameIsEmptiedAndTheBaseStays) {
@@ -134,6 +171,7 @@ TEST_F(IFileWriterTest, ListWithoutAKeyFrameIsEmptiedAndTheBaseStays) {
   EXPECT_EQ(w->listSize(), 0u);
   EXPECT_EQ(w->baseTime(), 0u);
   put(*w, 9, 0, 0, 60, 1);
+  w->waitWritten();
   ASSERT_EQ(w->writes.size(), 1u);
   EXPECT_EQ(w->writes[0].position, 60u);
 }
