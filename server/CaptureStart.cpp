@@ -28,6 +28,9 @@ constexpr uint32_t kMostThreads = 64;
 // Far above any client's rate (thousandths of a frame per second); a rate
 // beyond it only makes every grid computation overflow.
 constexpr uint32_t kFastestRate = 1000 * 1000;
+// Far above any rate of AAC or MP3, and low enough that bits per second fit
+// the encoders' integers.
+constexpr uint32_t kHighestAudioKbps = 4096;
 // What one encoder worker holds per pixel: the source copy (3 bytes), the
 // largest encoded frame (4) and the encoder's own planes; plus the two shared
 // slots of the capture (4 each).
@@ -90,6 +93,10 @@ bool acceptable(const StartParameters& p) {
   }
   if (p.threads > kMostThreads) {
     logLine(u"[Error]   *** CAP *** %u encoder threads are more than %u\n", p.threads, kMostThreads);
+    return false;
+  }
+  if (p.audioEncoding != 0 && p.audioBitrate > kHighestAudioKbps) {
+    logLine(u"[Error]   *** CAP *** Audio bit rate %u kbps is above %u kbps\n", p.audioBitrate, kHighestAudioKbps);
     return false;
   }
   if (!(p.prerecordLimit >= 0.0f)) {

@@ -15,6 +15,7 @@
 #include "tests/audio/SoundServer.h"
 #include "tests/e2e/E2ESupport.h"
 #include "tests/e2e/ServerHarness.h"
+#include "tools/AviReader.h"
 
 namespace kestrium::test {
 namespace {
@@ -25,11 +26,6 @@ struct RepairCase {
 };
 void PrintTo(const RepairCase& c, std::ostream* os) { *os << c.container; }
 
-uint32_t le32(const std::vector<char>& bytes, size_t at) {
-  uint32_t v;
-  std::memcpy(&v, bytes.data() + at, 4);
-  return v;
-}
 
 // The frames and audio chunks wholly in a killed server's file.
 struct OnDisk {
@@ -43,7 +39,7 @@ OnDisk aviOnDisk(const std::filesystem::path& file) {
   const std::string_view text(bytes.data(), bytes.size());
   OnDisk found;
   for (size_t at = text.find("movi") + 4; at + 8 <= bytes.size();) {
-    const uint32_t size = le32(bytes, at + 4);
+    const uint32_t size = tools::readLe32(reinterpret_cast<const std::byte*>(text.data() + at + 4));
     if (at + 8 + size > bytes.size()) break;
     if (text.substr(at, 4) == "00dc") ++found.video;
     if (text.substr(at + 2, 2) == "wb") ++found.audio;

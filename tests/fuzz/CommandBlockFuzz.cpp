@@ -3,7 +3,8 @@
 // Every command must be answered, and nothing may read or write outside what
 // the block holds. Starts find no objects of their capture (none are made
 // here), so they are refused after their fields have been read, checked and
-// logged; the other commands name captures that do not run.
+// logged, or run (their files go to a scratch folder); the other commands name
+// captures that run or do not.
 //
 // Input: the command block's bytes (shorter inputs are padded with zeros).
 
@@ -19,6 +20,7 @@
 #include "server/CommandChannel.h"
 #include "server/Dispatcher.h"
 #include "server/Log.h"
+#include "tests/fuzz/FuzzSupport.h"
 
 namespace {
 
@@ -47,6 +49,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::memset(block.get(), 0, sizeof(CommandBlock));
   std::memcpy(block.get(), data, std::min(size, sizeof(CommandBlock)));
   block->replyWanted = 1;
+  // A start can succeed (its capture's objects are made as it opens them):
+  // its files go to the scratch folder, never where a mutated path points. A
+  // folder that is no full path stays, for the server to refuse.
+  if (block->command == kCommandStart && block->start.destinationFolder[0] == u'/') {
+    setWireString(block->start.destinationFolder, fuzz::scratchFolder().u16string());
+  }
   const SendResult result = sendCommand(*block, 10000);
   if (result != SendResult::Replied) {
     std::fprintf(stderr, "command %u got no reply (%d)\n", block->command, static_cast<int>(result));
