@@ -160,12 +160,13 @@ if wanted asan; then
 fi
 
 if wanted tsan; then
-  # Only the video encoder suite: its H.264 encoders run three threads around
-  # one frame slot and a driver's queues, where a missed ordering shows first.
+  # The suites whose threads hand data to each other: the H.264 encoders run
+  # three threads around one frame slot and a driver's queues, and the file
+  # writer's thread takes the packets the recorder's thread queues.
   run "tsan: build" bash -c "cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRIUM_TSAN=ON \
-    >/dev/null && cmake --build build-tsan -j $jobs --target video_encoder_tests"
+    >/dev/null && cmake --build build-tsan -j $jobs --target video_encoder_tests recorder_tests"
   run_tests "tsan: tests" "$root/build-tsan/test-tmp" env TSAN_OPTIONS=halt_on_error=1 \
-    ctest --test-dir build-tsan -j "$jobs" --output-on-failure -R 'Nvenc|X264|H264|QuickSync|Amd'
+    ctest --test-dir build-tsan -j "$jobs" --output-on-failure -R 'Nvenc|X264|H264|QuickSync|Amd|IFileWriter'
 fi
 
 if wanted fuzz; then

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -132,9 +131,10 @@ TEST_F(IFileWriterTest, SlowDiskHoldsUpNoPacketUntilTheFileIsTooFarBehind) {
   auto w = make(100.0f);
   constexpr size_t kPacket = 1000;
   w->setBehindLimit(5 * kPacket);
-  std::mutex disk;
-  std::unique_lock held(disk);  // the disk hangs
-  w->onWrite = [&disk] { std::lock_guard wait(disk); };
+  std::atomic<bool> diskGoesOn{false};  // until then the disk hangs
+  w->onWrite = [&diskGoesOn] {
+    while (!diskGoesOn) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  };
   const auto putBig = [&w](uint32_t number) {
     std::vector<std::byte> data(kPacket);
     std::memcpy(data.data(), &number, 4);
@@ -155,7 +155,7 @@ TEST_F(IFileWriterTest, SlowDiskHoldsUpNoPacketUntilTheFileIsTooFarBehind) {
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_EQ(given, 6u) << "a packet beyond the limit waits for the disk";
   EXPECT_EQ(w->listSize(), 6u);
-  held.unlock();
+  diskGoesOn = true;
   game.join();
   w->waitWritten();
   std::vector<uint32_t> order;
