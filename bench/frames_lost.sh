@@ -4,7 +4,9 @@
 # itself (frames_late) apart from the frames that were on time and found the
 # server still busy with the one before (frames_busy, the server's share).
 #
-#   bench/frames_lost.sh [--seconds S] [--runs N] [--build DIR]
+#   bench/frames_lost.sh [--seconds S] [--runs N] [--build DIR] [--server PATH]
+#
+# --server runs another build's server (to compare two) with this build's client.
 #
 # Scenarios: 1920x1080 at 60 fps idle, while another process writes 6 GB to the
 # disk the recording goes to, and while two busy loops hold both cores; and
@@ -12,18 +14,20 @@
 # (default 30); the table gives the median run (by frames lost) of each.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-seconds=30 runs=3 build="$root/build"
+seconds=30 runs=3 build="$root/build" server_binary=""
 while (($#)); do
   case "$1" in
     --seconds) seconds=$2; shift ;;
     --runs) runs=$2; shift ;;
     --build) build=$2; shift ;;
-    *) echo "usage: $0 [--seconds S] [--runs N] [--build DIR]" >&2; exit 2 ;;
+    --server) server_binary=$2; shift ;;
+    *) echo "usage: $0 [--seconds S] [--runs N] [--build DIR] [--server PATH]" >&2; exit 2 ;;
   esac
   shift
 done
 bin="$build/bin"
-[[ -x $bin/kestriumcapture && -x $bin/kestrium-client ]] || { echo "$0: build first (scripts/build.sh)" >&2; exit 2; }
+server_binary=${server_binary:-$bin/kestriumcapture}
+[[ -x $server_binary && -x $bin/kestrium-client ]] || { echo "$0: build first (scripts/build.sh)" >&2; exit 2; }
 
 # The recordings go where the parallel writer writes: the same disk.
 work=$(mktemp -d "${TMPDIR:-/var/tmp}/kestrium-frames-lost.XXXXXX")
@@ -39,7 +43,7 @@ finish() {
 }
 trap finish EXIT
 
-"$bin/kestriumcapture" >/dev/null 2>&1 &
+"$server_binary" >/dev/null 2>&1 &
 server=$!
 for _ in $(seq 200); do "$bin/kestrium-client" features >/dev/null 2>&1 && break; sleep 0.05; done
 
