@@ -54,7 +54,8 @@ bool FileSource::read(uint64_t offset, std::span<std::byte> out) {
 
 bool MemorySource::read(uint64_t offset, std::span<std::byte> out) {
   if (offset > bytes_.size() || out.size() > bytes_.size() - offset) return false;
-  std::memcpy(out.data(), bytes_.data() + offset, out.size());
+  // An empty span may have no data at all, which memcpy must not be given.
+  if (!out.empty()) std::memcpy(out.data(), bytes_.data() + offset, out.size());
   return true;
 }
 
