@@ -8,6 +8,7 @@
 #include "fileOutput/MP4Container.h"
 #include "fileOutput/Mp4Journal.h"
 #include "tools/AviReader.h"
+#include "videoEncoder/BitmapInfoHeader.h"
 
 namespace kestrium::tools {
 
@@ -197,6 +198,13 @@ RepairReport repairAvi(FileSource& source, const std::filesystem::path& output) 
     report.error = "more streams than an AVI of ours holds";
     return report;
   }
+  // Players read the picture's size and code from it: a file made without
+  // one whole would be no AVI anyone reads.
+  if (streams[0].format.size() < sizeof(BitmapInfoHeader)) {
+    report.error = "the video stream's format ('strf') of " + std::to_string(streams[0].format.size()) +
+                   " bytes is short of a BITMAPINFOHEADER";
+    return report;
+  }
 
   AVIOutputFile avi;
   if (avi.initOutputStreams() == 0) {
@@ -209,11 +217,9 @@ RepairReport repairAvi(FileSource& source, const std::filesystem::path& output) 
   video.format = streams[0].format;
   uint32_t compression = 0;
   int32_t width = 0, height = 0;
-  if (video.format.size() >= 20) {
-    std::memcpy(&width, video.format.data() + 4, 4);
-    std::memcpy(&height, video.format.data() + 8, 4);
-    compression = readLe32(video.format.data() + 16);
-  }
+  std::memcpy(&width, video.format.data() + 4, 4);
+  std::memcpy(&height, video.format.data() + 8, 4);
+  compression = readLe32(video.format.data() + 16);
   video.chunkId = compression != 0 ? fourcc("00dc") : fourcc("00db");
   uint32_t audioMask = 0;
   for (size_t i = 1; i < streams.size(); ++i) {
