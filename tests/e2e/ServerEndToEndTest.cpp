@@ -9,6 +9,17 @@
 #include "server/CommandChannel.h"
 #include "tests/e2e/ServerHarness.h"
 
+#ifndef _WIN32
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/posix/KernelObject.h"
+#endif
+
 namespace kestrium::test {
 namespace {
 
@@ -129,6 +140,60 @@ TEST_F(ServerEndToEndTest, KilledServerLeavesNothingThatBlocksTheNext) {
   EXPECT_EQ(harness.client({"stop", "nosuch"}), 0);
   EXPECT_NE(harness.log().find("Cannot find recorder to delete nosuch"), std::string::npos);
   shutDown(second);
+}
+
+// Another user of the machine can neither command our server nor touch its
+// objects: their client finds no server (the names it looks for are its own
+// user's), and every object of ours in /dev/shm is ours alone.
+TEST_F(ServerEndToEndTest, AnotherUserIsLockedOut) {
+#ifdef _WIN32
+  GTEST_SKIP() << "Windows keeps named objects per session";
+#else
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+  constexpr uid_t kNobody = 65534;
+  platform::ChildProcess server = harness.startServer();
+  std::string out;
+  const int sent = runTool("/usr/bin/setpriv", {"--reuid=65534", "--regid=65534", "--clear-groups",
+                                                harness.binary(KESTRIUM_CLIENT).string(), "send", "9"},
+                           out);
+  // 126 and 127: the other user may not even run our build (a checkout in a
+  // folder that is its owner's alone); the objects are checked all the same.
+  if (sent != 126 && sent != 127) {
+    EXPECT_EQ(sent, 3) << out;
+  }
+  EXPECT_EQ(harness.log().find("Unknown dispatcher command"), std::string::npos) << harness.log();
+
+  const std::string prefix = platform::posix::namespaceLockName().substr(1);
+  std::vector<std::string> ours;
+  for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+    if (!entry.path().filename().string().starts_with(prefix)) continue;
+    ours.push_back(entry.path().string());
+    struct stat st {};
+    ASSERT_EQ(lstat(ours.back().c_str(), &st), 0) << ours.back();
+    EXPECT_EQ(st.st_mode & 07777, 0600u) << ours.back();
+    EXPECT_EQ(st.st_uid, 0u) << ours.back();
+  }
+  EXPECT_GE(ours.size(), 4u) << "the command block, its events and its mutex";
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    if (setgid(kNobody) != 0 || setuid(kNobody) != 0) _exit(2);
+    int opened = 0;
+    for (const auto& file : ours) {
+      const int fd = open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+      opened += fd >= 0 || errno != EACCES;
+    }
+    _exit(opened == 0 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "another user opened one of our objects";
+
+  EXPECT_EQ(harness.client({"send", "9"}), 0) << harness.clientOutput;
+  EXPECT_NE(harness.log().find("[Warning] *** CAP *** Unknown dispatcher command 9\r\n"), std::string::npos);
+  shutDown(server);
+#endif
 }
 
 TEST_F(ServerEndToEndTest, StartWithoutInteractiveSwitchKeepsTheLog) {

@@ -1,0 +1,84 @@
+// The replay buffer used over and over, as a player does all evening: a capture
+// starts in pre-recording, the player presses record, the capture stops. Every
+// file starts on a key frame with its sound from the first picture, and the
+// server's memory stays level from cycle 10 on. 20 cycles, 1000 with
+// KESTRIUM_LONG_TESTS.
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <optional>
+#include <sstream>
+
+#include "tests/audio/SoundServer.h"
+#include "tests/e2e/E2ESupport.h"
+#include "tests/e2e/ServerHarness.h"
+
+namespace kestrium::test {
+namespace {
+
+class ReplayBufferTest : public ServerTest {
+ protected:
+  void SetUp() override {
+    if (!haveTools()) GTEST_SKIP() << "no ffprobe";
+    if (!sound_.up()) GTEST_SKIP() << sound_.why();
+    ServerTest::SetUp();
+  }
+  SoundServer sound_;
+};
+
+TEST_F(ReplayBufferTest, CyclesKeepMemoryLevelAndEveryFileStartsWhole) {
+  const int cycles = platform::environmentVariable("KESTRIUM_LONG_TESTS") ? 1000 : 20;
+  // Sound flowing from the device before the first capture: an idle sink of
+  // a fresh sound server gives its first data late. The cycles record the
+  // silence after it.
+  sound_.play("game", 2, 1000, 1.0);
+  const uint64_t began = platform::monotonicNs();
+  std::optional<uint64_t> residentAt10;
+  for (int cycle = 1; cycle <= cycles && !HasFailure(); ++cycle) {
+    SCOPED_TRACE("cycle " + std::to_string(cycle));
+    // A key frame a second: the press after 1.5 s keeps the second before it,
+    // which begins between two key frames.
+    ASSERT_EQ(harness.client({"record", "--dir", dir().string(), "--encoder", "h264.x264", "--size", "320x180",
+                              "--fps", "30", "--prerecord", "1", "--begin-after", "1.5", "--seconds", "2.2", "--audio",
+                              sound_.playback("Game Audio"), "--aac", "128"}),
+              0)
+        << harness.clientOutput << harness.log();
+    const auto files = filesIn(harness.clientOutput);
+    ASSERT_EQ(files.size(), 1u) << harness.clientOutput;
+    std::string flags, starts;
+    runTool(KESTRIUM_FFPROBE,
+            {"-v", "error", "-select_streams", "v:0", "-read_intervals", "%+#1", "-show_entries", "packet=flags",
+             "-of", "csv=p=0", files[0].string()},
+            flags);
+    EXPECT_EQ(flags.substr(0, 1), "K") << "the file starts with a key frame: " << flags;
+    runTool(KESTRIUM_FFPROBE,
+            {"-v", "error", "-show_entries", "stream=codec_type,start_time", "-of", "csv=p=0", files[0].string()},
+            starts);
+    std::optional<double> video, audio;
+    std::istringstream lines(starts);
+    for (std::string line; std::getline(lines, line);) {
+      const size_t comma = line.find(',');
+      if (comma != std::string::npos) (line.starts_with("video") ? video : audio) = std::stod(line.substr(comma + 1));
+    }
+    ASSERT_TRUE(video && audio) << starts;
+    EXPECT_LE(*audio, *video + 1.0 / 30) << "the sound starts with the first picture: " << starts;
+    std::filesystem::remove(files[0]);
+    if (cycle == 10) residentAt10 = processStatus(server_.id(), "VmRSS");
+  }
+  const std::optional<uint64_t> residentAtEnd = processStatus(server_.id(), "VmRSS");
+  std::printf("replay buffer: %d cycles in %.0f s, resident memory after cycle 10: %llu kB, at the end: %llu kB\n",
+              cycles, double(platform::monotonicNs() - began) / 1e9,
+              static_cast<unsigned long long>(residentAt10.value_or(0)),
+              static_cast<unsigned long long>(residentAtEnd.value_or(0)));
+  // Under the sanitizers freed memory waits in quarantine: its level says nothing.
+#if !defined(__SANITIZE_ADDRESS__)
+  if (residentAt10 && residentAtEnd) {
+    // 5 %, and a megabyte for the allocator's own moods over a short run.
+    EXPECT_LE(*residentAtEnd, *residentAt10 + *residentAt10 / 20 + 1024) << "the server's memory grows with cycles";
+  }
+#endif
+}
+
+}  // namespace
+}  // namespace kestrium::test
