@@ -53,6 +53,11 @@ TEST(SoakTest, FourCapturesKeepMemoryLevelAndEveryFileWhole) {
   RtmpServer rtmp;
   ASSERT_TRUE(rtmp.start()) << rtmp.why();
   ServerHarness harness;
+  // Under AddressSanitizer freed memory waits in a quarantine of 256 MB, which
+  // this load fills in some two minutes: a small one fills within the first.
+  if (const auto asan = platform::environmentVariable("ASAN_OPTIONS")) {
+    platform::setEnvironmentVariable("ASAN_OPTIONS", *asan + u":quarantine_size_mb=16");
+  }
   platform::ChildProcess server = harness.startServer();
   const std::optional<uint64_t> idleThreads = settledThreads(server.id());
   ASSERT_TRUE(idleThreads.has_value());
@@ -103,8 +108,9 @@ TEST(SoakTest, FourCapturesKeepMemoryLevelAndEveryFileWhole) {
     EXPECT_GT(framesEncoded(log, c.name), 0) << c.name;
   }
 
-  // After the first minute, whatever the server holds it holds from then on:
-  // a leak of a frame's worth per second would show here tenfold.
+  // After the first minute the server holds what it holds from then on, but
+  // for the files' indexes, which grow with the recording (well under 64
+  // bytes a frame): a leak of a frame's worth a second would show tenfold.
   if (longRun) {
     const auto minute = std::find_if(samples.begin(), samples.end(), [](const Sample& s) { return s.second >= 60; });
     ASSERT_NE(minute, samples.end());
@@ -112,7 +118,9 @@ TEST(SoakTest, FourCapturesKeepMemoryLevelAndEveryFileWhole) {
         std::max_element(minute, samples.end(), [](const Sample& a, const Sample& b) {
           return a.residentKb < b.residentKb;
         })->residentKb;
-    EXPECT_LE(highest, minute->residentKb + minute->residentKb / 20) << "resident memory after the first minute grows";
+    const uint64_t indexesKb = captures.size() * uint64_t{seconds - minute->second} * 30 * 64 / 1024;
+    EXPECT_LE(highest, minute->residentKb + minute->residentKb / 20 + indexesKb)
+        << "resident memory after the first minute grows";
   }
   EXPECT_EQ(threadsAfterSettling(server.id(), idleThreads, 5000), idleThreads) << "every capture's threads end";
 
