@@ -20,6 +20,8 @@
 namespace kestrium::test {
 namespace {
 
+#ifndef _WIN32
+
 struct Sample {
   uint32_t second;
   uint64_t residentKb;
@@ -37,6 +39,8 @@ void expectDecodes(const std::filesystem::path& file) {
   EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", file.string(), "-f", "null", "-"}, out), 0) << out;
   EXPECT_EQ(out, "") << file;
 }
+
+#endif
 
 TEST(SoakTest, FourCapturesKeepMemoryLevelAndEveryFileWhole) {
 #ifdef _WIN32
