@@ -71,8 +71,11 @@ flaky="$logs/flaky.txt"
 ctest_rerun() {
   local dir=$1
   shift
-  "$@" && return 0
   local list="$dir/Testing/Temporary/LastTestsFailed.log"
+  # A list from an earlier run must not pass for this one's: ctest leaves it
+  # as it was when it is stopped before it writes its own.
+  rm -f "$list"
+  "$@" && return 0
   [[ -s $list ]] || return 1
   local first
   first=$(sed 's/^[0-9]*://' "$list")
