@@ -13,6 +13,8 @@ packages=(
   libvpl-dev libva-dev
   # tests and benchmarks, and the independent readers that check our files
   googletest libgtest-dev libgmock-dev libbenchmark-dev ffmpeg sox libsox-fmt-mp3
+  # the count of test code against product code that test.sh prints
+  python3
   # the fuzz targets: clang with libFuzzer and the sanitizers' runtimes
   clang libclang-rt-14-dev
   # a real sound server for the audio tests: a PulseAudio daemon with null sinks
