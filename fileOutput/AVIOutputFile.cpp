@@ -148,6 +148,9 @@ void AVIOutputFile::patch32(int64_t at, uint32_t v) {
 
 int AVIOutputFile::init(const std::filesystem::path& fileName, uint32_t width, uint32_t height, int hasVideo,
                         uint32_t audioMask, uint32_t bufferSize, int interleaved) {
+  // Streams that were never made refuse the file before it is created: a refused
+  // init leaves nothing on the disk.
+  if (!video_) return 0;
   platform::File file;
   if (!file.open(fileName, platform::File::Mode::CreateAlways, platform::File::Share::Exclusive)) {
     // The path comes from the client: a folder that cannot be made refuses this
