@@ -65,6 +65,66 @@ class Failures {
   std::vector<Failure> list_;
 };
 
+// What every fake keeps of the calls it is made: the log, the rules broken, the
+// failures a test set up, and the clip it answers with. A fake's world derives
+// from it, so a reset starts them over.
+struct Journal {
+  std::vector<AccessUnit> clip;
+  Failures failures;
+  std::string log, violations;
+  std::string logCopy, violationsCopy;  // what the test was last handed
+
+  // Logs the call and tells whether the test made it fail this time.
+  std::optional<int> enter(const char* call) {
+    log += call;
+    log += '\n';
+    return failures.take(call);
+  }
+  // Records a rule broken, and answers the status the call returns for it.
+  template <typename R>
+  R rule(const char* call, const std::string& what, R status) {
+    violations += std::string(call) + ": " + what + '\n';
+    return status;
+  }
+  void fail(const char* call, int status, int occurrence) {
+    if (call && occurrence >= 0) failures.add(call, status, occurrence);
+  }
+  void addAccessUnit(const uint8_t* annexB, size_t size) { clip.emplace_back(annexB, annexB + (annexB ? size : 0)); }
+  const char* callLog() {
+    logCopy = log;
+    return logCopy.c_str();
+  }
+};
+
+// The record of picture index for the test, 1; or 0 when there is none.
+template <typename Records, typename Picture>
+int pictureAt(const Records& records, int index, Picture* out) {
+  if (index < 0 || static_cast<size_t>(index) >= records.size() || !out) return 0;
+  *out = records[static_cast<size_t>(index)].picture;
+  return 1;
+}
+
+template <typename T>
+std::string num(T id) {
+  return "#" + std::to_string(id);
+}
+
+// The first NAL unit of that type in an access unit, behind a 4-byte start
+// code (the zero byte of a following 4-byte one left off); empty if none.
+inline AccessUnit findNal(const AccessUnit& unit, int type) {
+  auto startCode = [&](size_t i) { return i + 2 < unit.size() && !unit[i] && !unit[i + 1] && unit[i + 2] == 1; };
+  for (size_t i = 0; i + 3 < unit.size(); ++i) {
+    if (!startCode(i) || (unit[i + 3] & 0x1F) != type) continue;
+    size_t end = i + 3;
+    while (end < unit.size() && !startCode(end)) ++end;
+    while (end < unit.size() && end > i + 3 && !unit[end - 1]) --end;
+    AccessUnit nal{0, 0, 0, 1};
+    nal.insert(nal.end(), &unit[i + 3], unit.data() + end);
+    return nal;
+  }
+  return {};
+}
+
 // The access units of an Annex B stream, each from its delimiter (NAL type 9,
 // with the leading zero of a 4-byte start code) to the next.
 inline std::vector<AccessUnit> accessUnitsOf(const std::vector<uint8_t>& stream) {

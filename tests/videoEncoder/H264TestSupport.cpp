@@ -37,8 +37,9 @@ Units nalUnits(const Bytes& annexB) { return nalUnits(std::as_bytes(std::span(an
 
 Units lengthPrefixedUnits(const Bytes& frame) {
   Units units;
-  for (size_t at = 0; at + 4 <= frame.size();) {
-    const size_t n = (size_t{frame[at]} << 24) | (size_t{frame[at + 1]} << 16) | (frame[at + 2] << 8) | frame[at + 3];
+  for (size_t at = 0; at < frame.size();) {
+    const size_t n = at + 4 > frame.size() ? 0 : (size_t{frame[at]} << 24) | (size_t{frame[at + 1]} << 16) |
+                                                     (frame[at + 2] << 8) | frame[at + 3];
     if (n == 0 || at + 4 + n > frame.size()) {
       ADD_FAILURE() << "a unit of " << n << " bytes at " << at << " of " << frame.size();
       break;
@@ -84,19 +85,30 @@ std::vector<std::string> decodedFrameSums(const std::filesystem::path& stream) {
   return sums;
 }
 
-void expectDecodesToTheClip(const std::filesystem::path& stream, const Bytes& parameterSets,
-                            const std::vector<EncodedFrame>& frames) {
-  if (std::string(KESTRIUM_FFMPEG).empty()) return;
-  {
-    std::ofstream file(stream, std::ios::binary);
-    file.write(reinterpret_cast<const char*>(parameterSets.data()), static_cast<std::streamsize>(parameterSets.size()));
-    for (const EncodedFrame& f : frames) {
-      for (const Bytes& nal : lengthPrefixedUnits(f.bytes)) {
-        file.write("\0\0\0\1", 4);
-        file.write(reinterpret_cast<const char*>(nal.data()), static_cast<std::streamsize>(nal.size()));
-      }
+Bytes annexBStream(const std::vector<std::byte>& sps, const std::vector<std::byte>& pps,
+                   const std::vector<EncodedFrame>& frames) {
+  Bytes out;
+  for (const auto* set : {&sps, &pps}) {
+    for (std::byte b : *set) out.push_back(std::to_integer<uint8_t>(b));
+  }
+  for (const EncodedFrame& f : frames) {
+    for (const Bytes& nal : lengthPrefixedUnits(f.bytes)) {
+      out.insert(out.end(), {0, 0, 0, 1});
+      out.insert(out.end(), nal.begin(), nal.end());
     }
   }
+  return out;
+}
+
+void writeFile(const std::filesystem::path& path, const Bytes& bytes) {
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+void expectDecodesToTheClip(const std::filesystem::path& stream, const std::vector<std::byte>& sps,
+                            const std::vector<std::byte>& pps, const std::vector<EncodedFrame>& frames) {
+  if (std::string(KESTRIUM_FFMPEG).empty()) return;
+  writeFile(stream, annexBStream(sps, pps, frames));
   const std::vector<std::string> delivered = decodedFrameSums(stream);
   const std::vector<std::string> original = decodedFrameSums(clipPath());
   ASSERT_EQ(original.size(), clipUnits().size());

@@ -5,7 +5,10 @@
 // ahead of each frame, an IDR frame every ten), and the ways to look at what an
 // encoder delivered.
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <ostream>
 #include <filesystem>
 #include <span>
 #include <string>
@@ -39,11 +42,17 @@ Bytes packedNv12(const Bytes& rgb, uint32_t width, uint32_t height);
 // Per-frame MD5 sums of ffmpeg's decoding of an H.264 stream.
 std::vector<std::string> decodedFrameSums(const std::filesystem::path& stream);
 
-// Writes the parameter sets (Annex B, start codes included) and the delivered
-// frames as one Annex B stream, decodes it with ffmpeg, and expects frame i to
-// be the clip's picture i modulo its length.
-void expectDecodesToTheClip(const std::filesystem::path& stream, const Bytes& parameterSets,
-                            const std::vector<EncodedFrame>& frames);
+// The stream a decoder takes: the parameter sets (Annex B), then every unit of
+// every delivered frame behind a 4-byte start code instead of its length. A
+// length that runs past its frame fails the test.
+Bytes annexBStream(const std::vector<std::byte>& sps, const std::vector<std::byte>& pps,
+                   const std::vector<EncodedFrame>& frames);
+void writeFile(const std::filesystem::path& path, const Bytes& bytes);
+
+// Writes that stream, decodes it with ffmpeg, and expects frame i to be the
+// clip's picture i modulo its length.
+void expectDecodesToTheClip(const std::filesystem::path& stream, const std::vector<std::byte>& sps,
+                            const std::vector<std::byte>& pps, const std::vector<EncodedFrame>& frames);
 
 // The options of a capture of that size at 30 fps, Main profile, 2000 kbit/s,
 // with more of them after.
@@ -72,5 +81,46 @@ class HardwareEncoderTest : public LoggedTest {
   std::vector<Bytes> sources_;
   std::vector<uint32_t> positions_;
 };
+
+// A hardware encoder and its fake driver, for the suite that every one of them
+// runs (HardwareEncoderTest.cpp); each encoder's file instantiates it.
+struct HardwareDriver {
+  std::u16string_view encoder;
+  void (*useFake)();  // the fakes as they start, answering with the clip, in place of the driver
+  int (*probe)();     // the server's probe that an encoder needs before it opens, or null
+  const char* (*violations)();
+  void (*fail)(const char* call, int status, int occurrence);
+  int (*pictureCount)();
+  // The driver's picture i: its pixels packed as packedNv12 packs them, and its time stamp.
+  void (*picture)(int i, uint32_t width, uint32_t height, Bytes& nv12, uint64_t& stamp);
+  uint64_t stampsPerMs;     // the unit of the driver's time stamps; 0: it takes none
+  const char* refusedLine;  // the log's line for a capture the driver refused
+  // What else the driver must have been told of the frames recorded, or null.
+  void (*moreChecks)(uint32_t width, uint32_t height, uint32_t frames);
+  int (*idrPictures)();  // IDR pictures coded so far, where the encoder chooses them; or null
+};
+
+// A case of the suite: a driver, a picture size, and a call made to fail.
+struct HardwareCase {
+  const char* name;
+  const HardwareDriver* driver;
+  uint32_t width = 642, height = 362;
+  const char* call = nullptr;
+  int status = 0, occurrence = 1;
+  const char* line = nullptr;   // that the log must hold
+  void (*arrange)() = nullptr;  // another way the driver is set up
+};
+inline void PrintTo(const HardwareCase& c, std::ostream* os) { *os << c.name; }
+inline std::string caseName(const ::testing::TestParamInfo<HardwareCase>& info) { return info.param.name; }
+
+class HardwareConformanceTest : public HardwareEncoderTest, public ::testing::WithParamInterface<HardwareCase> {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+  const HardwareDriver& driver() const { return *GetParam().driver; }
+};
+class HardwareEncodeTest : public HardwareConformanceTest {};
+class HardwareSetupFailureTest : public HardwareConformanceTest {};
+class HardwareFrameFailureTest : public HardwareConformanceTest {};
 
 }  // namespace kestrium::test

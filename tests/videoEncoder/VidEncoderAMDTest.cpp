@@ -18,6 +18,10 @@ namespace {
 
 using test::Bytes;
 using test::clipUnits;
+using test::HardwareCase;
+using test::HardwareEncodeTest;
+using test::HardwareFrameFailureTest;
+using test::HardwareSetupFailureTest;
 
 constexpr const char16_t* kName = u"h264.amdvce";
 
@@ -25,22 +29,68 @@ void setVariable(std::string_view name, const std::string& value) {
   platform::setEnvironmentVariable(name, platform::toUtf16(value));
 }
 
+const test::HardwareDriver kDriver{
+    kName,
+    [] {
+      FakeVa_Reset();
+      setVariable("KESTRIUM_LIB_VA", KESTRIUM_FAKE_VA);
+      setVariable("KESTRIUM_LIB_VA_DRM", KESTRIUM_FAKE_VA);
+      setVariable("KESTRIUM_RENDER_NODE", "/dev/null");
+      for (const Bytes& unit : clipUnits()) FakeVa_AddAccessUnit(unit.data(), unit.size());
+    },
+    probeAmdEncoder,
+    FakeVa_Violations,
+    FakeVa_Fail,
+    FakeVa_PictureCount,
+    [](int i, uint32_t width, uint32_t height, Bytes& nv12, uint64_t&) {
+      FakeVaPicture got{};
+      ASSERT_EQ(FakeVa_Picture(i, &got), 1);
+      // The surface has whole blocks of rows; its chroma starts after all of them.
+      for (uint32_t y = 0; y < height + height / 2; ++y) {
+        const size_t row = y < height ? y : got.height + (y - height);
+        nv12.insert(nv12.end(), got.nv12 + row * got.width, got.nv12 + row * got.width + width);
+      }
+    },
+    0,
+    "[Error]   *** AMD_VCE *** Cannot initialize AMD VCE Encoder\r\n",
+    // The encoder makes its own parameters: an IDR picture a second, with the
+    // sequence, frame numbers from it, IDR pictures in a row told apart.
+    [](uint32_t width, uint32_t height, uint32_t frames) {
+      VAEncSequenceParameterBufferH264 sequence{};
+      ASSERT_EQ(FakeVa_Sequence(&sequence), 1);
+      EXPECT_EQ(sequence.picture_width_in_mbs, (width + 15) / 16);
+      EXPECT_EQ(sequence.picture_height_in_mbs, (height + 15) / 16);
+      EXPECT_EQ(sequence.frame_crop_right_offset, ((width + 15) / 16 * 16 - width) / 2);
+      EXPECT_EQ(sequence.frame_crop_bottom_offset, ((height + 15) / 16 * 16 - height) / 2);
+      std::vector<FakeVaPicture> got(frames);
+      for (uint32_t i = 0; i < frames; ++i) {
+        ASSERT_EQ(FakeVa_Picture(static_cast<int>(i), &got[i]), 1);
+        const bool idr = i % 30 == 0;
+        EXPECT_EQ(got[i].picture.pic_fields.bits.idr_pic_flag, idr ? 1u : 0u) << "frame " << i;
+        EXPECT_EQ(got[i].sequenceSent, idr ? 1 : 0) << "frame " << i;
+        EXPECT_EQ(got[i].picture.frame_num, i % 30) << "frame " << i;
+      }
+      EXPECT_NE(got[0].slice.idr_pic_id, got[30].slice.idr_pic_id) << "IDR pictures in a row are told apart";
+    },
+    [] {
+      int idr = 0;
+      for (int i = 0; i < FakeVa_PictureCount(); ++i) {
+        FakeVaPicture got{};
+        FakeVa_Picture(i, &got);
+        idr += got.picture.pic_fields.bits.idr_pic_flag;
+      }
+      return idr;
+    }};
+
 class AmdTest : public test::HardwareEncoderTest {
  protected:
   void SetUp() override {
     HardwareEncoderTest::SetUp();
-    useFake();
+    kDriver.useFake();
   }
   void TearDown() override {
     EXPECT_STREQ(FakeVa_Violations(), "") << "the driver's rules are kept and nothing is left alive";
     HardwareEncoderTest::TearDown();
-  }
-  static void useFake() {
-    FakeVa_Reset();
-    setVariable("KESTRIUM_LIB_VA", KESTRIUM_FAKE_VA);
-    setVariable("KESTRIUM_LIB_VA_DRM", KESTRIUM_FAKE_VA);
-    setVariable("KESTRIUM_RENDER_NODE", "/dev/null");
-    for (const Bytes& unit : clipUnits()) FakeVa_AddAccessUnit(unit.data(), unit.size());
   }
   uint32_t featureWord() { return loadShared(features().amdVce); }
   // An encoder on the GPU the probe found.
@@ -88,77 +138,50 @@ TEST_F(AmdTest, WithoutLibvaTheProbeWritesNothingSaysNothingAndTheEncoderOpensNo
   storeShared(features().amdVce, 0u);
   EXPECT_EQ(probeAmdEncoder(), 0);
   EXPECT_EQ(log().find("AMD"), std::string::npos);
-  useFake();
+  kDriver.useFake();
   test::EncodedSlotConsumer consumer(u"cap", 64, 64);
   EXPECT_EQ(openEncoder(kName, test::h264Options(64, 64)), nullptr);
   EXPECT_STREQ(FakeVa_CallLog(), "") << "no driver call without the probe's word";
   EXPECT_EQ(log().find("AMD"), std::string::npos) << "the probe has said why";
 }
 
-// --- encoding ---------------------------------------------------------------------
+// --- the suite every hardware encoder runs ------------------------------------------
 
-struct SizeCase {
-  const char* name;
-  uint32_t width, height;
-};
-void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.name; }
+INSTANTIATE_TEST_SUITE_P(Amd, HardwareEncodeTest,
+                         ::testing::Values(HardwareCase{"Laptop1366x768", &kDriver, 1366, 768},
+                                           HardwareCase{"Odd642x362", &kDriver, 642, 362}),
+                         test::caseName);
 
-class AmdEncodeTest : public AmdTest, public ::testing::WithParamInterface<SizeCase> {};
-
-TEST_P(AmdEncodeTest, TheGpusFramesReachTheRecorderWithTheHeadersCaughtFromTheFirst) {
-  const auto [name, width, height] = GetParam();
-  const test::Units& clip = clipUnits();
-  constexpr uint32_t kFrames = 32;  // an IDR frame a second at 30 fps: the second one too
-  test::EncodedSlotConsumer consumer(u"cap", width, height);
-  auto encoder = probeAndOpen(test::h264Options(width, height));
-  ASSERT_NE(encoder, nullptr) << log();
-  EXPECT_EQ(encoder->HeadersAfterFirstFrame(), 1);
-  EXPECT_TRUE(encoder->GetStreamHeader().empty()) << "known only after the first frame";
-  const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, width, height, kFrames, kFrames);
-  ASSERT_EQ(taken.size(), kFrames);
-  for (uint32_t i = 0; i < kFrames; ++i) {
-    const Bytes& unit = clip[i % clip.size()];
-    EXPECT_EQ(test::lengthPrefixedUnits(taken[i].bytes), test::nalUnits(unit))
-        << "frame " << i << ": every unit, the parameter sets too";
-    EXPECT_EQ(taken[i].key, test::holdsIdr(unit) ? 1u : 0u) << "frame " << i;
-    EXPECT_EQ(taken[i].position, positions_[i]);
-  }
-  const std::optional<ParameterSets> sets = findParameterSets(std::as_bytes(std::span(clip[0])));
-  ASSERT_TRUE(sets.has_value());
-  EXPECT_EQ(encoder->GetStreamHeader(), avcConfigurationRecord(sets->sps, sets->pps));
-
-  VAEncSequenceParameterBufferH264 sequence{};
-  ASSERT_EQ(FakeVa_Sequence(&sequence), 1);
-  EXPECT_EQ(sequence.picture_width_in_mbs, (width + 15) / 16);
-  EXPECT_EQ(sequence.picture_height_in_mbs, (height + 15) / 16);
-  EXPECT_EQ(sequence.frame_crop_right_offset, ((width + 15) / 16 * 16 - width) / 2);
-  EXPECT_EQ(sequence.frame_crop_bottom_offset, ((height + 15) / 16 * 16 - height) / 2);
-  ASSERT_EQ(FakeVa_PictureCount(), static_cast<int>(kFrames));
-  for (uint32_t i = 0; i < kFrames; ++i) {
-    FakeVaPicture got{};
-    ASSERT_EQ(FakeVa_Picture(static_cast<int>(i), &got), 1);
-    const bool idr = i % 30 == 0;
-    EXPECT_EQ(got.picture.pic_fields.bits.idr_pic_flag, idr ? 1u : 0u) << "frame " << i;
-    EXPECT_EQ(got.sequenceSent, idr ? 1 : 0) << "frame " << i;
-    EXPECT_EQ(got.picture.frame_num, i % 30) << "frame " << i;
-    Bytes surface;
-    // The surface has whole blocks of rows; its chroma starts after all of them.
-    for (uint32_t y = 0; y < height + height / 2; ++y) {
-      const size_t row = y < height ? y : got.height + (y - height);
-      surface.insert(surface.end(), got.nv12 + row * got.width, got.nv12 + row * got.width + width);
-    }
-    ASSERT_EQ(surface, test::packedNv12(sources_[i], width, height)) << "surface of frame " << i;
-  }
-  FakeVaPicture first{}, second{};
-  ASSERT_EQ(FakeVa_Picture(0, &first), 1);
-  ASSERT_EQ(FakeVa_Picture(30, &second), 1);
-  EXPECT_NE(first.slice.idr_pic_id, second.slice.idr_pic_id) << "IDR pictures in a row are told apart";
-  test::expectDecodesToTheClip(folder_.path() / "delivered.h264", {}, taken);
+HardwareCase failing(const char* call, int status, int occurrence, const char* line) {
+  return {call, &kDriver, 642, 362, call, status, occurrence, line};
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, AmdEncodeTest,
-                         ::testing::Values(SizeCase{"Laptop1366x768", 1366, 768}, SizeCase{"Odd642x362", 642, 362}),
-                         [](const ::testing::TestParamInfo<SizeCase>& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Amd, HardwareSetupFailureTest,
+    ::testing::Values(
+        failing("vaGetConfigAttributes", VA_STATUS_ERROR_ALLOCATION_FAILED, 1,
+                "[Error]   *** AMD_VCE *** vaGetConfigAttributes failed: "),
+        failing("vaCreateConfig", VA_STATUS_ERROR_ALLOCATION_FAILED, 1,
+                "[Error]   *** AMD_VCE *** vaCreateConfig failed: "),
+        failing("vaCreateSurfaces", VA_STATUS_ERROR_ALLOCATION_FAILED, 1,
+                "[Error]   *** AMD_VCE *** vaCreateSurfaces failed: "),
+        failing("vaCreateContext", VA_STATUS_ERROR_ALLOCATION_FAILED, 1,
+                "[Error]   *** AMD_VCE *** vaCreateContext failed: "),
+        failing("vaCreateBuffer", VA_STATUS_ERROR_ALLOCATION_FAILED, 1,
+                "[Error]   *** AMD_VCE *** vaCreateBuffer failed: ")),
+    test::caseName);
+
+// The call on the third frame.
+INSTANTIATE_TEST_SUITE_P(
+    Amd, HardwareFrameFailureTest,
+    ::testing::Values(
+        failing("vaDeriveImage", VA_STATUS_ERROR_OPERATION_FAILED, 3,
+                "[Error]   *** AMD_VCE *** vaDeriveImage failed: "),
+        failing("vaEndPicture", VA_STATUS_ERROR_OPERATION_FAILED, 3,
+                "[Error]   *** AMD_VCE *** vaEndPicture failed: "),
+        failing("vaSyncSurface", VA_STATUS_ERROR_OPERATION_FAILED, 3,
+                "[Error]   *** AMD_VCE *** vaSyncSurface failed: ")),
+    test::caseName);
 
 TEST_F(AmdTest, AGpuWithoutTheAskedProfileCodesInTheNearestItHas) {
   const VAProfile high = VAProfileH264High;
@@ -277,77 +300,6 @@ INSTANTIATE_TEST_SUITE_P(
         ParameterCase{"SmallBaselineLowRate", 642, 362, "0", "30000", 500, VAProfileH264ConstrainedBaseline, false,
                       30 | (1 << 16), 30, 30}),
     [](const ::testing::TestParamInfo<ParameterCase>& info) { return std::string(info.param.name); });
-
-// --- failures ------------------------------------------------------------------------
-
-struct SetupFailure {
-  const char* call;
-  int occurrence;
-};
-void PrintTo(const SetupFailure& c, std::ostream* os) { *os << c.call; }
-
-class AmdSetupFailureTest : public AmdTest, public ::testing::WithParamInterface<SetupFailure> {};
-
-TEST_P(AmdSetupFailureTest, TheCaptureIsRefusedWithAReasonNothingStaysAliveAndTheNextOneRecords) {
-  const SetupFailure& c = GetParam();
-  probeAmdEncoder();
-  {
-    test::EncodedSlotConsumer consumer(u"cap", 642, 362);
-    FakeVa_Fail(c.call, VA_STATUS_ERROR_ALLOCATION_FAILED, c.occurrence);
-    EXPECT_EQ(openEncoder(kName, test::h264Options(642, 362)), nullptr);
-  }
-  const std::string text = log();
-  EXPECT_NE(text.find(std::string("[Error]   *** AMD_VCE *** ") + c.call + " failed: "), std::string::npos) << text;
-  EXPECT_NE(text.find("[Error]   *** AMD_VCE *** Cannot initialize AMD VCE Encoder\r\n"), std::string::npos) << text;
-  EXPECT_STREQ(FakeVa_Violations(), "") << "every object made before the failure is gone";
-
-  useFake();
-  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
-  auto encoder = openEncoder(kName, test::h264Options(642, 362));
-  ASSERT_NE(encoder, nullptr) << "the next capture opens";
-  EXPECT_EQ(record(*encoder, consumer, 642, 362, 5, 5).size(), 5u);
-}
-
-INSTANTIATE_TEST_SUITE_P(Driver, AmdSetupFailureTest,
-                         ::testing::Values(SetupFailure{"vaGetConfigAttributes", 1}, SetupFailure{"vaCreateConfig", 1},
-                                           SetupFailure{"vaCreateSurfaces", 1}, SetupFailure{"vaCreateContext", 1},
-                                           SetupFailure{"vaCreateBuffer", 1}),
-                         [](const ::testing::TestParamInfo<SetupFailure>& info) { return std::string(info.param.call); });
-
-struct FrameFailure {
-  const char* call;
-  int occurrence;  // the call on the third frame
-};
-void PrintTo(const FrameFailure& c, std::ostream* os) { *os << c.call; }
-
-class AmdFrameFailureTest : public AmdTest, public ::testing::WithParamInterface<FrameFailure> {};
-
-TEST_P(AmdFrameFailureTest, AFrameTheDriverRefusesIsLostAndTheNextStartsAfresh) {
-  const FrameFailure& c = GetParam();
-  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
-  auto encoder = probeAndOpen(test::h264Options(642, 362));
-  ASSERT_NE(encoder, nullptr) << log();
-  FakeVa_Fail(c.call, VA_STATUS_ERROR_OPERATION_FAILED, c.occurrence);
-  const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, 642, 362, 10, 9);
-  ASSERT_EQ(taken.size(), 9u);
-  for (size_t i = 0; i < taken.size(); ++i) EXPECT_EQ(taken[i].position, positions_[i < 2 ? i : i + 1]);
-  EXPECT_NE(log().find(std::string("[Error]   *** AMD_VCE *** ") + c.call + " failed: "), std::string::npos)
-      << log();
-  // The first picture and the one after the loss are IDR pictures: a lost
-  // picture is no reference.
-  int idrPictures = 0;
-  for (int i = 0; i < FakeVa_PictureCount(); ++i) {
-    FakeVaPicture got{};
-    ASSERT_EQ(FakeVa_Picture(i, &got), 1);
-    idrPictures += got.picture.pic_fields.bits.idr_pic_flag;
-  }
-  EXPECT_EQ(idrPictures, 2);
-}
-
-INSTANTIATE_TEST_SUITE_P(Driver, AmdFrameFailureTest,
-                         ::testing::Values(FrameFailure{"vaDeriveImage", 3}, FrameFailure{"vaEndPicture", 3},
-                                           FrameFailure{"vaSyncSurface", 3}),
-                         [](const ::testing::TestParamInfo<FrameFailure>& info) { return std::string(info.param.call); });
 
 }  // namespace
 }  // namespace kestrium

@@ -27,40 +27,50 @@ namespace kestrium {
 namespace {
 
 using test::Bytes;
-using test::Units;
 using test::clipUnits;
-using test::holdsIdr;
-using test::lengthPrefixedUnits;
-using test::nalUnits;
-
-OptionList options(uint32_t width, uint32_t height, OptionList more = {}) {
-  return test::h264Options(width, height, std::move(more));
-}
+using test::HardwareCase;
+using test::HardwareEncodeTest;
+using test::HardwareFrameFailureTest;
+using test::HardwareSetupFailureTest;
 
 bool sameGuid(const GUID& a, const GUID& b) { return std::memcmp(&a, &b, sizeof(GUID)) == 0; }
+
+// The fake as it starts, answering with the clip, in place of both libraries.
+const test::HardwareDriver kDriver{
+    u"h264.nvenc",
+    [] {
+      FakeNv_Reset();
+      for (auto library : {platform::VendorLibrary::Cuda, platform::VendorLibrary::Nvenc}) {
+        // Windows finds the DLL beside the test program; dlopen wants the path.
+        platform::setEnvironmentVariable(platform::vendorLibraryEntry(library).overrideVariable,
+                                         platform::toUtf16(KESTRIUM_FAKE_NVENC));
+      }
+      for (const Bytes& unit : clipUnits()) FakeNv_AddAccessUnit(unit.data(), unit.size());
+    },
+    probeNvencDevices,
+    FakeNv_Violations,
+    FakeNv_Fail,
+    FakeNv_PictureCount,
+    [](int i, uint32_t, uint32_t, Bytes& nv12, uint64_t& stamp) {
+      FakeNvPicture got{};
+      ASSERT_EQ(FakeNv_Picture(i, &got), 1);
+      nv12.assign(got.nv12, got.nv12 + got.nv12Size);
+      stamp = got.inputTimeStamp;
+    },
+    1,
+    "[Error]   Cannot initialize NV Encoder\r\n",
+    nullptr,
+    nullptr};
 
 class NvencTest : public test::HardwareEncoderTest {
  protected:
   void SetUp() override {
     HardwareEncoderTest::SetUp();
-    useFake();
-  }
-  // The fake as it starts, answering with the clip, in place of both libraries.
-  static void useFake() {
-    FakeNv_Reset();
-    for (auto library : {platform::VendorLibrary::Cuda, platform::VendorLibrary::Nvenc}) {
-      platform::setEnvironmentVariable(platform::vendorLibraryEntry(library).overrideVariable, fakePath());
-    }
-    for (const Bytes& unit : clipUnits()) FakeNv_AddAccessUnit(unit.data(), unit.size());
+    kDriver.useFake();
   }
   void TearDown() override {
     EXPECT_STREQ(FakeNv_Violations(), "") << "the driver's rules are kept and nothing is left open";
     HardwareEncoderTest::TearDown();
-  }
-
-  static std::u16string fakePath() {
-    // Windows finds the DLL beside the test program; dlopen wants the path.
-    return platform::toUtf16(KESTRIUM_FAKE_NVENC);
   }
   uint32_t featureWord() { return loadShared(features().nvenc); }
   static std::unique_ptr<IVidEncoder> openEncoder(const OptionList& o) {
@@ -164,65 +174,10 @@ TEST_F(NvencTest, WithoutAUsableCardTheEncoderOpensNothing) {
   probeNvencDevices();
   const std::string callsOfTheProbe = FakeNv_CallLog();
   test::EncodedSlotConsumer consumer(u"cap", 64, 64);
-  EXPECT_EQ(openEncoder(options(64, 64)), nullptr);
+  EXPECT_EQ(openEncoder(test::h264Options(64, 64)), nullptr);
   EXPECT_EQ(FakeNv_CallLog(), callsOfTheProbe) << "no driver call";
   EXPECT_NE(log().find("[Error]   *** NVENC *** This machine has no NVIDIA encoder"), std::string::npos);
 }
-
-// --- encoding ----------------------------------------------------------------
-
-struct SizeCase {
-  const char* name;
-  uint32_t width;
-  uint32_t height;
-};
-void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.name; }
-
-class NvencEncodeTest : public NvencTest, public ::testing::WithParamInterface<SizeCase> {};
-
-TEST_P(NvencEncodeTest, TheCardsFramesReachTheRecorderInOrderWithKeyFlagsAndPositions) {
-  const auto [name, width, height] = GetParam();
-  probeNvencDevices();
-  const Units& clip = clipUnits();
-  const auto frames = static_cast<uint32_t>(clip.size() + 6);  // the clip starts over once
-  test::EncodedSlotConsumer consumer(u"cap", width, height);
-  auto encoder = openEncoder(options(width, height));
-  ASSERT_NE(encoder, nullptr) << log();
-  std::vector<std::byte> sps, pps;
-  ASSERT_EQ(encoder->GetParameterSets(sps, pps), 1);
-  const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, width, height, frames, frames);
-  ASSERT_EQ(taken.size(), frames);
-
-  for (uint32_t i = 0; i < frames; ++i) {
-    const Bytes& unit = clip[i % clip.size()];
-    EXPECT_EQ(lengthPrefixedUnits(taken[i].bytes), nalUnits(unit)) << "frame " << i;
-    EXPECT_EQ(taken[i].key, holdsIdr(unit) ? 1u : 0u) << "frame " << i;
-    EXPECT_EQ(taken[i].position, positions_[i]);
-  }
-
-  // The card got our conversion of each frame, whatever the surface's pitch.
-  ASSERT_EQ(FakeNv_PictureCount(), static_cast<int>(frames));
-  for (uint32_t i = 0; i < frames; ++i) {
-    FakeNvPicture got{};
-    ASSERT_EQ(FakeNv_Picture(static_cast<int>(i), &got), 1);
-    ASSERT_EQ(Bytes(got.nv12, got.nv12 + got.nv12Size), test::packedNv12(sources_[i], width, height))
-        << "surface of frame " << i;
-    EXPECT_EQ(got.inputTimeStamp, positions_[i]);
-  }
-
-  // What a player sees: the parameter sets and every delivered unit decode to the
-  // very pictures of the clip.
-  Bytes headers;
-  for (const auto* set : {&sps, &pps}) {
-    headers.insert(headers.end(), reinterpret_cast<const uint8_t*>(set->data()),
-                   reinterpret_cast<const uint8_t*>(set->data()) + set->size());
-  }
-  test::expectDecodesToTheClip(folder_.path() / "delivered.h264", headers, taken);
-}
-
-INSTANTIATE_TEST_SUITE_P(Sizes, NvencEncodeTest,
-                         ::testing::Values(SizeCase{"Laptop1366x768", 1366, 768}, SizeCase{"Odd642x362", 642, 362}),
-                         [](const ::testing::TestParamInfo<SizeCase>& info) { return std::string(info.param.name); });
 
 // --- start parameters against what the driver is told ---------------------------
 
@@ -300,126 +255,74 @@ INSTANTIATE_TEST_SUITE_P(
                                     nullptr, 30, 1, 32}),
     [](const ::testing::TestParamInfo<ParameterCase>& info) { return std::string(info.param.name); });
 
-// --- failures ------------------------------------------------------------------
+// --- the suite every hardware encoder runs -------------------------------------
 
-struct SetupFailure {
-  const char* name;
-  const char* call;  // made to fail, or null
-  int status;
-  int occurrence;
-  const char* line;
-  void (*arrange)();  // another way the driver says no, or null
-};
-void PrintTo(const SetupFailure& c, std::ostream* os) { *os << c.name; }
+INSTANTIATE_TEST_SUITE_P(Nvenc, HardwareEncodeTest,
+                         ::testing::Values(HardwareCase{"Laptop1366x768", &kDriver, 1366, 768},
+                                           HardwareCase{"Odd642x362", &kDriver, 642, 362}),
+                         test::caseName);
 
-class NvencSetupFailureTest : public NvencTest, public ::testing::WithParamInterface<SetupFailure> {};
-
-TEST_P(NvencSetupFailureTest, TheCaptureIsRefusedWithAReasonNothingStaysOpenAndTheNextOneRecords) {
-  const SetupFailure& c = GetParam();
-  probeNvencDevices();
-  {
-    test::EncodedSlotConsumer consumer(u"cap", 642, 362);
-    if (c.call != nullptr) FakeNv_Fail(c.call, c.status, c.occurrence);
-    if (c.arrange != nullptr) c.arrange();
-    EXPECT_EQ(openEncoder(options(642, 362, {"target_usage", "0", "profile", "2"})), nullptr);
-  }
-  const std::string text = log();
-  EXPECT_NE(text.find(c.line), std::string::npos) << text;
-  EXPECT_NE(text.find("[Error]   Cannot initialize NV Encoder\r\n"), std::string::npos) << text;
-  EXPECT_STREQ(FakeNv_Violations(), "") << "every object made before the failure is gone";
-
-  useFake();
-  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
-  auto encoder = openEncoder(options(642, 362));
-  ASSERT_NE(encoder, nullptr) << "the next capture opens";
-  EXPECT_EQ(record(*encoder, consumer, 642, 362, 5, 5).size(), 5u);
+HardwareCase failing(const char* name, const char* call, int status, const char* line, int occurrence = 1) {
+  return {name, &kDriver, 642, 362, call, status, occurrence, line};
+}
+HardwareCase refusing(const char* name, void (*arrange)(), const char* line) {
+  return {name, &kDriver, 642, 362, nullptr, 0, 0, line, arrange};
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Driver, NvencSetupFailureTest,
+    Nvenc, HardwareSetupFailureTest,
     ::testing::Values(
-        SetupFailure{"NoRuntime", nullptr, 0, 0, "[Error]   CNvEncoder::CNvEncoder() failed to load ",
-                     [] { platform::setEnvironmentVariable("KESTRIUM_LIB_NVENC", u"no-nvenc-runtime-here"); }},
-        SetupFailure{"CudaInit", "cuInit", 3, 1,
-                     "[Error]   checkCudaErrors() Driver API error = 0003 \"CUDA_ERROR_NOT_INITIALIZED\" from file "
-                     "<videoEncoder\\NV_Enc\\CNVEncoder>",
-                     nullptr},
-        SetupFailure{"Device", "cuDeviceGet", 101, 1, "error = 0101 \"CUDA_ERROR_INVALID_DEVICE\"", nullptr},
-        SetupFailure{"Context", "cuCtxCreate_v2", 2, 1, "error = 0002 \"CUDA_ERROR_OUT_OF_MEMORY\"", nullptr},
-        SetupFailure{"PopContext", "cuCtxPopCurrent_v2", 201, 1, "error = 0201 \"CUDA_ERROR_INVALID_CONTEXT\"",
-                     nullptr},
-        SetupFailure{"FunctionList", "NvEncodeAPICreateInstance", 15, 1,
-                     "[Error]   NVENC error at videoEncoder\\NV_Enc\\CNVEncoder:", nullptr},
-        SetupFailure{"Session", "nvEncOpenEncodeSessionEx", 1, 1,
-                     "File: videoEncoder\\NV_Enc\\CNVEncoder, Line: ", nullptr},
-        SetupFailure{"CodecCount", "nvEncGetEncodeGUIDCount", 20, 1,
-                     "nvEncGetEncodeGUIDCount() returned with error 20\r\n", nullptr},
-        SetupFailure{"Codecs", "nvEncGetEncodeGUIDs", 8, 1, "nvEncGetEncodeGUIDs() returned with error 8\r\n", nullptr},
-        SetupFailure{"PresetCount", "nvEncGetEncodePresetCount", 8, 1,
-                     "code=8(NVENC indicates that one or more of the parameter passed to the API call is invalid.)",
-                     nullptr},
-        SetupFailure{"Presets", "nvEncGetEncodePresetGUIDs", 6, 1, "code=6(NVENC one or more of the pointers", nullptr},
-        SetupFailure{"PresetConfig", "nvEncGetEncodePresetConfig", 15, 1,
-                     "code=15(NVENC indicates that an invalid struct", nullptr},
-        SetupFailure{"ProfileCount", "nvEncGetEncodeProfileGUIDCount", 8, 1,
-                     "nvEncGetEncodeProfileGUIDCount() returned with error 8\r\n", nullptr},
-        SetupFailure{"Profiles", "nvEncGetEncodeProfileGUIDs", 8, 1,
-                     "nvEncGetEncodeProfileGUIDs() returned with error 8\r\n", nullptr},
-        SetupFailure{"FormatCount", "nvEncGetInputFormatCount", 8, 1,
-                     "nvEncGetInputFormatCount() returned with error 8\r\n", nullptr},
-        SetupFailure{"Formats", "nvEncGetInputFormats", 8, 1, "nvEncGetInputFormats() returned with error 8\r\n",
-                     nullptr},
-        SetupFailure{"Initialize", "nvEncInitializeEncoder", 12, 1,
-                     "[Error]   nvEncoder Error: NVENC H.264 encoder initialization failed: 0000000C\r\n", nullptr},
-        SetupFailure{"FifthSurface", "nvEncCreateInputBuffer", 10, 5,
-                     "code=10(NVENC indicates that the API call failed", nullptr},
-        SetupFailure{"ThirdBitstream", "nvEncCreateBitstreamBuffer", 10, 3, "code=10(", nullptr},
-        SetupFailure{"SequenceParams", "nvEncGetSequenceParams", 14, 1, "code=14(", nullptr},
-        SetupFailure{"PresetNotOffered", nullptr, 0, 0, "\n Wrong preset Value. Exiting ",
-                     [] { FakeNv_SetPresetCount(2); }},
-        SetupFailure{"ProfileNotOffered", nullptr, 0, 0, "[Error]   *** NVENC *** The card offers no H.264 profile 100",
-                     [] {
-                       const GUID profiles[] = {NV_ENC_CODEC_PROFILE_AUTOSELECT_GUID, NV_ENC_H264_PROFILE_MAIN_GUID};
-                       FakeNv_SetProfiles(profiles, 2);
-                     }},
-        SetupFailure{"NoNv12", nullptr, 0, 0, "[Error]   *** NVENC *** The card takes no NV12 pictures",
-                     [] {
-                       const NV_ENC_BUFFER_FORMAT formats[] = {NV_ENC_BUFFER_FORMAT_ARGB};
-                       FakeNv_SetInputFormats(formats, 1);
-                     }}),
-    [](const ::testing::TestParamInfo<SetupFailure>& info) { return std::string(info.param.name); });
-
-struct EncodeFailure {
-  const char* name;
-  const char* call;
-  int status;
-  const char* line;
-};
-void PrintTo(const EncodeFailure& c, std::ostream* os) { *os << c.name; }
-
-class NvencEncodeFailureTest : public NvencTest, public ::testing::WithParamInterface<EncodeFailure> {};
-
-TEST_P(NvencEncodeFailureTest, AFrameTheDriverRefusesIsLostAndTheStreamGoesOn) {
-  const EncodeFailure& c = GetParam();
-  probeNvencDevices();
-  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
-  auto encoder = openEncoder(options(642, 362));
-  ASSERT_NE(encoder, nullptr) << log();
-  FakeNv_Fail(c.call, c.status, 3);
-  const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, 642, 362, 10, 9);
-  ASSERT_EQ(taken.size(), 9u);
-  for (size_t i = 0; i < taken.size(); ++i) EXPECT_EQ(taken[i].position, positions_[i < 2 ? i : i + 1]);
-  EXPECT_NE(log().find(c.line), std::string::npos) << log();
-}
+        refusing("NoRuntime", [] { platform::setEnvironmentVariable("KESTRIUM_LIB_NVENC", u"no-nvenc-runtime-here"); },
+                 "[Error]   CNvEncoder::CNvEncoder() failed to load "),
+        failing("CudaInit", "cuInit", 3,
+                "[Error]   checkCudaErrors() Driver API error = 0003 \"CUDA_ERROR_NOT_INITIALIZED\" from file "
+                "<videoEncoder\\NV_Enc\\CNVEncoder>"),
+        failing("Device", "cuDeviceGet", 101, "error = 0101 \"CUDA_ERROR_INVALID_DEVICE\""),
+        failing("Context", "cuCtxCreate_v2", 2, "error = 0002 \"CUDA_ERROR_OUT_OF_MEMORY\""),
+        failing("PopContext", "cuCtxPopCurrent_v2", 201, "error = 0201 \"CUDA_ERROR_INVALID_CONTEXT\""),
+        failing("FunctionList", "NvEncodeAPICreateInstance", 15,
+                "[Error]   NVENC error at videoEncoder\\NV_Enc\\CNVEncoder:"),
+        failing("Session", "nvEncOpenEncodeSessionEx", 1, "File: videoEncoder\\NV_Enc\\CNVEncoder, Line: "),
+        failing("CodecCount", "nvEncGetEncodeGUIDCount", 20, "nvEncGetEncodeGUIDCount() returned with error 20\r\n"),
+        failing("Codecs", "nvEncGetEncodeGUIDs", 8, "nvEncGetEncodeGUIDs() returned with error 8\r\n"),
+        failing("PresetCount", "nvEncGetEncodePresetCount", 8,
+                "code=8(NVENC indicates that one or more of the parameter passed to the API call is invalid.)"),
+        failing("Presets", "nvEncGetEncodePresetGUIDs", 6, "code=6(NVENC one or more of the pointers"),
+        failing("PresetConfig", "nvEncGetEncodePresetConfig", 15, "code=15(NVENC indicates that an invalid struct"),
+        failing("ProfileCount", "nvEncGetEncodeProfileGUIDCount", 8,
+                "nvEncGetEncodeProfileGUIDCount() returned with error 8\r\n"),
+        failing("Profiles", "nvEncGetEncodeProfileGUIDs", 8, "nvEncGetEncodeProfileGUIDs() returned with error 8\r\n"),
+        failing("FormatCount", "nvEncGetInputFormatCount", 8, "nvEncGetInputFormatCount() returned with error 8\r\n"),
+        failing("Formats", "nvEncGetInputFormats", 8, "nvEncGetInputFormats() returned with error 8\r\n"),
+        failing("Initialize", "nvEncInitializeEncoder", 12,
+                "[Error]   nvEncoder Error: NVENC H.264 encoder initialization failed: 0000000C\r\n"),
+        failing("FifthSurface", "nvEncCreateInputBuffer", 10, "code=10(NVENC indicates that the API call failed", 5),
+        failing("ThirdBitstream", "nvEncCreateBitstreamBuffer", 10, "code=10(", 3),
+        failing("SequenceParams", "nvEncGetSequenceParams", 14, "code=14("),
+        refusing("PresetNotOffered", [] { FakeNv_SetPresetCount(2); }, "\n Wrong preset Value. Exiting "),
+        refusing("ProfileNotOffered",
+                 [] {
+                   const GUID profiles[] = {NV_ENC_CODEC_PROFILE_AUTOSELECT_GUID, NV_ENC_H264_PROFILE_MAIN_GUID};
+                   FakeNv_SetProfiles(profiles, 2);
+                 },
+                 "[Error]   *** NVENC *** The card offers no H.264 profile 100"),
+        refusing("NoNv12",
+                 [] {
+                   const NV_ENC_BUFFER_FORMAT formats[] = {NV_ENC_BUFFER_FORMAT_ARGB};
+                   FakeNv_SetInputFormats(formats, 1);
+                 },
+                 "[Error]   *** NVENC *** The card takes no NV12 pictures")),
+    test::caseName);
 
 INSTANTIATE_TEST_SUITE_P(
-    Driver, NvencEncodeFailureTest,
-    ::testing::Values(EncodeFailure{"Encode", "nvEncEncodePicture", 18,
-                                    "[Error]   *** NVENC *** nvEncEncodePicture failed on the frame at 1068 ms: "
-                                    "code=18(NVENC HW encoder is busy"},
-                      EncodeFailure{"LockSurface", "nvEncLockInputBuffer", 13,
-                                    "[Error]   *** NVENC *** nvEncLockInputBuffer failed on the frame at 1068 ms"}),
-    [](const ::testing::TestParamInfo<EncodeFailure>& info) { return std::string(info.param.name); });
+    Nvenc, HardwareFrameFailureTest,
+    ::testing::Values(failing("Encode", "nvEncEncodePicture", 18,
+                              "[Error]   *** NVENC *** nvEncEncodePicture failed on the frame at 1068 ms: "
+                              "code=18(NVENC HW encoder is busy",
+                              3),
+                      failing("LockSurface", "nvEncLockInputBuffer", 13,
+                              "[Error]   *** NVENC *** nvEncLockInputBuffer failed on the frame at 1068 ms", 3)),
+    test::caseName);
 
 }  // namespace
 }  // namespace kestrium

@@ -10,6 +10,7 @@
 #include "platform/Text.h"
 #include "recorder/CommonData.h"
 #include "tests/codecs/CodecTestSupport.h"
+#include "tests/support/TestSupport.h"
 #include "tests/videoEncoder/H264TestSupport.h"
 #include "tests/videoEncoder/fakeVa/FakeVa.h"
 #include "tests/videoEncoder/fakeVpl/FakeVpl.h"
@@ -20,6 +21,9 @@ namespace {
 
 using test::Bytes;
 using test::clipUnits;
+using test::HardwareCase;
+using test::HardwareEncodeTest;
+using test::HardwareSetupFailureTest;
 
 constexpr const char16_t* kName = u"h264.quicksync";
 
@@ -27,33 +31,54 @@ void setVariable(std::string_view name, const std::string& value) {
   platform::setEnvironmentVariable(name, platform::toUtf16(value));
 }
 
+const test::HardwareDriver kDriver{
+    kName,
+    // Both fakes as they start, on a render node that any machine has.
+    [] {
+      FakeVpl_Reset();
+      FakeVa_Reset();
+      setVariable("KESTRIUM_LIB_QUICKSYNC", KESTRIUM_FAKE_VPL);
+      setVariable("KESTRIUM_LIB_VA", KESTRIUM_FAKE_VA);
+      setVariable("KESTRIUM_LIB_VA_DRM", KESTRIUM_FAKE_VA);
+      setVariable("KESTRIUM_RENDER_NODE", "/dev/null");
+      for (const Bytes& unit : clipUnits()) FakeVpl_AddAccessUnit(unit.data(), unit.size());
+    },
+    nullptr,
+    [] {
+      // Every display the runtime was given is terminated too.
+      static std::string both;
+      both = std::string(FakeVpl_Violations()) + FakeVa_Violations();
+      return both.c_str();
+    },
+    FakeVpl_Fail,
+    FakeVpl_PictureCount,
+    // Surfaces of whole blocks, cropped to the picture, stamped at 90 kHz.
+    [](int i, uint32_t width, uint32_t height, Bytes& nv12, uint64_t& stamp) {
+      FakeVplPicture got{};
+      ASSERT_EQ(FakeVpl_Picture(i, &got), 1);
+      EXPECT_EQ(got.width, (width + 15) & ~15u);
+      EXPECT_EQ(got.height, (height + 15) & ~15u);
+      EXPECT_EQ(got.cropW, width);
+      EXPECT_EQ(got.cropH, height);
+      nv12.assign(got.nv12, got.nv12 + got.nv12Size);
+      stamp = got.timeStamp;
+    },
+    90,
+    "[Error]   Cannot initialize Intel QuickSync\r\n",
+    nullptr,
+    nullptr};
+
 class QuickSyncTest : public test::HardwareEncoderTest {
  protected:
   void SetUp() override {
     HardwareEncoderTest::SetUp();
-    useFakes();
+    kDriver.useFake();
   }
   void TearDown() override {
-    EXPECT_STREQ(FakeVpl_Violations(), "") << "the runtime's rules are kept and nothing is left open";
-    EXPECT_STREQ(FakeVa_Violations(), "") << "every display is terminated";
+    EXPECT_STREQ(kDriver.violations(), "") << "the runtime's rules are kept and nothing is left open";
     HardwareEncoderTest::TearDown();
   }
-  // Both fakes as they start, on a render node that any machine has.
-  static void useFakes() {
-    FakeVpl_Reset();
-    FakeVa_Reset();
-    setVariable("KESTRIUM_LIB_QUICKSYNC", KESTRIUM_FAKE_VPL);
-    setVariable("KESTRIUM_LIB_VA", KESTRIUM_FAKE_VA);
-    setVariable("KESTRIUM_LIB_VA_DRM", KESTRIUM_FAKE_VA);
-    setVariable("KESTRIUM_RENDER_NODE", "/dev/null");
-    for (const Bytes& unit : clipUnits()) FakeVpl_AddAccessUnit(unit.data(), unit.size());
-  }
   uint32_t featureWord() { return loadShared(features().quickSync); }
-  static size_t count(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-  }
 };
 
 // --- the probe -----------------------------------------------------------------
@@ -107,64 +132,18 @@ TEST_F(QuickSyncTest, WithoutTheRuntimeTheProbeWritesNothingAndSaysNothing) {
   EXPECT_EQ(log().find("QuickSync"), std::string::npos);
 }
 
-// --- encoding --------------------------------------------------------------------
+// --- the suite every hardware encoder runs ---------------------------------------
 
-struct SizeCase {
-  const char* name;
-  uint32_t width, height;
-  int delay;     // pictures the runtime holds before its first frame
-  int bufferKB;  // the runtime's bound for a coded frame, when it is too small
-};
-void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.name; }
-
-class QuickSyncEncodeTest : public QuickSyncTest, public ::testing::WithParamInterface<SizeCase> {};
-
-TEST_P(QuickSyncEncodeTest, TheRuntimesFramesReachTheRecorderInOrderWithKeyFlagsAndPositions) {
-  const auto [name, width, height, delay, bufferKB] = GetParam();
-  FakeVpl_SetDelay(delay);
-  FakeVpl_SetBufferSizeInKB(bufferKB);
-  const test::Units& clip = clipUnits();
-  const auto frames = static_cast<uint32_t>(clip.size() + 6);  // the clip starts over once
-  test::EncodedSlotConsumer consumer(u"cap", width, height);
-  auto encoder = openEncoder(kName, test::h264Options(width, height));
-  ASSERT_NE(encoder, nullptr) << log();
-  std::vector<std::byte> sps, pps;
-  ASSERT_EQ(encoder->GetParameterSets(sps, pps), 1);
-  const std::vector<test::EncodedFrame> taken = record(*encoder, consumer, width, height, frames, frames);
-  ASSERT_EQ(taken.size(), frames) << "the frames in the tasks come out at the drain";
-  for (uint32_t i = 0; i < frames; ++i) {
-    const Bytes& unit = clip[i % clip.size()];
-    EXPECT_EQ(test::lengthPrefixedUnits(taken[i].bytes), test::nalUnits(unit)) << "frame " << i;
-    EXPECT_EQ(taken[i].key, test::holdsIdr(unit) ? 1u : 0u) << "frame " << i;
-    EXPECT_EQ(taken[i].position, positions_[i]) << "through 90 kHz and back";
-  }
-
-  // The runtime got our conversion of each frame in surfaces of whole blocks,
-  // cropped to the picture, stamped at 90 kHz.
-  ASSERT_EQ(FakeVpl_PictureCount(), static_cast<int>(frames));
-  for (uint32_t i = 0; i < frames; ++i) {
-    FakeVplPicture got{};
-    ASSERT_EQ(FakeVpl_Picture(static_cast<int>(i), &got), 1);
-    EXPECT_EQ(got.width, (width + 15) & ~15u);
-    EXPECT_EQ(got.height, (height + 15) & ~15u);
-    EXPECT_EQ(got.cropW, width);
-    EXPECT_EQ(got.cropH, height);
-    EXPECT_EQ(got.timeStamp, uint64_t{positions_[i]} * 90);
-    ASSERT_EQ(Bytes(got.nv12, got.nv12 + got.nv12Size), test::packedNv12(sources_[i], width, height))
-        << "surface of frame " << i;
-  }
-
-  Bytes headers;
-  for (const auto* set : {&sps, &pps}) {
-    for (std::byte b : *set) headers.push_back(std::to_integer<uint8_t>(b));
-  }
-  test::expectDecodesToTheClip(folder_.path() / "delivered.h264", headers, taken);
-}
-
-INSTANTIATE_TEST_SUITE_P(Sizes, QuickSyncEncodeTest,
-                         ::testing::Values(SizeCase{"Laptop1366x768", 1366, 768, 0, 0},
-                                           SizeCase{"Odd642x362HeldBackInSmallBuffers", 642, 362, 3, 1}),
-                         [](const ::testing::TestParamInfo<SizeCase>& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(QuickSync, HardwareEncodeTest,
+                         ::testing::Values(HardwareCase{"Laptop1366x768", &kDriver, 1366, 768},
+                                           // Pictures held back before the first frame, in buffers too small.
+                                           HardwareCase{"Odd642x362HeldBackInSmallBuffers", &kDriver, 642, 362,
+                                                        nullptr, 0, 0, nullptr,
+                                                        [] {
+                                                          FakeVpl_SetDelay(3);
+                                                          FakeVpl_SetBufferSizeInKB(1);
+                                                        }}),
+                         test::caseName);
 
 // --- which session, and with what -------------------------------------------------
 
@@ -192,7 +171,7 @@ TEST_P(QuickSyncAttemptTest, TheAttemptsGoInOrderUntilOneCodes) {
     at = text.find(std::string("  Trying QS ") + attempt + "...\r\n", at);
     ASSERT_NE(at, std::string::npos) << attempt << " in\n" << text;
   }
-  EXPECT_EQ(count(text, "  Trying QS "), c.tried.size()) << text;
+  EXPECT_EQ(test::countOf(text, "  Trying QS "), c.tried.size()) << text;
   if (!c.opens) {
     EXPECT_NE(text.find("[Error]   Cannot initialize Intel QuickSync\r\n"), std::string::npos) << text;
     return;
@@ -287,46 +266,22 @@ INSTANTIATE_TEST_SUITE_P(
 
 // --- failures ----------------------------------------------------------------------
 
-struct SetupFailure {
-  const char* call;
-  int status;
-  const char* line;
-};
-void PrintTo(const SetupFailure& c, std::ostream* os) { *os << c.call; }
-
-class QuickSyncSetupFailureTest : public QuickSyncTest, public ::testing::WithParamInterface<SetupFailure> {};
-
-TEST_P(QuickSyncSetupFailureTest, TheCaptureIsRefusedWithAReasonNothingStaysOpenAndTheNextOneRecords) {
-  const SetupFailure& c = GetParam();
-  {
-    test::EncodedSlotConsumer consumer(u"cap", 642, 362);
-    FakeVpl_Fail(c.call, c.status, 0);
-    EXPECT_EQ(openEncoder(kName, test::h264Options(642, 362)), nullptr);
-  }
-  const std::string text = log();
-  EXPECT_NE(text.find(c.line), std::string::npos) << text;
-  EXPECT_NE(text.find("[Error]   Cannot initialize Intel QuickSync\r\n"), std::string::npos) << text;
-  EXPECT_STREQ(FakeVpl_Violations(), "") << "every session made on the way is closed";
-
-  useFakes();
-  test::EncodedSlotConsumer consumer(u"cap", 642, 362);
-  auto encoder = openEncoder(kName, test::h264Options(642, 362));
-  ASSERT_NE(encoder, nullptr) << "the next capture opens";
-  EXPECT_EQ(record(*encoder, consumer, 642, 362, 5, 5).size(), 5u);
+HardwareCase failing(const char* call, int status, const char* line) {
+  return {call, &kDriver, 642, 362, call, status, 0, line};
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Runtime, QuickSyncSetupFailureTest,
-    ::testing::Values(SetupFailure{"MFXInit", MFX_ERR_UNSUPPORTED, "[Error]   QS MFXInit failed: -3\r\n"},
-                      SetupFailure{"MFXVideoCORE_SetHandle", MFX_ERR_INVALID_HANDLE,
-                                   "[Error]   QS MFXVideoCORE_SetHandle failed: -6\r\n"},
-                      SetupFailure{"MFXVideoENCODE_QueryIOSurf", MFX_ERR_INVALID_VIDEO_PARAM,
-                                   "[Error]   QS MFXVideoENCODE_QueryIOSurf failed: -15\r\n"},
-                      SetupFailure{"MFXVideoENCODE_Init", MFX_ERR_INVALID_VIDEO_PARAM,
-                                   "[Error]   QS MFXVideoENCODE_Init failed: -15\r\n"},
-                      SetupFailure{"MFXVideoENCODE_GetVideoParam", MFX_ERR_UNKNOWN,
-                                   "[Error]   QS MFXVideoENCODE_GetVideoParam failed: -1\r\n"}),
-    [](const ::testing::TestParamInfo<SetupFailure>& info) { return std::string(info.param.call); });
+    QuickSync, HardwareSetupFailureTest,
+    ::testing::Values(failing("MFXInit", MFX_ERR_UNSUPPORTED, "[Error]   QS MFXInit failed: -3\r\n"),
+                      failing("MFXVideoCORE_SetHandle", MFX_ERR_INVALID_HANDLE,
+                              "[Error]   QS MFXVideoCORE_SetHandle failed: -6\r\n"),
+                      failing("MFXVideoENCODE_QueryIOSurf", MFX_ERR_INVALID_VIDEO_PARAM,
+                              "[Error]   QS MFXVideoENCODE_QueryIOSurf failed: -15\r\n"),
+                      failing("MFXVideoENCODE_Init", MFX_ERR_INVALID_VIDEO_PARAM,
+                              "[Error]   QS MFXVideoENCODE_Init failed: -15\r\n"),
+                      failing("MFXVideoENCODE_GetVideoParam", MFX_ERR_UNKNOWN,
+                              "[Error]   QS MFXVideoENCODE_GetVideoParam failed: -1\r\n")),
+    test::caseName);
 
 struct LossCase {
   const char* call;  // that reports the loss

@@ -18,6 +18,7 @@
 #include "tests/support/LogFixture.h"
 #include "tests/support/TestSupport.h"
 #include "tests/videoEncoder/EncodedSlotConsumer.h"
+#include "tests/videoEncoder/H264TestSupport.h"
 #include "videoEncoder/H264Bitstream.h"
 #include "videoEncoder/VidEncoderH264.h"
 
@@ -65,37 +66,6 @@ std::vector<uint8_t> sourceFrame(uint32_t width, uint32_t height, uint32_t i) {
     }
   }
   return rgb;
-}
-
-// The stream a decoder takes: the parameter sets, then every unit of every frame
-// behind a 4-byte start code instead of its length. A length that runs past its
-// frame fails the test.
-std::vector<uint8_t> annexBStream(const std::vector<std::byte>& sps, const std::vector<std::byte>& pps,
-                                  const std::vector<test::EncodedFrame>& frames) {
-  std::vector<uint8_t> out;
-  for (const auto* set : {&sps, &pps}) {
-    const auto* b = reinterpret_cast<const uint8_t*>(set->data());
-    out.insert(out.end(), b, b + set->size());
-  }
-  for (size_t f = 0; f < frames.size(); ++f) {
-    const std::vector<uint8_t>& bytes = frames[f].bytes;
-    for (size_t at = 0; at < bytes.size();) {
-      if (at + 4 > bytes.size()) {
-        ADD_FAILURE() << "frame " << f << " ends inside a length";
-        return out;
-      }
-      const size_t n = (size_t{bytes[at]} << 24) | (size_t{bytes[at + 1]} << 16) | (bytes[at + 2] << 8) | bytes[at + 3];
-      if (n == 0 || at + 4 + n > bytes.size()) {
-        ADD_FAILURE() << "frame " << f << " has a unit of " << n << " bytes at " << at << " of " << bytes.size();
-        return out;
-      }
-      out.insert(out.end(), {0, 0, 0, 1});
-      out.insert(out.end(), bytes.begin() + static_cast<ptrdiff_t>(at + 4),
-                 bytes.begin() + static_cast<ptrdiff_t>(at + 4 + n));
-      at += 4 + n;
-    }
-  }
-  return out;
 }
 
 // The value of a syntax element in ffmpeg's trace of the headers, or -1.
@@ -166,11 +136,7 @@ TEST_P(VidEncoderX264Test, EveryFrameDecodesInOrderWithKeyFramesOnceASecond) {
   }
 
   const auto stream = folder_.path() / "stream.h264";
-  {
-    const std::vector<uint8_t> bytes = annexBStream(sps, pps, taken);
-    std::ofstream(stream, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                                   static_cast<std::streamsize>(bytes.size()));
-  }
+  test::writeFile(stream, test::annexBStream(sps, pps, taken));
   // Decoded as it comes (full-range 4:2:0), at the coded size: rounded up to even.
   const auto decoded = folder_.path() / "decoded.yuv";
   std::string out;

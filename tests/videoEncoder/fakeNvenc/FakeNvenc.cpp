@@ -92,18 +92,13 @@ const GUID kCodecs[] = {NV_ENC_CODEC_H264_GUID, NV_ENC_CODEC_HEVC_GUID};
 constexpr uint32_t kCodecCount = 2;
 
 // Everything a reset returns to its start.
-struct World {
+struct World : kestrium::fake::Journal {
   std::vector<FakeNvDevice> devices{FakeNvDevice{"Fake NVENC GPU", 5, 2}};
   int presetCount = kPresetTotal;
   std::vector<GUID> profiles{NV_ENC_CODEC_PROFILE_AUTOSELECT_GUID, NV_ENC_H264_PROFILE_BASELINE_GUID,
                              NV_ENC_H264_PROFILE_MAIN_GUID, NV_ENC_H264_PROFILE_HIGH_GUID};
   std::vector<NV_ENC_BUFFER_FORMAT> formats{NV_ENC_BUFFER_FORMAT_NV12, NV_ENC_BUFFER_FORMAT_YV12,
                                             NV_ENC_BUFFER_FORMAT_ARGB};
-  std::vector<std::vector<uint8_t>> clip;
-  kestrium::fake::Failures failures;
-
-  std::string log, violations;
-  std::string logCopy, violationsCopy;  // what the test was last handed
   std::deque<Recorded> pictures;        // a deque, so the handed-out pixels never move
   bool haveInit = false;
   NV_ENC_INITIALIZE_PARAMS init{};
@@ -172,23 +167,7 @@ bool formatOffered(const World& w, NV_ENC_BUFFER_FORMAT f) {
 
 int32_t presetGop(int i) { return 100 + 10 * i; }
 
-// Logs the call and tells whether the test made it fail this time.
-std::optional<int> enter(World& w, const char* call) {
-  w.log += call;
-  w.log += '\n';
-  return w.failures.take(call);
-}
-
-template <typename R>
-R rule(World& w, const char* call, const std::string& what, R status) {
-  w.violations += call;
-  w.violations += ": ";
-  w.violations += what;
-  w.violations += '\n';
-  return status;
-}
-
-std::string num(int n) { return "#" + std::to_string(n); }
+using kestrium::fake::num;
 
 template <typename T>
 void assign(std::vector<T>& to, const T* from, int count) {
@@ -199,10 +178,10 @@ void assign(std::vector<T>& to, const T* from, int count) {
 #define FAKE_ENTER(Result)                                    \
   std::lock_guard<std::mutex> lock(state().mutex);            \
   World& w = state().world;                                   \
-  if (const std::optional<int> injected = enter(w, __func__)) \
+  if (const std::optional<int> injected = w.enter(__func__)) \
   return static_cast<Result>(*injected)
 
-#define FAKE_RULE(what, status) rule(w, __func__, what, status)
+#define FAKE_RULE(what, status) w.rule(__func__, what, status)
 
 // What a session leaves behind if destroyed now, one line each.
 std::vector<std::string> leftovers(const Session& s) {
@@ -350,10 +329,10 @@ Session* findSession(World& w, const char* call, void* encoder) {
   for (auto& s : w.sessions)
     if (s.get() == encoder) {
       if (s->alive) return s.get();
-      rule(w, call, "session " + num(s->id) + " used after destroy", 0);
+      w.rule(call, "session " + num(s->id) + " used after destroy", 0);
       return nullptr;
     }
-  rule(w, call, "unknown session handle (used after destroy?)", 0);
+  w.rule(call, "unknown session handle (used after destroy?)", 0);
   return nullptr;
 }
 
@@ -375,6 +354,11 @@ OutputBuffer* findOutput(Session& s, void* handle) {
 
 #define FAKE_VERSION(got, want, what) \
   if ((got) != (want)) return FAKE_RULE(std::string(what) + " has the wrong version", NV_ENC_ERR_INVALID_VERSION)
+
+// The parameters every call but a few takes: there, and of the header's version.
+#define FAKE_PARAMS(wanted, what)                                      \
+  if (!p) return FAKE_RULE("null parameters", NV_ENC_ERR_INVALID_PTR); \
+  FAKE_VERSION(p->version, wanted, what)
 
 #define FAKE_INITIALIZED() \
   if (!s->initialized) return FAKE_RULE("encoder not initialized", NV_ENC_ERR_ENCODER_NOT_INITIALIZED)
@@ -417,8 +401,8 @@ NVENCSTATUS NVENCAPI nvEncGetEncodeGUIDs(void* encoder, GUID* guids, uint32_t si
 // their rules: a live session, an offered codec, room enough.
 NVENCSTATUS listCount(World& w, const char* call, void* encoder, const GUID& codec, size_t n, uint32_t* count) {
   if (!findSession(w, call, encoder)) return NV_ENC_ERR_INVALID_ENCODERDEVICE;
-  if (!count) return rule(w, call, "null count", NV_ENC_ERR_INVALID_PTR);
-  if (!codecOffered(codec)) return rule(w, call, "encode GUID not offered", NV_ENC_ERR_UNSUPPORTED_PARAM);
+  if (!count) return w.rule(call, "null count", NV_ENC_ERR_INVALID_PTR);
+  if (!codecOffered(codec)) return w.rule(call, "encode GUID not offered", NV_ENC_ERR_UNSUPPORTED_PARAM);
   *count = static_cast<uint32_t>(n);
   return NV_ENC_SUCCESS;
 }
@@ -427,9 +411,9 @@ template <typename T>
 NVENCSTATUS listItems(World& w, const char* call, void* encoder, const GUID& codec, const T* items, size_t n, T* out,
                       uint32_t size, uint32_t* count) {
   if (!findSession(w, call, encoder)) return NV_ENC_ERR_INVALID_ENCODERDEVICE;
-  if (!out || !count) return rule(w, call, "null array or count", NV_ENC_ERR_INVALID_PTR);
-  if (!codecOffered(codec)) return rule(w, call, "encode GUID not offered", NV_ENC_ERR_UNSUPPORTED_PARAM);
-  if (size < n) return rule(w, call, "array too small", NV_ENC_ERR_INVALID_PARAM);
+  if (!out || !count) return w.rule(call, "null array or count", NV_ENC_ERR_INVALID_PTR);
+  if (!codecOffered(codec)) return w.rule(call, "encode GUID not offered", NV_ENC_ERR_UNSUPPORTED_PARAM);
+  if (size < n) return w.rule(call, "array too small", NV_ENC_ERR_INVALID_PARAM);
   for (size_t i = 0; i < n; ++i) out[i] = items[i];
   *count = static_cast<uint32_t>(n);
   return NV_ENC_SUCCESS;
@@ -534,8 +518,7 @@ NVENCSTATUS NVENCAPI nvEncInitializeEncoder(void* encoder, NV_ENC_INITIALIZE_PAR
 NVENCSTATUS NVENCAPI nvEncCreateInputBuffer(void* encoder, NV_ENC_CREATE_INPUT_BUFFER* p) {
   FAKE_ENTER(NVENCSTATUS);
   FAKE_SESSION(encoder);
-  if (!p) return FAKE_RULE("null parameters", NV_ENC_ERR_INVALID_PTR);
-  FAKE_VERSION(p->version, NV_ENC_CREATE_INPUT_BUFFER_VER, "NV_ENC_CREATE_INPUT_BUFFER");
+  FAKE_PARAMS(NV_ENC_CREATE_INPUT_BUFFER_VER, "NV_ENC_CREATE_INPUT_BUFFER");
   FAKE_INITIALIZED();
   if (p->width == 0 || p->height == 0 || p->width > 16384 || p->height > 16384)
     return FAKE_RULE("buffer size " + std::to_string(p->width) + "x" + std::to_string(p->height),
@@ -583,8 +566,7 @@ NVENCSTATUS NVENCAPI nvEncDestroyInputBuffer(void* encoder, NV_ENC_INPUT_PTR buf
 NVENCSTATUS NVENCAPI nvEncCreateBitstreamBuffer(void* encoder, NV_ENC_CREATE_BITSTREAM_BUFFER* p) {
   FAKE_ENTER(NVENCSTATUS);
   FAKE_SESSION(encoder);
-  if (!p) return FAKE_RULE("null parameters", NV_ENC_ERR_INVALID_PTR);
-  FAKE_VERSION(p->version, NV_ENC_CREATE_BITSTREAM_BUFFER_VER, "NV_ENC_CREATE_BITSTREAM_BUFFER");
+  FAKE_PARAMS(NV_ENC_CREATE_BITSTREAM_BUFFER_VER, "NV_ENC_CREATE_BITSTREAM_BUFFER");
   FAKE_INITIALIZED();
   auto b = std::make_unique<OutputBuffer>();
   b->id = w.nextId++;
@@ -610,8 +592,7 @@ NVENCSTATUS NVENCAPI nvEncDestroyBitstreamBuffer(void* encoder, NV_ENC_OUTPUT_PT
 NVENCSTATUS NVENCAPI nvEncRegisterAsyncEvent(void* encoder, NV_ENC_EVENT_PARAMS* p) {
   FAKE_ENTER(NVENCSTATUS);
   FAKE_SESSION(encoder);
-  if (!p) return FAKE_RULE("null parameters", NV_ENC_ERR_INVALID_PTR);
-  FAKE_VERSION(p->version, NV_ENC_EVENT_PARAMS_VER, "NV_ENC_EVENT_PARAMS");
+  FAKE_PARAMS(NV_ENC_EVENT_PARAMS_VER, "NV_ENC_EVENT_PARAMS");
   if (!p->completionEvent) return FAKE_RULE("null completion event", NV_ENC_ERR_INVALID_PTR);
 #if !defined(_WIN32)
   return FAKE_RULE("completion events outside Windows", NV_ENC_ERR_UNSUPPORTED_PARAM);
@@ -626,8 +607,7 @@ NVENCSTATUS NVENCAPI nvEncRegisterAsyncEvent(void* encoder, NV_ENC_EVENT_PARAMS*
 NVENCSTATUS NVENCAPI nvEncUnregisterAsyncEvent(void* encoder, NV_ENC_EVENT_PARAMS* p) {
   FAKE_ENTER(NVENCSTATUS);
   FAKE_SESSION(encoder);
-  if (!p) return FAKE_RULE("null parameters", NV_ENC_ERR_INVALID_PTR);
-  FAKE_VERSION(p->version, NV_ENC_EVENT_PARAMS_VER, "NV_ENC_EVENT_PARAMS");
+  FAKE_PARAMS(NV_ENC_EVENT_PARAMS_VER, "NV_ENC_EVENT_PARAMS");
   if (!p->completionEvent) return FAKE_RULE("null completion event", NV_ENC_ERR_INVALID_PTR);
   for (auto it = s->events.begin(); it != s->events.end(); ++it)
     if (*it == p->completionEvent) {
@@ -640,8 +620,7 @@ NVENCSTATUS NVENCAPI nvEncUnregisterAsyncEvent(void* encoder, NV_ENC_EVENT_PARAM
 NVENCSTATUS NVENCAPI nvEncLockInputBuffer(void* encoder, NV_ENC_LOCK_INPUT_BUFFER* p) {
   FAKE_ENTER(NVENCSTATUS);
   FAKE_SESSION(encoder);
-  if (!p) return FAKE_RULE("null parameters", NV_ENC_ERR_INVALID_PTR);
-  FAKE_VERSION(p->version, NV_ENC_LOCK_INPUT_BUFFER_VER, "NV_ENC_LOCK_INPUT_BUFFER");
+  FAKE_PARAMS(NV_ENC_LOCK_INPUT_BUFFER_VER, "NV_ENC_LOCK_INPUT_BUFFER");
   InputBuffer* b = findInput(*s, p->inputBuffer);
   if (!b) return FAKE_RULE("unknown or destroyed input buffer", NV_ENC_ERR_INVALID_PARAM);
   if (b->locked) return FAKE_RULE("input buffer " + num(b->id) + " locked twice", NV_ENC_ERR_LOCK_BUSY);
@@ -673,32 +652,10 @@ void signal([[maybe_unused]] void* event) {
 #endif
 }
 
-// The clip's unit as NAL units: each one's bytes after its start code, up to
-// the next start code with the zero byte of a four-byte one left off.
-std::vector<std::pair<const uint8_t*, size_t>> nalUnits(const std::vector<uint8_t>& unit) {
-  std::vector<std::pair<const uint8_t*, size_t>> nals;
-  const size_t n = unit.size();
-  size_t start = SIZE_MAX;
-  for (size_t i = 0; i + 2 < n; ++i) {
-    if (unit[i] == 0 && unit[i + 1] == 0 && unit[i + 2] == 1) {
-      if (start != SIZE_MAX) {
-        size_t end = i;
-        while (end > start && unit[end - 1] == 0) --end;
-        nals.emplace_back(unit.data() + start, end - start);
-      }
-      start = i + 3;
-      i += 2;
-    }
-  }
-  if (start != SIZE_MAX && start < n) nals.emplace_back(unit.data() + start, n - start);
-  return nals;
-}
-
 NVENCSTATUS NVENCAPI nvEncEncodePicture(void* encoder, NV_ENC_PIC_PARAMS* p) {
   FAKE_ENTER(NVENCSTATUS);
   FAKE_SESSION(encoder);
-  if (!p) return FAKE_RULE("null parameters", NV_ENC_ERR_INVALID_PTR);
-  FAKE_VERSION(p->version, NV_ENC_PIC_PARAMS_VER, "NV_ENC_PIC_PARAMS");
+  FAKE_PARAMS(NV_ENC_PIC_PARAMS_VER, "NV_ENC_PIC_PARAMS");
   FAKE_INITIALIZED();
   if (s->ended) return FAKE_RULE("picture after the end of stream", NV_ENC_ERR_INVALID_CALL);
   if (p->encodePicFlags & NV_ENC_PIC_FLAG_EOS) {
@@ -762,9 +719,7 @@ NVENCSTATUS NVENCAPI nvEncEncodePicture(void* encoder, NV_ENC_PIC_PARAMS* p) {
   out->duration = p->inputDuration;
   out->type = NV_ENC_PIC_TYPE_P;
   out->unit = w.clip.empty() ? 0 : static_cast<uint32_t>(index % w.clip.size());
-  if (!w.clip.empty())
-    for (const auto& [nal, size] : nalUnits(w.clip[out->unit]))
-      if (size > 0 && (nal[0] & 0x1F) == 5) out->type = NV_ENC_PIC_TYPE_IDR;
+  if (!w.clip.empty() && !kestrium::fake::findNal(w.clip[out->unit], 5).empty()) out->type = NV_ENC_PIC_TYPE_IDR;
   r.picture.accessUnit = out->unit;
   r.picture.pictureType = out->type;
   if (s->async) signal(p->completionEvent);
@@ -774,8 +729,7 @@ NVENCSTATUS NVENCAPI nvEncEncodePicture(void* encoder, NV_ENC_PIC_PARAMS* p) {
 NVENCSTATUS NVENCAPI nvEncLockBitstream(void* encoder, NV_ENC_LOCK_BITSTREAM* p) {
   FAKE_ENTER(NVENCSTATUS);
   FAKE_SESSION(encoder);
-  if (!p) return FAKE_RULE("null parameters", NV_ENC_ERR_INVALID_PTR);
-  FAKE_VERSION(p->version, NV_ENC_LOCK_BITSTREAM_VER, "NV_ENC_LOCK_BITSTREAM");
+  FAKE_PARAMS(NV_ENC_LOCK_BITSTREAM_VER, "NV_ENC_LOCK_BITSTREAM");
   OutputBuffer* b = findOutput(*s, p->outputBitstream);
   if (!b) return FAKE_RULE("unknown or destroyed bitstream buffer", NV_ENC_ERR_INVALID_PARAM);
   if (b->locked) return FAKE_RULE("bitstream buffer " + num(b->id) + " locked twice", NV_ENC_ERR_LOCK_BUSY);
@@ -813,20 +767,13 @@ NVENCSTATUS NVENCAPI nvEncUnlockBitstream(void* encoder, NV_ENC_OUTPUT_PTR buffe
 NVENCSTATUS NVENCAPI nvEncGetSequenceParams(void* encoder, NV_ENC_SEQUENCE_PARAM_PAYLOAD* p) {
   FAKE_ENTER(NVENCSTATUS);
   FAKE_SESSION(encoder);
-  if (!p) return FAKE_RULE("null parameters", NV_ENC_ERR_INVALID_PTR);
-  FAKE_VERSION(p->version, NV_ENC_SEQUENCE_PARAM_PAYLOAD_VER, "NV_ENC_SEQUENCE_PARAM_PAYLOAD");
+  FAKE_PARAMS(NV_ENC_SEQUENCE_PARAM_PAYLOAD_VER, "NV_ENC_SEQUENCE_PARAM_PAYLOAD");
   FAKE_INITIALIZED();
   if (!p->spsppsBuffer || !p->outSPSPPSPayloadSize) return FAKE_RULE("null buffer or size", NV_ENC_ERR_INVALID_PTR);
   std::vector<uint8_t> payload;
-  if (!w.clip.empty()) {
-    const auto nals = nalUnits(w.clip[0]);
-    for (int type : {7, 8})
-      for (const auto& [nal, size] : nals)
-        if (size > 0 && (nal[0] & 0x1F) == type) {
-          payload.insert(payload.end(), {0, 0, 0, 1});
-          payload.insert(payload.end(), nal, nal + size);
-          break;
-        }
+  for (int type : {7, 8}) {
+    const std::vector<uint8_t> nal = w.clip.empty() ? std::vector<uint8_t>{} : kestrium::fake::findNal(w.clip[0], type);
+    payload.insert(payload.end(), nal.begin(), nal.end());
   }
   if (p->inBufferSize < payload.size())
     return FAKE_RULE("buffer of " + std::to_string(p->inBufferSize) + " bytes for " + std::to_string(payload.size()),
@@ -903,21 +850,11 @@ void FakeNv_SetPresetCount(int count) {
   w.presetCount = count < 0 ? 0 : count > kPresetTotal ? kPresetTotal : count;
 }
 
-void FakeNv_Fail(const char* call, int status, int occurrence) {
-  FAKE_CONTROL();
-  if (call && occurrence >= 0) w.failures.add(call, status, occurrence);
-}
+void FakeNv_Fail(const char* call, int status, int occurrence) { FAKE_CONTROL(); w.fail(call, status, occurrence); }
 
-void FakeNv_AddAccessUnit(const uint8_t* annexB, size_t size) {
-  FAKE_CONTROL();
-  w.clip.emplace_back(annexB, annexB + (annexB ? size : 0));
-}
+void FakeNv_AddAccessUnit(const uint8_t* annexB, size_t size) { FAKE_CONTROL(); w.addAccessUnit(annexB, size); }
 
-const char* FakeNv_CallLog(void) {
-  FAKE_CONTROL();
-  w.logCopy = w.log;
-  return w.logCopy.c_str();
-}
+const char* FakeNv_CallLog(void) { FAKE_CONTROL(); return w.callLog(); }
 
 int FakeNv_InitializeParams(NV_ENC_INITIALIZE_PARAMS* params, NV_ENC_CONFIG* config) {
   FAKE_CONTROL();
@@ -941,9 +878,7 @@ int FakeNv_PictureCount(void) { FAKE_CONTROL(); return static_cast<int>(w.pictur
 
 int FakeNv_Picture(int index, FakeNvPicture* out) {
   FAKE_CONTROL();
-  if (index < 0 || static_cast<size_t>(index) >= w.pictures.size() || !out) return 0;
-  *out = w.pictures[static_cast<size_t>(index)].picture;
-  return 1;
+  return kestrium::fake::pictureAt(w.pictures, index, out);
 }
 
 const char* FakeNv_Violations(void) {

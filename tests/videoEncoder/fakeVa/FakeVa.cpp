@@ -115,14 +115,9 @@ const VAProfile kProfiles[] = {VAProfileH264ConstrainedBaseline, VAProfileH264Ma
 constexpr uint32_t kMaxSize = 4096;  // the largest picture this GPU's H.264 encoder takes
 
 // Everything a reset returns to its start.
-struct World {
+struct World : kestrium::fake::Journal {
   std::string vendor = "Mesa Gallium driver 23.1.1 for AMD Radeon RX 6600 (fake)";
   std::vector<VAProfile> encodeProfiles{std::begin(kProfiles), std::end(kProfiles)};
-  std::vector<std::vector<uint8_t>> clip;
-  kestrium::fake::Failures failures;
-
-  std::string log, violations;
-  std::string logCopy, violationsCopy;  // what the test was last handed
   std::deque<Recorded> pictures;        // a deque, so the handed-out pixels never move
   const Config* config = nullptr;       // the last one made
   std::optional<VAEncSequenceParameterBufferH264> sequence;
@@ -164,23 +159,7 @@ State& state() {
   return *s;
 }
 
-// Logs the call and tells whether the test made it fail this time.
-std::optional<int> enter(World& w, const char* call) {
-  w.log += call;
-  w.log += '\n';
-  return w.failures.take(call);
-}
-
-template <typename R>
-R rule(World& w, const char* call, const std::string& what, R status) {
-  w.violations += call;
-  w.violations += ": ";
-  w.violations += what;
-  w.violations += '\n';
-  return status;
-}
-
-std::string num(VAGenericID n) { return "#" + std::to_string(n); }
+using kestrium::fake::num;
 std::string dims(uint32_t width, uint32_t height) { return std::to_string(width) + "x" + std::to_string(height); }
 
 // The display a handle names, or null with the rule recorded. Only vaInitialize
@@ -188,11 +167,11 @@ std::string dims(uint32_t width, uint32_t height) { return std::to_string(width)
 Display* findDisplay(World& w, const char* call, VADisplay dpy, bool initialized = true) {
   for (auto& d : w.displays) {
     if (d.get() != dpy) continue;
-    if (d->terminated) return rule(w, call, "display " + num(d->id) + " used after vaTerminate", nullptr);
-    if (initialized && !d->initialized) return rule(w, call, "display " + num(d->id) + " not initialised", nullptr);
+    if (d->terminated) return w.rule(call, "display " + num(d->id) + " used after vaTerminate", nullptr);
+    if (initialized && !d->initialized) return w.rule(call, "display " + num(d->id) + " not initialised", nullptr);
     return d.get();
   }
-  return rule(w, call, "unknown display handle", nullptr);
+  return w.rule(call, "unknown display handle", nullptr);
 }
 
 // The live object of the display that an ID names, or null with the rule recorded.
@@ -209,7 +188,7 @@ T* live(World& w, const char* call, const Display* d, VAGenericID id) {
     what += " is of another display";
   else
     return o;
-  return rule(w, call, what, nullptr);
+  return w.rule(call, what, nullptr);
 }
 
 template <typename T>
@@ -375,16 +354,16 @@ int give(const std::optional<T>& value, T* out) {
 // The function name doubles as the log entry; __func__ is the plain name.
 #define FAKE_ENTER()                                          \
   FAKE_LOCK();                                                \
-  if (const std::optional<int> injected = enter(w, __func__)) \
+  if (const std::optional<int> injected = w.enter(__func__)) \
   return static_cast<VAStatus>(*injected)
 
 // The calls that answer with no status: an injected failure makes them answer
 // null or 0, as libva does for a display it refuses.
 #define FAKE_ENTER_OR(value) \
   FAKE_LOCK();               \
-  if (enter(w, __func__).value_or(0) != 0) return value
+  if (w.enter(__func__).value_or(0) != 0) return value
 
-#define FAKE_RULE(what, status) rule(w, __func__, what, status)
+#define FAKE_RULE(what, status) w.rule(__func__, what, status)
 
 #define FAKE_DISPLAY(fail)                    \
   Display* d = findDisplay(w, __func__, dpy); \
@@ -708,7 +687,7 @@ FAKE_EXPORT VAStatus vaBeginPicture(VADisplay dpy, VAContextID context, VASurfac
 
 FAKE_EXPORT VAStatus vaRenderPicture(VADisplay dpy, VAContextID context, VABufferID* ids, int count) {
   FAKE_LOCK();
-  if (const std::optional<int> injected = enter(w, __func__)) {
+  if (const std::optional<int> injected = w.enter(__func__)) {
     if (Context* c = openContext(w, context); c && *injected) c->refused = true;
     return *injected;
   }
@@ -752,7 +731,7 @@ FAKE_EXPORT VAStatus vaRenderPicture(VADisplay dpy, VAContextID context, VABuffe
 
 FAKE_EXPORT VAStatus vaEndPicture(VADisplay dpy, VAContextID context) {
   FAKE_LOCK();
-  if (const std::optional<int> injected = enter(w, __func__)) {
+  if (const std::optional<int> injected = w.enter(__func__)) {
     // The picture is lost, but over: a client has no other way out of it.
     if (Context* c = openContext(w, context)) c->open = false;
     return *injected;
@@ -764,7 +743,7 @@ FAKE_EXPORT VAStatus vaEndPicture(VADisplay dpy, VAContextID context) {
   if (c->refused) return VA_STATUS_ERROR_OPERATION_FAILED;  // a driver that refused a render codes nothing
   const char* call = __func__;  // a lambda's own __func__ is not the call's
   auto fault = [&](const std::string& what) {
-    rule(w, call, "picture " + std::to_string(c->pictures) + " of context " + num(c->id) + ": " + what, 0);
+    w.rule(call, "picture " + std::to_string(c->pictures) + " of context " + num(c->id) + ": " + what, 0);
   };
   if (c->pics.size() != 1) fault(std::to_string(c->pics.size()) + " picture parameter buffers, not one");
   if (c->pics.empty()) return VA_STATUS_ERROR_INVALID_PARAMETER;
@@ -881,21 +860,11 @@ void FakeVa_SetEncodeProfiles(const VAProfile* profiles, int count) {
   w.encodeProfiles.assign(profiles, profiles + (profiles && count > 0 ? count : 0));
 }
 
-void FakeVa_Fail(const char* call, int status, int occurrence) {
-  FAKE_LOCK();
-  if (call && occurrence >= 0) w.failures.add(call, status, occurrence);
-}
+void FakeVa_Fail(const char* call, int status, int occurrence) { FAKE_LOCK(); w.fail(call, status, occurrence); }
 
-void FakeVa_AddAccessUnit(const uint8_t* annexB, size_t size) {
-  FAKE_LOCK();
-  w.clip.emplace_back(annexB, annexB + (annexB ? size : 0));
-}
+void FakeVa_AddAccessUnit(const uint8_t* annexB, size_t size) { FAKE_LOCK(); w.addAccessUnit(annexB, size); }
 
-const char* FakeVa_CallLog(void) {
-  FAKE_LOCK();
-  w.logCopy = w.log;
-  return w.logCopy.c_str();
-}
+const char* FakeVa_CallLog(void) { FAKE_LOCK(); return w.callLog(); }
 
 int FakeVa_Config(VAProfile* profile, VAEntrypoint* entrypoint, uint32_t* rtFormat, uint32_t* rateControl) {
   FAKE_LOCK();
@@ -926,9 +895,7 @@ int FakeVa_PictureCount(void) { FAKE_LOCK(); return static_cast<int>(w.pictures.
 
 int FakeVa_Picture(int index, FakeVaPicture* out) {
   FAKE_LOCK();
-  if (index < 0 || static_cast<size_t>(index) >= w.pictures.size() || !out) return 0;
-  *out = w.pictures[static_cast<size_t>(index)].picture;
-  return 1;
+  return kestrium::fake::pictureAt(w.pictures, index, out);
 }
 
 const char* FakeVa_Violations(void) {

@@ -60,15 +60,10 @@ struct Recorded {
 };
 
 // Everything a reset returns to its start.
-struct World {
+struct World : kestrium::fake::Journal {
   bool noGpu = false, requireVaDisplay = true;
   int suggestedSurfaces = 4, delay = 0;
   int bufferSizeInKB = 0;  // what GetVideoParam says; 0: room for any frame
-  std::vector<std::vector<uint8_t>> clip;
-  kestrium::fake::Failures failures;
-
-  std::string log, violations;
-  std::string logCopy, violationsCopy;  // what the test was last handed
   std::deque<Recorded> pictures;        // a deque, so the handed-out pixels never move
   bool haveInit = false;
   mfxVideoParam init{};
@@ -106,19 +101,7 @@ State& state() {
   return *s;
 }
 
-// Logs the call and tells whether the test made it fail this time.
-std::optional<int> enter(World& w, const char* call) {
-  w.log += call;
-  w.log += '\n';
-  return w.failures.take(call);
-}
-
-mfxStatus rule(World& w, const char* call, const std::string& what, mfxStatus status) {
-  w.violations += std::string(call) + ": " + what + '\n';
-  return status;
-}
-
-std::string num(int n) { return "#" + std::to_string(n); }
+using kestrium::fake::num;
 
 // The session a handle names, or null with the rule recorded.
 _mfxSession* findSession(World& w, const char* call, mfxSession handle) {
@@ -128,7 +111,7 @@ _mfxSession* findSession(World& w, const char* call, mfxSession handle) {
       if (s->alive) return s.get();
       what = "session " + num(s->id) + " used after MFXClose";
     }
-  rule(w, call, what, MFX_ERR_NONE);
+  w.rule(call, what, MFX_ERR_NONE);
   return nullptr;
 }
 
@@ -171,7 +154,7 @@ mfxStatus injected(World& w, mfxSession handle, int status) {
 
 // The function name doubles as the log entry; __func__ is the plain name.
 #define FAKE_INJECT(handle) \
-  if (const std::optional<int> status = enter(w, __func__)) return injected(w, handle, *status)
+  if (const std::optional<int> status = w.enter(__func__)) return injected(w, handle, *status)
 
 #define FAKE_SESSION(handle)                         \
   _mfxSession* s = findSession(w, __func__, handle); \
@@ -188,7 +171,7 @@ mfxStatus injected(World& w, mfxSession handle, int status) {
   FAKE_INJECT(handle);            \
   FAKE_SESSION(handle)
 
-#define FAKE_RULE(what, status) rule(w, __func__, what, status)
+#define FAKE_RULE(what, status) w.rule(__func__, what, status)
 
 // What the runtime answers before the encoder looks at any parameter: nothing
 // on a machine without the GPU, nothing on Linux before it has a VA display.
@@ -203,7 +186,7 @@ bool validParams(World& w, const char* call, const mfxVideoParam& p) {
   const mfxFrameInfo& f = p.mfx.FrameInfo;
   bool valid = true;
   auto check = [&](bool ok, const std::string& what) {
-    if (!ok) valid = false, rule(w, call, what, MFX_ERR_NONE);
+    if (!ok) valid = false, w.rule(call, what, MFX_ERR_NONE);
   };
   const std::string size = std::to_string(f.Width) + "x" + std::to_string(f.Height);
   check(p.IOPattern == MFX_IOPATTERN_IN_SYSTEM_MEMORY, "IOPattern is not MFX_IOPATTERN_IN_SYSTEM_MEMORY");
@@ -225,22 +208,7 @@ bool validParams(World& w, const char* call, const mfxVideoParam& p) {
   return valid;
 }
 
-// The first NAL unit of that type in a clip unit, behind 00 00 00 01; empty
-// when there is none. It ends at the next start code, without the zero byte
-// of a four-byte one.
-std::vector<uint8_t> findNal(const std::vector<uint8_t>& unit, int type) {
-  auto startCode = [&](size_t i) { return i + 2 < unit.size() && !unit[i] && !unit[i + 1] && unit[i + 2] == 1; };
-  for (size_t i = 0; i + 3 < unit.size(); ++i) {
-    if (!startCode(i) || (unit[i + 3] & 0x1F) != type) continue;
-    size_t end = i + 3;
-    while (end < unit.size() && !startCode(end)) ++end;
-    while (end < unit.size() && end > i + 3 && !unit[end - 1]) --end;
-    std::vector<uint8_t> nal{0, 0, 0, 1};
-    nal.insert(nal.end(), &unit[i + 3], unit.data() + end);
-    return nal;
-  }
-  return {};
-}
+using kestrium::fake::findNal;
 
 // Room for any coded frame of the clip and for a frame that would not compress
 // at all, in the units of BufferSizeInKB.
@@ -262,15 +230,15 @@ void copyParams(mfxVideoParam& to, const mfxVideoParam& from) {
 }
 
 mfxStatus initSession(World& w, const char* call, mfxIMPL impl, const mfxVersion* ver, mfxSession* session) {
-  if (!session) return rule(w, call, "null session pointer", MFX_ERR_NULL_PTR);
+  if (!session) return w.rule(call, "null session pointer", MFX_ERR_NULL_PTR);
   *session = nullptr;
-  if (!ver) return rule(w, call, "null version", MFX_ERR_NULL_PTR);
+  if (!ver) return w.rule(call, "null version", MFX_ERR_NULL_PTR);
   if (ver->Major > 2)
-    return rule(w, call, "version " + std::to_string(ver->Major) + "." + std::to_string(ver->Minor) + " asked for",
+    return w.rule(call, "version " + std::to_string(ver->Major) + "." + std::to_string(ver->Minor) + " asked for",
                 MFX_ERR_UNSUPPORTED);
   const mfxIMPL base = MFX_IMPL_BASETYPE(impl);
   if (base == MFX_IMPL_SOFTWARE) return MFX_ERR_UNSUPPORTED;  // only the GPU runtime is installed
-  if (base > MFX_IMPL_HARDWARE4) return rule(w, call, "implementation " + std::to_string(impl), MFX_ERR_UNSUPPORTED);
+  if (base > MFX_IMPL_HARDWARE4) return w.rule(call, "implementation " + std::to_string(impl), MFX_ERR_UNSUPPORTED);
   auto s = std::make_unique<_mfxSession>();
   s->id = w.nextId++;
   *session = s.get();
@@ -527,21 +495,11 @@ void FakeVpl_SetSuggestedSurfaces(int count) { FAKE_LOCK(); w.suggestedSurfaces 
 void FakeVpl_SetDelay(int pictures) { FAKE_LOCK(); w.delay = std::max(pictures, 0); }
 void FakeVpl_SetBufferSizeInKB(int kb) { FAKE_LOCK(); w.bufferSizeInKB = std::clamp(kb, 0, 65535); }
 
-void FakeVpl_Fail(const char* call, int status, int occurrence) {
-  FAKE_LOCK();
-  if (call && occurrence >= 0) w.failures.add(call, status, occurrence);
-}
+void FakeVpl_Fail(const char* call, int status, int occurrence) { FAKE_LOCK(); w.fail(call, status, occurrence); }
 
-void FakeVpl_AddAccessUnit(const uint8_t* annexB, size_t size) {
-  FAKE_LOCK();
-  w.clip.emplace_back(annexB, annexB + (annexB ? size : 0));
-}
+void FakeVpl_AddAccessUnit(const uint8_t* annexB, size_t size) { FAKE_LOCK(); w.addAccessUnit(annexB, size); }
 
-const char* FakeVpl_CallLog(void) {
-  FAKE_LOCK();
-  w.logCopy = w.log;
-  return w.logCopy.c_str();
-}
+const char* FakeVpl_CallLog(void) { FAKE_LOCK(); return w.callLog(); }
 
 int FakeVpl_InitParams(mfxVideoParam* params) {
   FAKE_LOCK();
@@ -556,9 +514,7 @@ int FakeVpl_PictureCount(void) { FAKE_LOCK(); return static_cast<int>(w.pictures
 
 int FakeVpl_Picture(int index, FakeVplPicture* out) {
   FAKE_LOCK();
-  if (index < 0 || static_cast<size_t>(index) >= w.pictures.size() || !out) return 0;
-  *out = w.pictures[static_cast<size_t>(index)].picture;
-  return 1;
+  return kestrium::fake::pictureAt(w.pictures, index, out);
 }
 
 const char* FakeVpl_Violations(void) {
