@@ -1,16 +1,60 @@
 #pragma once
 
-// Reads an AVI file back chunk by chunk, with every chunk's place in the file,
-// so that tests can check the layout byte by byte.
+// What the AVI tests share: the product's muxer set up as the recording output
+// sets it up, and a reader of the file back chunk by chunk, with every chunk's
+// place in the file, so that tests can check the layout byte by byte.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "fileOutput/AVIOutputFile.h"
+#include "fileOutput/WaveFormat.h"
+#include "videoEncoder/BitmapInfoHeader.h"
+
 namespace kestrium::test {
+
+// An AVIOutputFile of width x height frames of the given codec at 30 fps, with
+// `audio` streams of 48 kHz stereo PCM, writing to path (open for others to read,
+// as a killed writer leaves it).
+inline std::unique_ptr<AVIOutputFile> openAvi(const std::filesystem::path& path, int64_t segmentLimit, uint32_t width,
+                                              uint32_t height, uint32_t compression, int audio = 0,
+                                              size_t formatSize = 40) {
+  auto avi = std::make_unique<AVIOutputFile>(segmentLimit);
+  avi->initOutputStreams();
+  AVIVideoOutputStream& video = *avi->videoStream();
+  video.header.fccType = fourcc("vids");
+  video.header.fccHandler = compression;
+  video.header.dwScale = 1000;
+  video.header.dwRate = 30000;
+  video.header.dwLength = 1;
+  video.chunkId = fourcc(compression == 0 ? "00db" : "00dc");
+  const BitmapInfoHeader bi = makeBitmapHeader(static_cast<int32_t>(width), static_cast<int32_t>(height),
+                                               compression == 0 ? 24 : 16, compression, 0);
+  video.format.assign(formatSize, std::byte{0});
+  std::memcpy(video.format.data(), &bi, std::min(formatSize, sizeof bi));
+  const WaveFormat pcm = WaveFormat::pcm(48000, 2, 16);
+  for (int i = 0; i < audio; ++i) {
+    AVIAudioOutputStream& a = *avi->audioStream(i);
+    a.header.fccType = fourcc("auds");
+    a.header.dwScale = 4;
+    a.header.dwRate = 192000;
+    a.header.dwLength = 1;
+    a.header.dwSampleSize = 4;
+    a.format.assign(pcm.bytes().begin(), pcm.bytes().end());
+  }
+  platform::File file;
+  if (!file.open(path, platform::File::Mode::CreateAlways) ||
+      avi->init(std::move(file), path, width, height, 1, (1u << audio) - 1, 100000, 1) != 1) {
+    return nullptr;
+  }
+  return avi;
+}
 
 struct AviChunk {
   std::string code;  // "RIFF", "LIST", "00dc", ...

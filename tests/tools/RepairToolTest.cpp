@@ -7,9 +7,8 @@
 
 #include <cstring>
 #include <fstream>
-#include <string_view>
 
-#include "fileOutput/AVIOutputFile.h"
+#include "tests/fileOutput/AviParser.h"
 #include "tests/support/TestSupport.h"
 #include "tools/AviReader.h"
 #include "tools/Repair.h"
@@ -23,27 +22,6 @@ struct Written {
   uint64_t end;  // where its data end in the file, before a pad byte
 };
 
-// An H.264 frame behind a start code: an IDR picture or another slice.
-std::vector<std::byte> h264Frame(bool idr, size_t size) {
-  std::vector<std::byte> frame(size, std::byte{0x5A});
-  const uint8_t head[5] = {0, 0, 0, 1, static_cast<uint8_t>(idr ? 0x65 : 0x41)};
-  std::memcpy(frame.data(), head, 5);
-  return frame;
-}
-
-// The key flags of the video entries of a file's legacy index.
-std::vector<bool> indexedKeys(const std::vector<char>& bytes) {
-  std::vector<bool> keys;
-  const auto* data = reinterpret_cast<const std::byte*>(bytes.data());
-  const size_t at = std::string_view(bytes.data(), bytes.size()).rfind("idx1");
-  if (at == std::string_view::npos) return keys;
-  const uint32_t size = tools::readLe32(data + at + 4);
-  for (size_t e = at + 8; e + 16 <= at + 8 + size; e += 16) {
-    if (std::memcmp(data + e, "00dc", 4) == 0) keys.push_back((tools::readLe32(data + e + 4) & kAviKeyFrame) != 0);
-  }
-  return keys;
-}
-
 class AviRepairTest : public ::testing::TestWithParam<int64_t> {
  protected:
   // 40 frames of H.264 (an IDR picture every tenth, odd sizes among them) with
@@ -51,33 +29,20 @@ class AviRepairTest : public ::testing::TestWithParam<int64_t> {
   // the file.
   std::vector<char> killedFile(std::vector<Written>& written) {
     const auto path = folder_.path() / "killed.avi";
-    platform::File file;
-    EXPECT_TRUE(file.open(path, platform::File::Mode::CreateAlways));
-    AVIOutputFile avi(GetParam());
-    EXPECT_EQ(avi.initOutputStreams(), 1);
-    AVIVideoOutputStream& video = *avi.videoStream();
-    video.header.fccType = fourcc("vids");
-    video.header.fccHandler = fourcc("H264");
-    video.header.dwScale = 1000;
-    video.header.dwRate = 30000;
-    video.format.assign(40, std::byte{0});
-    const uint32_t bi[5] = {40, 64, 48, 1 | (24u << 16), fourcc("H264")};
-    std::memcpy(video.format.data(), bi, sizeof bi);
-    AVIAudioOutputStream& audio = *avi.audioStream(0);
-    audio.header.fccType = fourcc("auds");
-    audio.header.dwScale = 4;
-    audio.header.dwRate = 192000;
-    audio.header.dwSampleSize = 4;
-    const uint16_t wave[8] = {1, 2, 48000 & 0xFFFF, 0, 0xEE00, 2, 4, 16};  // PCM, 2 channels, 48 kHz
-    audio.format.assign(reinterpret_cast<const std::byte*>(wave), reinterpret_cast<const std::byte*>(wave) + 16);
-    EXPECT_EQ(avi.init(std::move(file), path, 64, 48, 1, 1, 100000, 1), 1);
-    for (int i = 0; i < 40; ++i) {
+    auto avi = test::openAvi(path, GetParam(), 64, 48, fourcc("H264"), 1);
+    EXPECT_TRUE(avi != nullptr);
+    for (int i = 0; i < 40 && avi != nullptr; ++i) {
       const bool key = i % 10 == 0;
       const size_t size = 301 + static_cast<size_t>(i) * 37;
-      video.write(key ? kAviKeyFrame : 0, h264Frame(key, size), 1, 0);
+      // An H.264 frame behind a start code: an IDR picture or another slice.
+      std::vector<std::byte> frame(size, std::byte{0x5A});
+      frame[3] = std::byte{1};
+      frame[4] = std::byte{static_cast<uint8_t>(key ? 0x65 : 0x41)};
+      frame[0] = frame[1] = frame[2] = std::byte{0};
+      avi->videoStream()->write(key ? kAviKeyFrame : 0, frame, 1, 0);
       written.push_back({true, key, std::filesystem::file_size(path) - (size & 1)});
       if (i % 2 == 1) {
-        audio.write(0, std::vector<std::byte>(400, std::byte{7}), 0, 1);
+        avi->audioStream(0)->write(0, std::vector<std::byte>(400, std::byte{7}), 0, 1);
         written.push_back({false, false, static_cast<uint64_t>(std::filesystem::file_size(path))});
       }
     }
@@ -119,8 +84,14 @@ TEST_P(AviRepairTest, EveryWholeChunkBeforeTheCutIsKept) {
     ASSERT_TRUE(reader.open(source, error)) << error;
     EXPECT_EQ(reader.frames().size(), keys.size());
     EXPECT_EQ(reader.video().length, keys.size());
-    // The legacy index covers the first segment.
-    const std::vector<bool> indexed = indexedKeys(test::readBytes(repaired));
+    // The legacy index covers the first segment, with the key flags of its frames.
+    const test::AviFile file(repaired);
+    const test::AviChunk* idx1 = file.top.at(0).find("idx1");
+    ASSERT_NE(idx1, nullptr);
+    std::vector<bool> indexed;
+    for (int64_t e = idx1->dataPosition(); e + 16 <= idx1->dataPosition() + idx1->size; e += 16) {
+      if (file.text(e, 4) == "00dc") indexed.push_back((file.u32(e + 4) & kAviKeyFrame) != 0);
+    }
     ASSERT_FALSE(indexed.empty());
     EXPECT_EQ(indexed, std::vector<bool>(keys.begin(), keys.begin() + static_cast<ptrdiff_t>(indexed.size())));
   }

@@ -48,10 +48,6 @@ Frame pattern(int width, int height) {
   return f;
 }
 
-Frame flat(int width, int height, uint8_t value) {
-  return {width, height, std::vector<std::byte>(static_cast<size_t>(width) * height * 3, std::byte{value})};
-}
-
 Frame noise(int width, int height) {
   Frame f{width, height, std::vector<std::byte>(static_cast<size_t>(width) * height * 3)};
   std::mt19937 random(7);
@@ -211,13 +207,6 @@ INSTANTIATE_TEST_SUITE_P(Settings, JPEGHeaderTest,
                                            HeaderCase{CJPEGEncoder::kSampling444, 100},
                                            HeaderCase{CJPEGEncoder::kSampling444, 10}));
 
-TEST(JPEGTableTest, QualityHundredMakesEveryEntryOneAndFiftyKeepsTheStandard) {
-  EXPECT_EQ(scaledZigzag(kLuma, 100), std::vector<uint8_t>(64, 1));
-  const auto fifty = scaledZigzag(kLuma, 50);
-  EXPECT_EQ(fifty[0], 16);
-  EXPECT_EQ(fifty[63], 99);
-}
-
 struct QualityCase {
   int width, height, sampling, fullRange;
   double minimumPsnr;
@@ -257,7 +246,7 @@ class JPEGRangeTest : public ::testing::TestWithParam<RangeCase> {};
 // Without the full range, luma goes from 16 to 235; chroma stays centred.
 TEST_P(JPEGRangeTest, LumaOfBlackAndWhite) {
   const auto c = GetParam();
-  const auto [result, jpeg] = encode(flat(40, 24, c.value), c.sampling, 90, c.fullRange);
+  const auto [result, jpeg] = encode(Frame{40, 24, std::vector<std::byte>(40 * 24 * 3, std::byte{c.value})}, c.sampling, 90, c.fullRange);
   ASSERT_EQ(result, 0);
   const Decoded d = decode(jpeg, true);
   ASSERT_EQ(d.pixels.size(), 40u * 24 * 3);
@@ -276,18 +265,9 @@ INSTANTIATE_TEST_SUITE_P(Ranges, JPEGRangeTest,
                                            RangeCase{255, CJPEGEncoder::kSampling444, 1, 255},
                                            RangeCase{0, CJPEGEncoder::kSampling444, 1, 0}));
 
-// A stream larger than the sink's buffer is reported, and nothing goes past it.
-TEST(JPEGSinkTest, StreamLargerThanTheBufferIsRefusedNotCut) {
-  const Frame f = noise(64, 64);
-  const auto [result, jpeg] = encode(f, CJPEGEncoder::kSampling444, 100, 1, 5000);
-  EXPECT_EQ(result, CJPEGEncoder::kSinkShort);
-  EXPECT_LE(jpeg.size(), 5000u);
-  const auto [fits, whole] = encode(f, CJPEGEncoder::kSampling444, 100, 1, 64 * 64 * 3 * 2);
-  EXPECT_EQ(fits, 0);
-  EXPECT_GT(whole.size(), 5000u);
-}
-
-TEST(JPEGParameterTest, BadParametersAreRefused) {
+// Bad parameters are refused; a stream larger than the sink's buffer is
+// reported, and nothing goes past the buffer.
+TEST(JPEGRefusalTest, BadParametersAndAStreamLargerThanTheBuffer) {
   CJPEGEncoder engine;
   CJPGOutput out;
   EXPECT_EQ(engine.SetSource({}, 1), CJPEGEncoder::kBadParameter);
@@ -296,6 +276,14 @@ TEST(JPEGParameterTest, BadParametersAreRefused) {
   EXPECT_EQ(engine.SetParameters(0, 101), CJPEGEncoder::kBadParameter);
   EXPECT_EQ(engine.Prepare(&out), CJPEGEncoder::kBadParameter) << "no source yet";
   EXPECT_EQ(engine.WriteHeader(), CJPEGEncoder::kBadParameter);
+
+  const Frame f = noise(64, 64);
+  const auto [result, jpeg] = encode(f, CJPEGEncoder::kSampling444, 100, 1, 5000);
+  EXPECT_EQ(result, CJPEGEncoder::kSinkShort);
+  EXPECT_LE(jpeg.size(), 5000u);
+  const auto [fits, whole] = encode(f, CJPEGEncoder::kSampling444, 100, 1, 64 * 64 * 3 * 2);
+  EXPECT_EQ(fits, 0);
+  EXPECT_GT(whole.size(), 5000u);
 }
 
 }  // namespace
