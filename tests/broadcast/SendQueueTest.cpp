@@ -15,10 +15,8 @@
 namespace kestrium {
 namespace {
 
-constexpr int kInter = NetworkStream::kVideo;
-constexpr int kRef = NetworkStream::kReferenceVideo;
-constexpr int kKey = NetworkStream::kKeyFrame;
-constexpr int kAudio = NetworkStream::kAudio;
+constexpr int kInter = NetworkStream::kVideo, kRef = NetworkStream::kReferenceVideo;
+constexpr int kKey = NetworkStream::kKeyFrame, kAudio = NetworkStream::kAudio;
 
 // A frame whose block says which one it is, so that order can be checked.
 QueuedFrame frame(uint32_t timestamp, int type, uint8_t tag = 0) {
@@ -28,111 +26,93 @@ QueuedFrame frame(uint32_t timestamp, int type, uint8_t tag = 0) {
 }
 uint8_t tagOf(const QueuedFrame& f) { return static_cast<uint8_t>(f.block.back()); }
 
+// A queue as "tag@time tag@time ...", in its order.
+template <typename Queue>
+std::string render(const Queue& q) {
+  std::string out;
+  for (size_t i = 0; i < q.size(); ++i) {
+    out += (out.empty() ? "" : " ") + std::to_string(tagOf(q[i])) + "@" + std::to_string(q[i].timestamp);
+  }
+  return out;
+}
+
 // --- interleave queue -------------------------------------------------------
 
-struct Interleave {
-  InterleaveQueue queue;
-  std::vector<QueuedFrame> out;
-  void push(uint32_t t, int type, bool connected, uint8_t tag = 0) { queue.push(frame(t, type, tag), connected, out); }
+struct Push {
+  uint32_t time;
+  int type;
+  bool connected;
+  uint8_t tag;
+};
+struct InterleaveCase {
+  const char* name;
+  std::vector<Push> pushes;
+  std::string released, queued;
 };
 
-TEST(InterleaveQueueTest, BeforeTheConnectionOnlyTheLatestKeyFrameWaits) {
-  Interleave q;
-  q.push(100, kAudio, false);  // the very first frame may be sound: it is dropped
-  q.push(133, kKey, false, 1);
-  q.push(166, kInter, false);
-  q.push(200, kKey, false, 2);
-  q.push(210, kAudio, false);
-  ASSERT_EQ(q.queue.size(), 1u);
-  EXPECT_EQ(tagOf(q.queue[0]), 2);
-  EXPECT_TRUE(q.out.empty());
+class InterleaveTest : public ::testing::TestWithParam<InterleaveCase> {};
+
+TEST_P(InterleaveTest, ReleasesAndQueuesInTimeOrder) {
+  InterleaveQueue queue;
+  std::vector<QueuedFrame> out;
+  for (const Push& p : GetParam().pushes) queue.push(frame(p.time, p.type, p.tag), p.connected, out);
+  EXPECT_EQ(render(out), GetParam().released);
+  EXPECT_EQ(render(queue), GetParam().queued);
 }
 
-TEST(InterleaveQueueTest, KeyFrameWaitingAtConnectionOpensTheStreamAtZero) {
-  Interleave q;
-  q.push(5000, kKey, false, 1);
-  q.push(5033, kInter, true, 2);  // the connection came up between the two
-  ASSERT_EQ(q.out.size(), 1u);
-  EXPECT_EQ(tagOf(q.out[0]), 1);
-  EXPECT_EQ(q.out[0].timestamp, 0u);
-  ASSERT_EQ(q.queue.size(), 1u);
-  EXPECT_EQ(q.queue[0].timestamp, 0u);  // counted from itself
-}
-
-TEST(InterleaveQueueTest, KeyFrameAtConnectionReplacesTheWaitingOne) {
-  Interleave q;
-  q.push(5000, kKey, false, 1);
-  q.push(5033, kKey, true, 2);
-  EXPECT_TRUE(q.out.empty());
-  ASSERT_EQ(q.queue.size(), 1u);
-  EXPECT_EQ(tagOf(q.queue[0]), 2);
-  EXPECT_EQ(q.queue[0].timestamp, 0u);
-}
+constexpr uint32_t kWrap = 0xFFFFFF00u;
+INSTANTIATE_TEST_SUITE_P(
+    Scripts, InterleaveTest,
+    ::testing::Values(
+        // Before the connection only the latest key frame waits; a first frame of sound is dropped.
+        InterleaveCase{"BeforeTheConnectionOnlyTheLatestKeyFrameWaits",
+                       {{100, kAudio, false, 0}, {133, kKey, false, 1}, {166, kInter, false, 0},
+                        {200, kKey, false, 2}, {210, kAudio, false, 0}},
+                       "", "2@200"},
+        // The connection came up between the two: the stream opens at 0, and the next frame counts from itself.
+        InterleaveCase{"KeyFrameWaitingAtConnectionOpensTheStreamAtZero",
+                       {{5000, kKey, false, 1}, {5033, kInter, true, 2}}, "1@0", "2@0"},
+        InterleaveCase{"KeyFrameAtConnectionReplacesTheWaitingOne",
+                       {{5000, kKey, false, 1}, {5033, kKey, true, 2}}, "", "2@0"},
+        // Equal stamps keep their order of arrival.
+        InterleaveCase{"AudioIsSortedInAfterVideoOfTheSameTime",
+                       {{0, kKey, true, 1}, {33, kInter, true, 2}, {66, kInter, true, 3}, {33, kAudio, true, 4},
+                        {10, kAudio, true, 5}},
+                       "", "1@0 5@10 2@33 4@33 3@66"},
+        InterleaveCase{"TimeStampsThatWrapStayInOrder",
+                       {{kWrap, kKey, true, 1}, {kWrap + 0x80, kInter, true, 2}, {kWrap + 0x100, kInter, true, 3},
+                        {kWrap + 0xF0, kAudio, true, 4}},
+                       "", "1@0 2@128 4@240 3@256"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(InterleaveQueueTest, AFrameLeavesAfterNineOthersCame) {
-  Interleave q;
-  for (uint32_t i = 0; i < 10; ++i) q.push(1000 + 33 * i, i == 0 ? kKey : kInter, true, static_cast<uint8_t>(i));
-  EXPECT_TRUE(q.out.empty());
-  q.push(1330, kInter, true, 10);
-  ASSERT_EQ(q.out.size(), 1u);
-  EXPECT_EQ(tagOf(q.out[0]), 0);
-  EXPECT_EQ(q.queue.size(), InterleaveQueue::kDepth);
-}
-
-TEST(InterleaveQueueTest, AudioIsSortedInAfterVideoOfTheSameTime) {
-  Interleave q;
-  q.push(0, kKey, true, 1);
-  q.push(33, kInter, true, 2);
-  q.push(66, kInter, true, 3);
-  q.push(33, kAudio, true, 4);  // equal stamps keep their order of arrival
-  q.push(10, kAudio, true, 5);
-  std::vector<uint8_t> order;
-  for (size_t i = 0; i < q.queue.size(); ++i) order.push_back(tagOf(q.queue[i]));
-  EXPECT_EQ(order, (std::vector<uint8_t>{1, 5, 2, 4, 3}));
+  InterleaveQueue q;
+  std::vector<QueuedFrame> out;
+  for (uint8_t i = 0; i < 10; ++i) q.push(frame(1000 + 33 * i, i == 0 ? kKey : kInter, i), true, out);
+  EXPECT_TRUE(out.empty());
+  q.push(frame(1330, kInter, 10), true, out);
+  EXPECT_EQ(render(out), "0@0");
+  EXPECT_EQ(q.size(), InterleaveQueue::kDepth);
 }
 
 TEST(InterleaveQueueTest, AudioOffsetIsMeasuredOnceFromTheFirstAudioInAFullQueue) {
-  Interleave q;
+  InterleaveQueue q;
+  std::vector<QueuedFrame> out;
   // Video from 1000 ms, audio on a clock that is 300 ms ahead.
-  q.push(1000, kKey, true, 1);
-  for (uint32_t i = 1; i < 8; ++i) q.push(1000 + 33 * i, kInter, true);
-  q.push(1300, kAudio, true, 2);
-  q.push(1323, kAudio, true, 3);
-  EXPECT_FALSE(q.queue.offsetMeasured());
-  q.push(1264, kInter, true);
-  ASSERT_TRUE(q.queue.offsetMeasured());
-  EXPECT_EQ(q.queue.audioOffset(), 300u);
-  // The audio moved back to 0 and 23, right behind the key frame.
-  ASSERT_EQ(q.out.size(), 1u);
-  EXPECT_EQ(tagOf(q.out[0]), 1);
-  EXPECT_EQ(tagOf(q.queue[0]), 2);
-  EXPECT_EQ(q.queue[0].timestamp, 0u);
-  EXPECT_EQ(tagOf(q.queue[1]), 3);
-  EXPECT_EQ(q.queue[1].timestamp, 23u);
-  // Later audio has the offset taken off on the way in.
-  q.push(1346, kAudio, true, 4);
-  bool found = false;
-  for (size_t i = 0; i < q.queue.size(); ++i) {
-    if (tagOf(q.queue[i]) == 4) {
-      found = true;
-      EXPECT_EQ(q.queue[i].timestamp, 46u);
-      EXPECT_EQ(tagOf(q.queue[i - 1]), 0);  // behind the video frame at 33
-    }
-  }
-  EXPECT_TRUE(found);
-}
-
-TEST(InterleaveQueueTest, TimeStampsThatWrapStayInOrder) {
-  Interleave q;
-  const uint32_t start = 0xFFFFFF00u;
-  q.push(start, kKey, true, 1);
-  q.push(start + 0x80, kInter, true, 2);
-  q.push(start + 0x100, kInter, true, 3);  // wrapped to 0
-  q.push(start + 0xF0, kAudio, true, 4);
-  std::vector<uint8_t> order;
-  for (size_t i = 0; i < q.queue.size(); ++i) order.push_back(tagOf(q.queue[i]));
-  EXPECT_EQ(order, (std::vector<uint8_t>{1, 2, 4, 3}));
-  EXPECT_EQ(q.queue[3].timestamp, 0x100u);
+  q.push(frame(1000, kKey, 1), true, out);
+  for (uint32_t i = 1; i < 8; ++i) q.push(frame(1000 + 33 * i, kInter), true, out);
+  q.push(frame(1300, kAudio, 2), true, out);
+  q.push(frame(1323, kAudio, 3), true, out);
+  EXPECT_FALSE(q.offsetMeasured());
+  q.push(frame(1264, kInter), true, out);
+  ASSERT_TRUE(q.offsetMeasured());
+  EXPECT_EQ(q.audioOffset(), 300u);
+  // The audio moved back to 0 and 23, right behind the key frame; later audio
+  // has the offset taken off on the way in (46, behind the video frame at 33).
+  EXPECT_EQ(render(out), "1@0");
+  EXPECT_EQ(render(q).substr(0, 9), "2@0 3@23 ");
+  q.push(frame(1346, kAudio, 4), true, out);
+  EXPECT_NE(render(q).find(" 0@33 4@46 "), std::string::npos) << render(q);
 }
 
 // --- send queue ---------------------------------------------------------------
@@ -141,13 +121,10 @@ TEST(SendQueueTest, NothingGoesBeforeTheFirstKeyFrameAndTheFirstAudioIsAtZero) {
   SendQueue q;
   EXPECT_FALSE(q.admit(frame(10, kAudio), {}));
   EXPECT_FALSE(q.admit(frame(20, kInter), {}));
-  EXPECT_TRUE(q.admit(frame(33, kKey), {}));
-  EXPECT_TRUE(q.admit(frame(40, kAudio), {}));
-  EXPECT_TRUE(q.admit(frame(63, kAudio), {}));
-  ASSERT_EQ(q.size(), 3u);
-  EXPECT_EQ(q[0].timestamp, 0u);  // the first audio
-  EXPECT_EQ(q[1].timestamp, 33u);
-  EXPECT_EQ(q[2].timestamp, 63u);
+  for (const auto& [t, type] : {std::pair{33u, kKey}, {40u, kAudio}, {63u, kAudio}}) {
+    EXPECT_TRUE(q.admit(frame(t, type), {}));
+  }
+  EXPECT_EQ(render(q), "0@0 0@33 0@63");  // the first audio at 0
   EXPECT_EQ(q.counters().framesSeen, 3u);
   EXPECT_EQ(q.counters().videoFramesSeen, 1u);
 }
@@ -165,38 +142,28 @@ TEST(SendQueueTest, OnlyTheFirstKeyFrameCarriesTheStreamHeader) {
 
 TEST(SendQueueTest, DistancesCountFromTenThousandAndEqualStampsKeepArrivalOrder) {
   SendQueue q;
-  q.admit(frame(0, kKey, 1), {});
-  q.admit(frame(12, kAudio, 5), {});  // the first audio, at 0: behind the key frame at 0
-  q.admit(frame(33, kInter, 2), {});
-  q.admit(frame(33, kAudio, 3), {});
-  q.admit(frame(20, kAudio, 4), {});
-  std::vector<uint8_t> order;
-  std::vector<uint32_t> distances;
-  for (size_t i = 0; i < q.size(); ++i) {
-    order.push_back(tagOf(q[i]));
-    distances.push_back(q[i].distance);
+  // The first audio goes at 0: behind the key frame at 0.
+  for (const auto& [t, type, tag] : {std::tuple{0u, kKey, 1}, {12u, kAudio, 5}, {33u, kInter, 2}, {33u, kAudio, 3},
+                                     {20u, kAudio, 4}}) {
+    q.admit(frame(t, type, static_cast<uint8_t>(tag)), {});
   }
-  EXPECT_EQ(order, (std::vector<uint8_t>{1, 5, 4, 2, 3}));
+  EXPECT_EQ(render(q), "1@0 5@0 4@20 2@33 3@33");
   // Each new entry takes the distance of the last entry + 1, wherever it lands.
+  std::vector<uint32_t> distances;
+  for (size_t i = 0; i < q.size(); ++i) distances.push_back(q[i].distance);
   EXPECT_EQ(distances, (std::vector<uint32_t>{10000, 10001, 10004, 10002, 10003}));
 }
 
 // A queue whose opening key frame and first audio (which goes out at 0,
-// whatever its stamp) have already been taken by the send thread.
-SendQueue started() {
+// whatever its stamp) the send thread has taken, then a key frame at base and
+// inter frames every 33 ms with audio in between, spanning spanMs.
+SendQueue congested(uint32_t spanMs, uint32_t base = 1000) {
   SendQueue q;
   q.admit(frame(0, kKey), {});
   q.admit(frame(0, kAudio), {});
-  QueuedFrame f;
-  while (q.takeFirst(f)) {
+  for (QueuedFrame f; q.takeFirst(f);) {
   }
-  return q;
-}
-
-// A key frame at base, then inter frames every 33 ms with audio in between,
-// spanning spanMs.
-SendQueue congested(uint32_t spanMs, uint32_t base = 1000) {
-  SendQueue q = started();
+  if (spanMs == 0) return q;
   q.admit(frame(base, kKey, 0), {});
   uint8_t tag = 1;
   for (uint32_t t = 33; t < spanMs; t += 33) {
@@ -215,11 +182,8 @@ size_t countOf(const SendQueue& q, int type) {
 
 struct SpanCase {
   std::string name;
-  uint32_t spanMs;
-  uint32_t sinceLastPartialMs;
-  uint32_t audioOffset;
-  bool dropsInter;
-  bool setsMark;
+  uint32_t spanMs, sinceLastPartialMs, audioOffset;
+  bool dropsInter, setsMark;
 };
 
 class DropRules : public ::testing::TestWithParam<SpanCase> {};
@@ -228,15 +192,14 @@ TEST_P(DropRules, ARoundRemovesEveryInterFrameOnceTheSpanIsReached) {
   const SpanCase& c = GetParam();
   SendQueue q = congested(c.spanMs, 1000);
   const size_t audio = countOf(q, kAudio);
-  const uint32_t now = 50000;
-  q.setLastPartialDrop(now - c.sinceLastPartialMs);
-  q.applyDropRules(now, c.audioOffset);
+  q.setLastPartialDrop(50000 - c.sinceLastPartialMs);
+  q.applyDropRules(50000, c.audioOffset);
   EXPECT_EQ(countOf(q, kInter) == 0, c.dropsInter);
   EXPECT_EQ(countOf(q, kKey), 1u);  // key frames and sound are never thrown away
   EXPECT_EQ(countOf(q, kAudio), audio);
   EXPECT_EQ(q.lastDropMark() != 0, c.setsMark);
   if (c.dropsInter) {
-    EXPECT_EQ(q.counters().droppedOther, c.spanMs / 33 + (c.spanMs % 33 != 0 ? 1 : 0));
+    EXPECT_EQ(q.counters().droppedOther, (c.spanMs + 32) / 33);
   }
 }
 
@@ -265,38 +228,29 @@ TEST(DropRulesTest, TheDropMarkHoldsOffRoundsUntilTheQueuedFramesHaveLeft) {
   q.applyDropRules(100000, 0);
   EXPECT_GT(countOf(q, kInter), 20u);
   // Once the send thread has taken the frames up to the mark, rounds run again.
-  QueuedFrame f;
-  while (q.size() > 0 && !after(q[0].timestamp, mark)) q.takeFirst(f);
+  for (QueuedFrame f; q.size() > 0 && !after(q[0].timestamp, mark);) q.takeFirst(f);
   q.applyDropRules(100000, 0);
   EXPECT_EQ(countOf(q, kInter), 0u);
-}
 
-TEST(DropRulesTest, TheDropMarkComparesAcrossTheWrapOfTheClock) {
-  SendQueue q = congested(700, 0xFFFFFE00u);  // the stamps wrap inside the queue
-  q.setLastDropMark(0xFFFFFD00u);
-  q.applyDropRules(0, 0);
-  EXPECT_EQ(countOf(q, kInter), 0u);
-  EXPECT_EQ(q.lastDropMark(), 0xFFFFFE00u + 700u);
+  SendQueue wrapped = congested(700, 0xFFFFFE00u);  // the stamps wrap inside the queue
+  wrapped.setLastDropMark(0xFFFFFD00u);
+  wrapped.applyDropRules(0, 0);
+  EXPECT_EQ(countOf(wrapped, kInter), 0u);
+  EXPECT_EQ(wrapped.lastDropMark(), 0xFFFFFE00u + 700u);
 }
 
 TEST(DropRulesTest, AReferenceFrameTakesEveryFrameUpToTheNextKeyFrameWithIt) {
-  SendQueue q = started();
-  q.admit(frame(100, kKey, 0), {});
-  q.admit(frame(200, kRef, 1), {});
-  q.admit(frame(233, kInter, 2), {});
-  q.admit(frame(250, kAudio, 3), {});
-  q.admit(frame(266, kRef, 4), {});
-  q.admit(frame(300, kKey, 5), {});
-  q.admit(frame(333, kRef, 6), {});
-  q.admit(frame(366, kInter, 7), {});
-  q.admit(frame(800, kAudio, 8), {});
+  SendQueue q = congested(0);
+  for (const auto& [t, type, tag] : {std::tuple{100u, kKey, 0}, {200u, kRef, 1}, {233u, kInter, 2}, {250u, kAudio, 3},
+                                     {266u, kRef, 4}, {300u, kKey, 5}, {333u, kRef, 6}, {366u, kInter, 7},
+                                     {800u, kAudio, 8}}) {
+    q.admit(frame(t, type, static_cast<uint8_t>(tag)), {});
+  }
   q.applyDropRules(0, 0);
-  std::vector<uint8_t> left;
-  for (size_t i = 0; i < q.size(); ++i) left.push_back(tagOf(q[i]));
   // Inter frames go first; then the reference frame before the key frame at 200
   // goes alone, the one before it with what followed, and the last one, with no
   // key frame behind it, leaves the later frames to be kept out.
-  EXPECT_EQ(left, (std::vector<uint8_t>{0, 3, 5, 8}));
+  EXPECT_EQ(render(q), "0@100 3@250 5@300 8@800");
   EXPECT_EQ(q.counters().droppedReference, 3u);
   EXPECT_EQ(q.counters().droppedOther, 2u);
   EXPECT_EQ(q.minimumPriority(), kKey);

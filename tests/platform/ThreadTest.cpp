@@ -30,13 +30,10 @@ TEST(ThreadTest, JoinWaitsForTheBodyOrTimesOut) {
   EXPECT_TRUE(finished.load());
   EXPECT_FALSE(t.joinable());
   EXPECT_EQ(t.join(0), kWaitFailed);
-}
-
-TEST(ThreadTest, AThreadIsStartedOnce) {
-  Thread t;
-  ASSERT_TRUE(t.start([] {}));
-  EXPECT_FALSE(t.start([] {}));
-  EXPECT_EQ(t.join(kPatience), kWaitObject0);
+  Thread once;
+  ASSERT_TRUE(once.start([] {}));
+  EXPECT_FALSE(once.start([] {})) << "a thread is started once";
+  EXPECT_EQ(once.join(kPatience), kWaitObject0);
 }
 
 TEST(ThreadTest, TerminatedThreadIsNoLongerOurs) {

@@ -84,12 +84,9 @@ TEST_F(IFileWriterTest, TimeLimitKeepsUnderItsFramesAndDropsHeadAudioOneByOne) {
     ASSERT_LE(w->videoEntries(), 300u);
   }
   EXPECT_TRUE(w->writes.empty()) << "nothing reaches the file before begin";
-}
-
-TEST_F(IFileWriterTest, ZeroLimitKeepsOnePacket) {
-  auto w = make(0.0f);
-  for (uint32_t i = 0; i < 10; ++i) put(*w, i, i % 2, 0, i, 1);
-  EXPECT_EQ(w->listSize(), 1u);
+  auto zero = make(0.0f);
+  for (uint32_t i = 0; i < 10; ++i) put(*zero, i, i % 2, 0, i, 1);
+  EXPECT_EQ(zero->listSize(), 1u) << "a zero limit keeps one packet";
 }
 
 // The file starts at the first key frame of the list, whose time becomes the
@@ -209,23 +206,22 @@ TEST_F(IFileWriterTest, BufferedSecondsFollowTheVideoAtTheEnds) {
   EXPECT_EQ(audioOnly->bufferedSeconds(), 0.0f);
 }
 
-TEST_F(IFileWriterTest, StopWithDeleteDuringPrerecordingNeverOpensAFile) {
-  auto w = make(10.0f);
-  for (uint32_t i = 0; i < 50; ++i) put(*w, i, 0, 0, i, 1);
-  w->finish(true);
-  EXPECT_EQ(w->opens, 0);
-  EXPECT_TRUE(w->closes.empty());
-  EXPECT_TRUE(w->writes.empty());
-  EXPECT_EQ(w->listSize(), 0u);
-}
-
-TEST_F(IFileWriterTest, FailedOpenLeavesPrerecordingOn) {
+// A failed open leaves prerecording on with the list kept; a stop with delete
+// during prerecording never opens a file.
+TEST_F(IFileWriterTest, PrerecordingEndsOnlyInAnOpenFile) {
   auto w = make(10.0f);
   w->openResult = 0;
-  put(*w, 1, 0, 0, 0, 1);
+  for (uint32_t i = 0; i < 50; ++i) put(*w, i, 0, 0, i, 1);
   EXPECT_EQ(w->begin(), 0);
   EXPECT_TRUE(w->prerecording());
-  EXPECT_EQ(w->listSize(), 1u);
+  EXPECT_EQ(w->listSize(), 50u);
+  auto stopped = make(10.0f);
+  for (uint32_t i = 0; i < 50; ++i) put(*stopped, i, 0, 0, i, 1);
+  stopped->finish(true);
+  EXPECT_EQ(stopped->opens, 0);
+  EXPECT_TRUE(stopped->closes.empty());
+  EXPECT_TRUE(stopped->writes.empty());
+  EXPECT_EQ(stopped->listSize(), 0u);
 }
 
 struct PathCase {
@@ -239,16 +235,7 @@ class OutputPathTest : public IFileWriterTest, public ::testing::WithParamInterf
 
 TEST_P(OutputPathTest, PathComesFromNameDateAndFolders) {
   auto w = make(10.0f);
-  w->setClock([] {
-    platform::LocalTime t;
-    t.year = 2014;
-    t.month = 11;
-    t.day = 5;
-    t.hour = 10;
-    t.minute = 20;
-    t.second = 30;
-    return t;
-  });
+  w->setClock([] { return platform::LocalTime{2014, 11, 3, 5, 10, 20, 30, 0}; });
   w->setNames(GetParam().baseName, GetParam().byName, GetParam().byDate, 0);
   ASSERT_EQ(w->begin(), 1);
   const std::filesystem::path expected = folder_.path() / std::filesystem::path(GetParam().expected);

@@ -25,10 +25,6 @@ class DispatcherTest : public ::testing::Test {
     processLog().close();
   }
 
-  static CommandBlock named(uint32_t command, std::u16string_view name, uint32_t word = 0) {
-    return namedCommand(command, name, word);
-  }
-
   Recorder* add(const std::u16string& name) {
     auto recorder = std::make_unique<Recorder>(name);
     Recorder* raw = recorder.get();
@@ -43,12 +39,12 @@ class DispatcherTest : public ::testing::Test {
 };
 
 TEST_F(DispatcherTest, UnknownCommandGetsItsReplyAndAWarning) {
-  EXPECT_EQ(sendCommand(named(9, u"x"), kPatience), SendResult::Replied);
+  EXPECT_EQ(sendCommand(namedCommand(9, u"x", 0), kPatience), SendResult::Replied);
   EXPECT_NE(log().find(" | [Warning] *** CAP *** Unknown dispatcher command 9\r\n"), std::string::npos);
 }
 
 TEST_F(DispatcherTest, CommandWithoutReplyWordIsStillHandled) {
-  CommandBlock block = named(kCommandStop, u"quiet");
+  CommandBlock block = namedCommand(kCommandStop, u"quiet", 0);
   block.replyWanted = 0;
   EXPECT_EQ(sendCommand(block, kPatience), SendResult::Sent);
   // Nothing tells the sender when it has run; the log does, soon.
@@ -68,7 +64,7 @@ class DispatcherUnknownNameTest : public DispatcherTest, public ::testing::WithP
 
 TEST_P(DispatcherUnknownNameTest, CommandOnAnUnknownNameLogsItsErrorAndTouchesNoOther) {
   add(u"running");
-  EXPECT_EQ(sendCommand(named(GetParam().command, u"nosuch", 1), kPatience), SendResult::Replied);
+  EXPECT_EQ(sendCommand(namedCommand(GetParam().command, u"nosuch", 1), kPatience), SendResult::Replied);
   EXPECT_NE(log().find(std::string(" | ") + GetParam().line + "nosuch\r\n"), std::string::npos) << log();
   EXPECT_EQ(dispatcher_->recorderCount(), 1u);
 }
@@ -83,7 +79,7 @@ TEST_F(DispatcherTest, StopRemovesTheFirstRecorderOfTheNameOnly) {
   add(u"twin");
   add(u"twin");
   add(u"other");
-  EXPECT_EQ(sendCommand(named(kCommandStop, u"twin", 1), kPatience), SendResult::Replied);
+  EXPECT_EQ(sendCommand(namedCommand(kCommandStop, u"twin", 1), kPatience), SendResult::Replied);
   EXPECT_EQ(dispatcher_->recorderCount(), 2u);
   const std::string text = log();
   const size_t stopping = text.find("  *** CAP *** Stopping capture, recorder name    twin\r\n");
@@ -91,7 +87,7 @@ TEST_F(DispatcherTest, StopRemovesTheFirstRecorderOfTheNameOnly) {
   ASSERT_NE(stopping, std::string::npos);
   ASSERT_NE(deleting, std::string::npos);
   EXPECT_LT(stopping, deleting);
-  EXPECT_EQ(sendCommand(named(kCommandStop, u"twin"), kPatience), SendResult::Replied);
+  EXPECT_EQ(sendCommand(namedCommand(kCommandStop, u"twin", 0), kPatience), SendResult::Replied);
   EXPECT_EQ(dispatcher_->recorderCount(), 1u);
 }
 
@@ -99,9 +95,9 @@ TEST_F(DispatcherTest, StopRemovesTheFirstRecorderOfTheNameOnly) {
 // and the line is logged either way.
 TEST_F(DispatcherTest, PauseRingsOnlyWhenTheStateChanges) {
   Recorder* recorder = add(u"cap");
-  EXPECT_EQ(sendCommand(named(kCommandPause, u"cap", 1), kPatience), SendResult::Replied);
+  EXPECT_EQ(sendCommand(namedCommand(kCommandPause, u"cap", 1), kPatience), SendResult::Replied);
   EXPECT_EQ(recorder->pauseEvent().wait(0), platform::kWaitObject0);
-  EXPECT_EQ(sendCommand(named(kCommandPause, u"cap", 0), kPatience), SendResult::Replied);
+  EXPECT_EQ(sendCommand(namedCommand(kCommandPause, u"cap", 0), kPatience), SendResult::Replied);
   EXPECT_EQ(recorder->pauseEvent().wait(0), platform::kWaitTimeout) << "not paused, and asked not to be";
   const std::string text = log();
   EXPECT_NE(text.find("  *** CAP *** ** PAUSED ** for cap\r\n"), std::string::npos);
@@ -109,7 +105,7 @@ TEST_F(DispatcherTest, PauseRingsOnlyWhenTheStateChanges) {
 }
 
 TEST_F(DispatcherTest, NameWithoutTerminatorIsReadToTheEndOfItsField) {
-  CommandBlock block = named(kCommandStop, u"");
+  CommandBlock block = namedCommand(kCommandStop, u"", 0);
   std::fill(std::begin(block.stop.recorderName), std::end(block.stop.recorderName), u'n');
   EXPECT_EQ(sendCommand(block, kPatience), SendResult::Replied);
   EXPECT_NE(log().find("Cannot find recorder to delete " + std::string(1024, 'n') + "\r\n"), std::string::npos);
@@ -120,7 +116,7 @@ TEST_F(DispatcherTest, ShutdownLogsAndStopsTheRecordersItHolds) {
   add(u"b");
   dispatcher_.reset();
   EXPECT_NE(log().find("  *** CAP *** Stopping dispatcher...\r\n"), std::string::npos);
-  EXPECT_EQ(sendCommand(named(9, u"x"), 200), SendResult::NoServer) << "the channel went with the dispatcher";
+  EXPECT_EQ(sendCommand(namedCommand(9, u"x", 0), 200), SendResult::NoServer) << "the channel went with the dispatcher";
 }
 
 }  // namespace

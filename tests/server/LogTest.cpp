@@ -10,16 +10,9 @@
 namespace kestrium {
 namespace {
 
+// A Saturday, 21 November 2026.
 platform::LocalTime at(uint16_t hour, uint16_t minute, uint16_t second, uint16_t ms = 0) {
-  platform::LocalTime t;
-  t.year = 2026;
-  t.month = 11;
-  t.day = 21;
-  t.hour = hour;
-  t.minute = minute;
-  t.second = second;
-  t.milliseconds = ms;
-  return t;
+  return {2026, 11, 6, 21, hour, minute, second, ms};
 }
 
 class LogTest : public ::testing::Test {
@@ -43,8 +36,7 @@ TEST_F(LogTest, LineHasTimeAndRightAlignedProcessName) {
 }
 
 struct Gap {
-  platform::LocalTime first;
-  platform::LocalTime second;
+  platform::LocalTime first, second;
   bool blankLine;
 };
 

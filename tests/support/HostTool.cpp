@@ -45,8 +45,6 @@ bool looksLikeWindowsPath(const std::string& text) {
 
 }  // namespace
 
-bool hostToolsRun() { return !unixPathOf("C:\\").empty(); }
-
 std::string hostPath(const std::filesystem::path& path) { return unixPathOf(path.string()); }
 
 int runHostTool(const std::string& tool, const std::vector<std::string>& args, std::string& output) {

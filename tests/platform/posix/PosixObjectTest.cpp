@@ -80,7 +80,8 @@ ChildProcess startHelper(const std::string& scenario, const std::string& arg, co
   return child;
 }
 
-TEST(PosixObjectTest, ObjectsAndTheNamespaceLockAreReadableOnlyByTheirUser) {
+// Objects and the namespace lock are 0600 and ours: another user cannot open them.
+TEST(PosixObjectTest, ObjectsAndTheNamespaceLockAreOnlyTheirUsers) {
   const std::u16string name = test::uniquePrefix();
   SharedMapping map(name + u".map", 64);
   NamedMutex mutex;
@@ -95,16 +96,8 @@ TEST(PosixObjectTest, ObjectsAndTheNamespaceLockAreReadableOnlyByTheirUser) {
     EXPECT_EQ(st->st_mode & 0777, 0600u) << shmName;
     EXPECT_EQ(st->st_uid, geteuid()) << shmName;
   }
-}
-
-TEST(PosixObjectTest, AnotherUserCannotOpenTheObjects) {
-  if (geteuid() != 0) {
-    GTEST_SKIP() << "needs root to become another user";
-  }
-  const std::u16string name = test::uniquePrefix();
-  SharedMapping map(name, 64);
-  ASSERT_TRUE(map.open());
-  const std::string shmName = posix::objectShmName(name);
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+  const std::string shmName = posix::objectShmName(name + u".map");
   const pid_t pid = fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
@@ -115,9 +108,7 @@ TEST(PosixObjectTest, AnotherUserCannotOpenTheObjects) {
   int status = 0;
   ASSERT_EQ(waitpid(pid, &status, 0), pid);
   ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 2) {
-    GTEST_SKIP() << "this machine does not let root change user";
-  }
+  if (WEXITSTATUS(status) == 2) GTEST_SKIP() << "this machine does not let root change user";
   EXPECT_EQ(WEXITSTATUS(status), 0) << "another user opened our object";
 }
 
@@ -159,19 +150,6 @@ INSTANTIATE_TEST_SUITE_P(Kinds, ImpostorTest,
                          ::testing::Values(Impostor{0666, false}, Impostor{0640, false}, Impostor{0600, true}),
                          [](const auto& info) { return "Case" + std::to_string(info.index); });
 
-TEST(PosixObjectTest, TheLastHandleToCloseRemovesTheName) {
-  const std::u16string name = test::uniquePrefix();
-  const std::string shmName = posix::objectShmName(name);
-  SharedMapping a(name, 64), b(name, 64);
-  ASSERT_TRUE(a.open());
-  ASSERT_TRUE(b.open());
-  EXPECT_EQ(a.view(), b.view()) << "one mapping per object and process";
-  a.close();
-  EXPECT_TRUE(statOf(shmName).has_value());
-  b.close();
-  EXPECT_FALSE(statOf(shmName).has_value());
-}
-
 TEST(PosixObjectTest, LongNamesAreCutToAFileNameAndStayDistinct) {
   const std::u16string base(1024, u'r');
   const std::string a = posix::objectShmName(base + u"_mutex_in_record");
@@ -189,13 +167,20 @@ TEST(PosixObjectTest, LongNamesAreCutToAFileNameAndStayDistinct) {
   EXPECT_FALSE(e2.existed());
 }
 
-TEST(PosixObjectTest, TheLastObjectOfANamespaceTakesItsLockFileAlong) {
+// The last handle of an object removes its name (one mapping per object and
+// process), and the last object of a namespace takes the lock file along.
+TEST(PosixObjectTest, TheLastHandleTakesTheNameAndTheLastObjectTheLockFile) {
   OwnNamespace ns;
-  SharedMapping map(u"map", 64);
+  SharedMapping map(u"map", 64), second(u"map", 64);
   Event event;
   ASSERT_TRUE(map.open());
+  ASSERT_TRUE(second.open());
+  EXPECT_EQ(map.view(), second.view());
   ASSERT_TRUE(event.create(u"e"));
   map.close();
+  EXPECT_TRUE(exists(posix::objectShmName(u"map")));
+  second.close();
+  EXPECT_FALSE(exists(posix::objectShmName(u"map")));
   EXPECT_TRUE(exists(posix::namespaceLockName())) << "the event still needs it";
   event.close();
   EXPECT_EQ(namespaceFiles(), std::vector<std::string>{});
