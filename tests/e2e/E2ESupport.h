@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -14,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "client/FrameSource.h"
 #include "recorder/CaptureObjects.h"
 #include "server/CommandBlock.h"
 #include "server/CommandChannel.h"
@@ -33,6 +36,20 @@ inline std::vector<std::filesystem::path> filesIn(const std::string& clientOutpu
       files.emplace_back(line);
     }
   }
+  return files;
+}
+
+// The files under a folder (with that extension, if given), in order of name.
+inline std::vector<std::filesystem::path> filesUnder(const std::filesystem::path& folder,
+                                                     const std::string& extension = {}) {
+  std::vector<std::filesystem::path> files;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder, error)) {
+    if (entry.is_regular_file() && (extension.empty() || entry.path().extension() == extension)) {
+      files.push_back(entry.path());
+    }
+  }
+  std::sort(files.begin(), files.end());
   return files;
 }
 
@@ -88,27 +105,72 @@ inline Probe probeVideo(const std::filesystem::path& file) {
   return p;
 }
 
-// An H.264 recording as ffprobe and ffmpeg see it: the codec, the picture's
-// size (height unchecked when empty), the packets read, and a decoding without
-// a complaint.
-inline void expectPlayableH264(const std::filesystem::path& file, const std::string& width, const std::string& height,
-                               const std::string& packets) {
-  std::string info;
-  ASSERT_EQ(runTool(KESTRIUM_FFPROBE,
-                    {"-v", "error", "-count_packets", "-select_streams", "v:0", "-show_entries",
-                     "stream=codec_name,width,height,nb_read_packets", "-of", "default=nw=1", file.string()},
+// n frames of the client's pattern (frame f drawn as pattern frame f * step),
+// rgb24 top-down, as the client reads them with --source raw:FILE.
+inline std::filesystem::path patternFile(const std::filesystem::path& file, uint32_t width, uint32_t height,
+                                         uint32_t n, uint32_t step) {
+  std::ofstream out(file, std::ios::binary);
+  std::vector<std::byte> frame(size_t{width} * height * 3);
+  for (uint32_t f = 0; f < n; ++f) {
+    client::PatternSource::render(width, height, f * step, frame);
+    out.write(reinterpret_cast<const char*>(frame.data()), static_cast<std::streamsize>(frame.size()));
+  }
+  return file;
+}
+
+// A recording's video as readers we did not write see it: ffprobe finds the
+// codec (and the size, where given) and reads every packet, the first and then
+// exactly every keyEvery-th a key frame (with keyEvery 0 unchecked), and ffmpeg
+// decodes each packet to a frame without a complaint. The packets' bytes.
+struct VideoExpected {
+  std::string codec, width, height;
+  int64_t packets = -1;  // -1: any number
+  uint32_t keyEvery = 0;
+};
+inline uint64_t expectVideo(const std::filesystem::path& file, const VideoExpected& e) {
+  std::string info, out;
+  EXPECT_EQ(runTool(KESTRIUM_FFPROBE, {"-v", "error", "-select_streams", "v:0", "-show_entries",
+                                       "stream=codec_name,width,height", "-of", "default=nw=1", file.string()},
                     info),
             0)
       << info;
-  EXPECT_EQ(field(info, "codec_name"), "h264") << info;
-  EXPECT_EQ(field(info, "width"), width) << info;
-  if (!height.empty()) {
-    EXPECT_EQ(field(info, "height"), height) << info;
+  EXPECT_EQ(field(info, "codec_name"), e.codec) << info;
+  if (!e.width.empty()) {
+    EXPECT_EQ(field(info, "width"), e.width) << info;
   }
-  EXPECT_EQ(field(info, "nb_read_packets"), packets) << info;
-  std::string out;
-  EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", file.string(), "-f", "null", "-"}, out), 0) << out;
-  EXPECT_TRUE(out.empty()) << "ffmpeg decodes the whole file without a complaint: " << out;
+  if (!e.height.empty()) {
+    EXPECT_EQ(field(info, "height"), e.height) << info;
+  }
+  EXPECT_EQ(runTool(KESTRIUM_FFPROBE, {"-v", "error", "-select_streams", "v:0", "-show_entries", "packet=size,flags",
+                                       "-of", "csv=p=0", file.string()},
+                    out),
+            0)
+      << out;
+  std::istringstream lines(out);
+  uint64_t bytes = 0;
+  int64_t packets = 0;
+  for (std::string line; std::getline(lines, line) && !line.empty(); ++packets) {
+    bytes += std::stoull(line);
+    if (e.keyEvery != 0) {
+      EXPECT_EQ(line.find('K') != std::string::npos, packets % e.keyEvery == 0) << "packet " << packets << ": " << line;
+    }
+  }
+  if (e.packets >= 0) {
+    EXPECT_EQ(packets, e.packets) << file;
+  }
+  EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", file.string(), "-map", "0:v:0", "-f", "framecrc", "-"}, out),
+            0);
+  int64_t decoded = 0;
+  std::string complaints;
+  std::istringstream crcs(out);
+  for (std::string line; std::getline(crcs, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    if (std::isdigit(static_cast<unsigned char>(line[0]))) ++decoded;
+    else complaints += line + "\n";
+  }
+  EXPECT_EQ(decoded, packets) << "every packet decodes";
+  EXPECT_EQ(complaints, "") << file;
+  return bytes;
 }
 
 // Threads and resident memory of a process, where the OS tells (Linux).

@@ -60,7 +60,7 @@ TEST_F(NvencRecordingTest, ARefusedSetupCostsOneCaptureAndTheNextRecordsAFileTha
   EXPECT_EQ(files[0].extension(), ".mp4");
   EXPECT_TRUE(harness.waitForLog("CNvEncoder::ReleaseEncoderResources() m_RefCount == 0, releasing resources\r\n"));
   if (!haveTools()) return;
-  expectPlayableH264(files[0], "320", "240", "40");
+  expectVideo(files[0], {"h264", "320", "240", 40});
 }
 
 }  // namespace

@@ -104,10 +104,7 @@ class RepairTest : public ServerTest, public ::testing::WithParamInterface<Repai
     // The client's wait for a server that is gone is not what this tests.
     client.kill();
     client.wait(kPatience);
-    std::vector<std::filesystem::path> files;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-      if (entry.path().extension() == std::string(".") + GetParam().container) files.push_back(entry.path());
-    }
+    const auto files = filesUnder(folder, std::string(".") + GetParam().container);
     EXPECT_EQ(files.size(), 1u);
     return files.empty() ? std::filesystem::path() : files[0];
   }

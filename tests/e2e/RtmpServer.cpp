@@ -118,7 +118,7 @@ bool RtmpServer::startOnce(const std::string& extraLiveDirectives, uint32_t time
   {
     std::ofstream out(config);
     // One process (no master, no workers, no daemon), so that its pid is the
-    // child we started and SIGSTOP freezes all of it.
+    // child we started.
     out << "load_module " << kModule << ";\n"
         << "daemon off;\n"
         << "master_process off;\n"
@@ -207,11 +207,9 @@ bool RtmpServer::startOnce(const std::string& extraLiveDirectives, uint32_t time
 
 bool RtmpServer::stop(uint32_t timeoutMs) {
   if (!running()) return true;
-  // A stopped process keeps SIGTERM pending until it runs again. Asked first,
-  // so that it closes its recordings and removes its pid file.
+  // Asked first, so that it closes its recordings and removes its pid file.
   std::string out;
   const int status = runShell(
-      "kill -CONT $1 2>/dev/null\n"
       "kill -0 $1 2>/dev/null || exit 0\n"
       "for signal in TERM KILL; do\n"
       "  kill -$signal $1 2>/dev/null\n"
@@ -222,33 +220,10 @@ bool RtmpServer::stop(uint32_t timeoutMs) {
       {std::to_string(pid_), polls(timeoutMs)}, out);
   if (status != 0) return false;
   pid_ = 0;
-  paused_ = false;
   return true;
 }
 
 void RtmpServer::refuseKey(const std::string& key) { std::ofstream(refusedFolder() / key).put('\n'); }
-
-void RtmpServer::acceptKey(const std::string& key) {
-  std::error_code ec;
-  std::filesystem::remove(refusedFolder() / key, ec);
-}
-
-bool RtmpServer::signal(const char* name) {
-  std::string out;
-  return running() && runShell("kill -$1 $2", {name, std::to_string(pid_)}, out) == 0;
-}
-
-bool RtmpServer::pause() {
-  if (!signal("STOP")) return false;
-  paused_ = true;
-  return true;
-}
-
-bool RtmpServer::resume() {
-  if (!paused_ || !signal("CONT")) return false;
-  paused_ = false;
-  return true;
-}
 
 bool RtmpServer::waitForRecordingClosed(const std::string& key, uint32_t timeoutMs) const {
   // Closed once no descriptor of nginx's leads to the file.

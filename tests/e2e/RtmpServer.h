@@ -62,14 +62,13 @@ class RtmpServer {
   std::string url() const { return urlOf("live"); }
   std::string urlOf(const std::string& application) const;
 
-  // From now on, publishing under key to "live" is refused (until acceptKey):
+  // From now on, publishing under key to "live" is refused:
   // connect, createStream and the publish command go through, then nginx
   // closes the connection without sending NetStream.Publish.Start, and records
   // nothing. A publisher already on that key is not dropped. (Behind it: the
   // RTMP module's on_publish asks nginx's own http server on a second loopback
   // port, which answers 403 for a key with a file in the refused folder.)
   void refuseKey(const std::string& key);
-  void acceptKey(const std::string& key);
 
   // The FLV file that "live" writes for a stream key: KEY.flv in the
   // recordings folder. It appears at publish and is made anew by each publish
@@ -99,23 +98,13 @@ class RtmpServer {
   const std::filesystem::path& folder() const { return folder_.path(); }
   const std::string& why() const { return why_; }
 
-  // Freezes the server (SIGSTOP) and lets it go on (SIGCONT): while paused, the
-  // kernel still takes connections and data until the socket buffers fill, but
-  // nothing answers. Measured here: a sender on loopback got about 4 MiB out
-  // before its sends blocked (its send buffer grows to tcp_wmem's 4 MiB);
-  // behind a ThrottledProxy, about 1.3 MiB, mostly its own send buffer.
-  bool pause();
-  bool resume();
-
  private:
   bool startOnce(const std::string& extraLiveDirectives, uint32_t timeoutMs, bool& portTaken);
-  bool signal(const char* name);
 
   TempFolder folder_{"-nginx"};
   uint32_t pid_ = 0;  // nginx's, on the build machine; 0 when it does not run
   uint16_t port_ = 0;
   uint16_t notifyPort_ = 0;
-  bool paused_ = false;
   std::string why_;
 };
 

@@ -146,8 +146,6 @@ std::string ThrottledProxy::urlOf(const std::string& application) const {
   return "rtmp://127.0.0.1:" + std::to_string(port_) + "/" + application;
 }
 
-void ThrottledProxy::cutAll() { cut_ = true; }
-
 void ThrottledProxy::run() {
   std::vector<Pipe> pipes;
   std::vector<pollfd> fds;
@@ -157,7 +155,7 @@ void ThrottledProxy::run() {
   uint64_t last = platform::monotonicNs();
   const size_t limit = static_cast<size_t>(socketBuffer_);
 
-  auto closePipe = [this](Pipe& p, bool hard) {
+  auto closePipe = [](Pipe& p, bool hard) {
     if (hard) {
       reset(p.client);
       reset(p.server);
@@ -166,7 +164,6 @@ void ThrottledProxy::run() {
       closeSocket(p.server);
     }
     p.client = p.server = kNoSocket;
-    --open_;
   };
 
   // Sends what is pending on one way; false when the receiver is gone.
@@ -207,12 +204,6 @@ void ThrottledProxy::run() {
     }
     last = now;
 
-    if (cut_.exchange(false)) {
-      for (Pipe& p : pipes) {
-        if (p.client != kNoSocket) closePipe(p, true);
-      }
-      std::erase_if(pipes, [](const Pipe& p) { return p.client == kNoSocket; });
-    }
     fds.clear();
     fds.push_back({listener_, POLLIN, 0});
     bool starved = false;
@@ -227,13 +218,12 @@ void ThrottledProxy::run() {
                      0});
     }
     // While the bucket is empty, wake every millisecond to let the next bytes
-    // in; otherwise often enough to see a cut or the end soon.
+    // in; otherwise often enough to see the end soon.
     if (pollSockets(fds.data(), fds.size(), starved ? 1 : 20) < 0 && !wouldBlock()) break;
 
     if (fds[0].revents & POLLIN) {
       const Socket client = acceptSocket(listener_);
       if (client != kNoSocket) {
-        ++accepted_;
         setNonBlocking(client);
         setBuffers(client, socketBuffer_);
         const Socket server = openSocket();
@@ -247,7 +237,6 @@ void ThrottledProxy::run() {
           Pipe p;
           p.client = client;
           p.server = server;
-          ++open_;
           pipes.push_back(std::move(p));
         } else {
           if (server != kNoSocket) closeSocket(server);

@@ -57,17 +57,9 @@ class ThrottledProxy {
   // Changes the limit from now on, e.g. to let a congestion clear.
   void setRate(uint64_t bytesPerSecond) { rate_ = bytesPerSecond; }
 
-  // Bytes delivered so far, over all connections: client to server (after the
-  // limit) and server to client.
+  // Bytes delivered so far from clients to the server, over all connections
+  // (after the limit).
   uint64_t bytesUp() const { return up_; }
-  uint64_t bytesDown() const { return down_; }
-  // Connections accepted so far, and those still open.
-  uint32_t accepted() const { return accepted_; }
-  uint32_t open() const { return open_; }
-
-  // Cuts every open connection at once, both ends, as a network failure would.
-  // New connections are still taken.
-  void cutAll();
 
  private:
   struct Pipe;
@@ -84,10 +76,7 @@ class ThrottledProxy {
   std::atomic<uint64_t> rate_;
   std::atomic<uint64_t> up_{0};
   std::atomic<uint64_t> down_{0};
-  std::atomic<uint32_t> accepted_{0};
-  std::atomic<uint32_t> open_{0};
   std::atomic<bool> stopping_{false};
-  std::atomic<bool> cut_{false};
   std::thread thread_;
 };
 

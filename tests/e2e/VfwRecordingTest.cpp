@@ -5,10 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
-#include "client/FrameSource.h"
 #include "platform/SharedLibrary.h"
 #include "tests/e2e/E2ESupport.h"
 #include "tests/e2e/ServerHarness.h"
@@ -59,24 +55,11 @@ struct VfwCase {
 };
 void PrintTo(const VfwCase& c, std::ostream* os) { *os << c.fourcc; }
 
-class VfwRecordingTest : public VfwTest, public ::testing::WithParamInterface<VfwCase> {
- protected:
-  // kFrames of the client's pattern, rgb24 top-down, as the client reads them.
-  std::filesystem::path rawFrames() {
-    const auto path = harness.folder() / "frames.rgb";
-    std::ofstream out(path, std::ios::binary);
-    std::vector<std::byte> frame(size_t{kWidth} * kHeight * 3);
-    for (uint32_t f = 0; f < kFrames; ++f) {
-      client::PatternSource::render(kWidth, kHeight, f * 7, frame);
-      out.write(reinterpret_cast<const char*>(frame.data()), static_cast<std::streamsize>(frame.size()));
-    }
-    return path;
-  }
-};
+class VfwRecordingTest : public VfwTest, public ::testing::WithParamInterface<VfwCase> {};
 
 TEST_P(VfwRecordingTest, EveryFrameIsReadAndDecoded) {
   if (!haveTools()) GTEST_SKIP() << "ffprobe and ffmpeg are not available in this build";
-  const auto raw = rawFrames();
+  const auto raw = patternFile(harness.folder() / "frames.rgb", kWidth, kHeight, kFrames, 7);
   ASSERT_EQ(harness.client({"record", "--dir", dir().string(), "--encoder", "vfw", "--vfw", GetParam().fourcc,
                             "--size", "642x362", "--frames", std::to_string(kFrames), "--pace", "max", "--source",
                             "raw:" + raw.string()}),
@@ -84,20 +67,8 @@ TEST_P(VfwRecordingTest, EveryFrameIsReadAndDecoded) {
       << harness.clientOutput << harness.log();
   const auto files = filesIn(harness.clientOutput);
   ASSERT_EQ(files.size(), 1u) << harness.clientOutput;
-
-  std::string info;
-  ASSERT_EQ(runTool(KESTRIUM_FFPROBE,
-                    {"-v", "error", "-count_packets", "-select_streams", "v:0", "-show_entries",
-                     "stream=codec_name,width,height,nb_frames,nb_read_packets", "-of", "default=nw=1",
-                     files[0].string()},
-                    info),
-            0)
-      << info;
-  EXPECT_EQ(field(info, "codec_name"), GetParam().codec) << info;
-  EXPECT_EQ(field(info, "width"), "642") << info;
-  EXPECT_EQ(field(info, "height"), "362") << info;
-  EXPECT_EQ(field(info, "nb_frames"), std::to_string(kFrames)) << info;
-  EXPECT_EQ(field(info, "nb_read_packets"), std::to_string(kFrames)) << info;
+  expectVideo(files[0], {GetParam().codec, "642", "362", kFrames});
+  EXPECT_EQ(probeVideo(files[0]).frames, kFrames);
 
   // Decoded whole, without a complaint, to as many pictures as were sent.
   const auto decoded = harness.folder() / "decoded.rgb";
@@ -150,11 +121,7 @@ TEST_P(VfwRefusalTest, IsRefusedCleanlyAndTheNextCaptureRecords) {
   const std::string log = harness.log();
   EXPECT_NE(log.find(GetParam().line), std::string::npos) << log;
   EXPECT_NE(log.find("[Error]   *** CAP *** Error starting capture\r\n"), std::string::npos) << log;
-  if (std::filesystem::exists(dir())) {
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir())) {
-      EXPECT_FALSE(entry.is_regular_file()) << "left behind: " << entry.path();
-    }
-  }
+  EXPECT_TRUE(filesUnder(dir()).empty()) << "left behind: " << filesUnder(dir())[0];
   ASSERT_EQ(harness.client({"stop", "refused"}), 0);
   EXPECT_NE(harness.log().find("Cannot find recorder to delete refused"), std::string::npos) << "no recorder stays";
 
