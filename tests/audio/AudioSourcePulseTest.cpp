@@ -62,28 +62,28 @@ TEST_F(AudioSourcePulseTest, DevicesAreFoundByTheirDescription) {
 }
 
 // What is played into a device comes back from its monitor at the device's
-// pace; a device pulled out then stops growing and says so on every poll.
+// pace, each channel on its own side; a device pulled out then stops growing
+// and says so on every poll.
 TEST_F(AudioSourcePulseTest, WhatIsPlayedComesBackUntilTheDeviceGoes) {
   AudioSourcePulse source(std::nullopt);
   ASSERT_EQ(source.Open(0, u"Game Audio", 1), 1);
   ASSERT_EQ(source.Start(), 1);
-  server_.play("game", 2, 1000, 3.0);
+  server_.play("game", 2, 1000, 3.0, 48000, 0);  // the left speaker only
   const uint64_t until = platform::monotonicNs() + 10'000'000'000ull;
-  double energy = 0;
+  double energy[2] = {0, 0};
   size_t counted = 0;
   while (counted < 48000 && platform::monotonicNs() < until) {
     platform::sleepMs(50);
     source.Poll(0);
     const auto block = source.block();
-    for (float s : block) {
-      energy += double{s} * s;
-    }
+    for (size_t i = 0; i < block.size(); ++i) energy[i % 2] += double{block[i]} * block[i];
     counted += source.bufferFrames();
     source.DropFrames(source.bufferFrames());
   }
   ASSERT_GE(counted, 48000u) << "a second of sound within 10 s";
   // A sine at half scale: an RMS of 0.35, less what silence came before it.
-  EXPECT_GT(std::sqrt(energy / (2.0 * counted)), 0.1);
+  EXPECT_GT(std::sqrt(energy[0] / counted), 0.1) << "the left channel comes first";
+  EXPECT_LT(std::sqrt(energy[1] / counted), 0.01) << "and the right stays silent";
 
   ASSERT_EQ(server_.unload("game"), 0);
   const uint64_t gone = platform::monotonicNs() + 5'000'000'000ull;
