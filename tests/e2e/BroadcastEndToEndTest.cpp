@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 #include <thread>
 
@@ -250,7 +251,8 @@ TEST_P(SlowLinkTest, LosesVideoFramesButNeitherSoundNorTheCapturesPace) {
 // How the far end fails, and what the log must then say.
 struct FailureCase {
   std::string name;
-  std::vector<std::string> lines;
+  // Each entry: a line the log must hold, or lines of which it must hold one.
+  std::vector<std::vector<std::string>> lines;
   std::string absent;  // a line that would mean the failure was taken for another
 };
 
@@ -279,7 +281,10 @@ TEST_P(BroadcastFailureTest, TheCaptureGoesOnAndEndsCleanly) {
   ASSERT_EQ(status, 0) << harness.clientOutput;
   expectLocalRecordingWhole();
   const std::string log = harness.log();
-  for (const std::string& line : GetParam().lines) EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+  for (const std::vector<std::string>& oneOf : GetParam().lines) {
+    EXPECT_TRUE(std::ranges::any_of(oneOf, [&](const std::string& line) { return log.find(line) != std::string::npos; }))
+        << oneOf.front() << "\n" << log;
+  }
   EXPECT_EQ(log.find(GetParam().absent), std::string::npos) << GetParam().absent << "\n" << log;
   EXPECT_NE(log.find("Stopping capture"), std::string::npos);
 }
@@ -287,13 +292,18 @@ TEST_P(BroadcastFailureTest, TheCaptureGoesOnAndEndsCleanly) {
 INSTANTIATE_TEST_SUITE_P(
     FarEnds, BroadcastFailureTest,
     ::testing::Values(
-        FailureCase{"KeyRefused", {"[Error]   Error 6\r\n", "[Error]   Error 7\r\n"}, "[Error]   Error 5\r\n"},
-        FailureCase{"NoServer", {"[Error]   Error 5\r\n", "[Error]   Error 7\r\n"}, "[Error]   Error 6\r\n"},
-        // A stream that was up and is lost is no failed connection.
-        FailureCase{"ServerGoneMidStream", {"[Error]   Error 11\r\n", "[Error]   Error 13\r\n"}, "[Error]   Error 7\r\n"},
-        FailureCase{"UnreadableAddress", {"[Error]   Error 7\r\n"}, "[Error]   Error 5\r\n"},
+        FailureCase{"KeyRefused", {{"[Error]   Error 6\r\n"}, {"[Error]   Error 7\r\n"}}, "[Error]   Error 5\r\n"},
+        FailureCase{"NoServer", {{"[Error]   Error 5\r\n"}, {"[Error]   Error 7\r\n"}}, "[Error]   Error 6\r\n"},
+        // A stream that was up and is lost is no failed connection. The loss is
+        // the server's close (11) or a send or read that fails (8), whichever the
+        // socket meets first: a stopped server resets what was still in flight.
+        FailureCase{"ServerGoneMidStream",
+                    {{"[Error]   Error 11\r\n", "[Error]   Error 8\r\n"}, {"[Error]   Error 13\r\n"}},
+                    "[Error]   Error 7\r\n"},
+        FailureCase{"UnreadableAddress", {{"[Error]   Error 7\r\n"}}, "[Error]   Error 5\r\n"},
         // Over TLS the library's writes would pass by the send queue and its drops.
-        FailureCase{"TlsAddress", {"only rtmp:// and rtmpe:// addresses", "[Error]   Error 7\r\n"}, "[Error]   Error 5\r\n"}),
+        FailureCase{"TlsAddress", {{"only rtmp:// and rtmpe:// addresses"}, {"[Error]   Error 7\r\n"}},
+                    "[Error]   Error 5\r\n"}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(BroadcastTest, AnEncoderWithoutH264RecordsOnly) {
