@@ -326,11 +326,14 @@ TEST_F(AudioProcessorTest, TheClockCountsFramesAndStandsStillWhilePaused) {
 // Separate tracks, or one mix of every device, each device with its own
 // volume; a device that is not there, or gives no float block, makes no track.
 TEST_F(AudioProcessorTest, OneTrackPerDeviceOrOneMixOfAll) {
+  const auto addDevices = [](AudioProcessor& processor) {
+    EXPECT_EQ(processor.AddSource(u"Game Audio", 100, 0), 1);
+    EXPECT_EQ(processor.AddSource(u"missing", 100, 1), 0);
+    EXPECT_EQ(processor.AddSource(u"integer", 100, 3), 0);
+    EXPECT_EQ(processor.AddSource(u"USB Microphone", 50, 2), 1);
+  };
   AudioProcessor audio(false, std::nullopt, factory());
-  EXPECT_EQ(audio.AddSource(u"Game Audio", 100, 0), 1);
-  EXPECT_EQ(audio.AddSource(u"missing", 100, 1), 0);
-  EXPECT_EQ(audio.AddSource(u"integer", 100, 3), 0);
-  EXPECT_EQ(audio.AddSource(u"USB Microphone", 50, 2), 1);
+  addDevices(audio);
   ASSERT_EQ(audio.GetSourceCount(), 2);
   EXPECT_FLOAT_EQ(audio.source(1)->volume(), 0.5f);
   EXPECT_EQ(audio.source(1)->index(), 2) << "its mute bit is its own index";
@@ -344,10 +347,7 @@ TEST_F(AudioProcessorTest, OneTrackPerDeviceOrOneMixOfAll) {
   audio.SetMuteMask(7, 1);  // and takes no mask
 
   AudioProcessor mixed(true, std::nullopt, factory());
-  EXPECT_EQ(mixed.AddSource(u"Game Audio", 100, 0), 1);
-  EXPECT_EQ(mixed.AddSource(u"missing", 100, 1), 0);
-  EXPECT_EQ(mixed.AddSource(u"integer", 100, 3), 0);
-  EXPECT_EQ(mixed.AddSource(u"USB Microphone", 50, 2), 1);
+  addDevices(mixed);
   EXPECT_EQ(mixed.GetSourceCount(), 1);
   auto& mixer = static_cast<AudioSourceMixer&>(*mixed.source(0));
   ASSERT_EQ(mixer.children().size(), 2u);
