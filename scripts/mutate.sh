@@ -3,13 +3,17 @@
 # rebuilds, runs the native test suite and reports which faults the suite
 # catches. Not part of the default test run.
 #
-#   scripts/mutate.sh [--tree DIR] [--build DIR] [--list] [FAULT_NAME...]
+#   scripts/mutate.sh [--tree DIR] [--build DIR] [--list] [--suspects] [FAULT_NAME...]
 #
 # --tree: the source tree to mutate (default: the repository this script is in).
 # --build: its build folder (default: TREE/build-mutate, configured like
 # scripts/build.sh configures linux when it does not exist yet). --list prints
 # the faults, and whether each one's text is found exactly once in the tree.
-# With names, only those faults run.
+# With names, only those faults run. --suspects first runs, for each fault, the
+# tests that caught it when the table was last made (its "suspects" below): a
+# failure there is a catch at once; when they all pass, or none of them exists
+# any more, the full stages run as without it. A quick check after a change to
+# the suite; the full run is the one to quote.
 #
 # Each fault changes one exact text of one file, which must occur there exactly
 # once (a fault whose text is missing or repeated is refused, not guessed at).
@@ -92,19 +96,38 @@ fault repair-audio-stream tools tools/Repair.cpp \
   'avi.audioStream(chunk.stream - 1)->write(0, data, 0, static_cast<uint32_t>(chunk.stream));' \
   'avi.audioStream(chunk.stream - 1)->write(0, data, 0, static_cast<uint32_t>(chunk.stream - 1));'
 
+# The tests (a ctest regex) that caught each fault in the last full run.
+declare -A suspects=(
+  [lossless-stride]='LoselessTest'
+  [avi-chunk-id]='FileWriterAVITest'
+  [avi-idx1-empties]='AVIOutputFileTest'
+  [recorder-key-flag]='Mjpeg'
+  [mp4-stss-number]='MP4SampleTable'
+  [pulse-channel-swap]='AudioSourcePulse'
+  [encoder-unlocked-slot]='VidEncoderTest'
+  [audio-time-unit]='DropPending'
+  [flv-composition-time]='FlvTags'
+  [tmb2-first-row]='Tmb2Tool'
+  [dispatcher-stop-delete]='StopWithDelete'
+  [event-private-wake]='DispatcherTest'
+  [repair-audio-stream]='RepairTest'
+)
+
 # ---------------------------------------------------------------------------
 
-usage() { echo "usage: $0 [--tree DIR] [--build DIR] [--list] [FAULT_NAME...]" >&2; exit 2; }
+usage() { echo "usage: $0 [--tree DIR] [--build DIR] [--list] [--suspects] [FAULT_NAME...]" >&2; exit 2; }
 
 tree=$(cd "$(dirname "$0")/.." && pwd)
 build=""
 list=0
+quick=0
 wanted=()
 while (($#)); do
   case "$1" in
     --tree) [[ $# -ge 2 ]] || usage; tree=$(cd "$2" && pwd) || exit 2; shift ;;
     --build) [[ $# -ge 2 ]] || usage; build=$2; shift ;;
     --list) list=1 ;;
+    --suspects) quick=1 ;;
     -*) usage ;;
     *) wanted+=("$1") ;;
   esac
@@ -300,16 +323,34 @@ for i in "${selected[@]}"; do
   fi
   echo "  built in $((SECONDS - start)) s; unit tests"
   verdict="no" by="-"
-  if by=$(run_stage "$name" "$work/$name-unit.log" -LE e2e); then
-    echo "  unit tests passed after $((SECONDS - start)) s${by:+ ($by)}; end-to-end tests"
-    unit_note=${by:+unit tests $by; }
-    if by=$(run_stage "$name" "$work/$name-e2e.log" -L e2e); then
-      by="$unit_note${by:--}"
+  # A stage ended by ^C or TERM is no verdict: the run stops there.
+  stage() {
+    by=$(run_stage "$@")
+    local rc=$?
+    ((rc == 130)) && { echo "interrupted" >&2; exit 130; }
+    return "$rc"
+  }
+  suspect=${suspects[$name]:-}
+  if ((quick)) && [[ -n $suspect ]] &&
+    [[ $(ctest --test-dir "$build" -N -R "$suspect" 2>/dev/null | grep -c '^ *Test *#') -gt 0 ]]; then
+    if ! stage "$name" "$work/$name-suspects.log" -R "$suspect"; then
+      verdict="yes (suspects)"
     else
-      verdict="yes (e2e)"
+      echo "  its suspects ($suspect) passed after $((SECONDS - start)) s"
     fi
-  else
-    verdict="yes (unit)"
+  fi
+  if [[ $verdict == no ]]; then
+    if stage "$name" "$work/$name-unit.log" -LE e2e; then
+      echo "  unit tests passed after $((SECONDS - start)) s${by:+ ($by)}; end-to-end tests"
+      unit_note=${by:+unit tests $by; }
+      if stage "$name" "$work/$name-e2e.log" -L e2e; then
+        by="$unit_note${by:--}"
+      else
+        verdict="yes (e2e)"
+      fi
+    else
+      verdict="yes (unit)"
+    fi
   fi
   restore || exit 1
   ((judged++))
