@@ -111,7 +111,7 @@ TEST(Tmb2BitOrderTest, StreamsWorkedOutByHand) {
 
 // The fast coder (pairs of codes, 64-bit accumulator) against the literal loop,
 // for streams long enough to take its fast path, with short codes only and with
-// codes long enough that pairs overflow 32 bits.
+// codes long enough that pairs overflow 32 bits; and each refusing a room too small.
 class Tmb2CoderTest : public ::testing::TestWithParam<double> {};
 
 TEST_P(Tmb2CoderTest, FastCoderGivesTheReferenceWords) {
@@ -137,28 +137,19 @@ TEST_P(Tmb2CoderTest, FastCoderGivesTheReferenceWords) {
     EXPECT_EQ(stream.n, residuals.size());
     EXPECT_EQ(stream.words, referenceCode(residuals, lengths, codes)) << (s != nullptr ? "pairs" : "singles");
     EXPECT_EQ(size - 5 - stream.table.size(), tmb2::codedSize(residuals.data(), stream.n, lengths));
+    // A stream that does not fit is refused without a byte written past the room.
+    for (size_t room : {size, size - 1, size / 2, size_t{300}}) {
+      std::fill(out.begin(), out.end(), 0xEE);
+      const size_t got = tmb2::encodePlane(residuals.data(), stream.n, out.data(), room, counts, s);
+      EXPECT_EQ(got, room == size ? size : 0u) << room;
+      EXPECT_TRUE(std::all_of(out.begin() + static_cast<ptrdiff_t>(room), out.end(), [](uint8_t b) { return b == 0xEE; }))
+          << "bytes written past a room of " << room;
+    }
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Spreads, Tmb2CoderTest, ::testing::Values(0.7, 0.25, 0.03),
                          [](const auto& info) { return "p" + std::to_string(static_cast<int>(info.param * 100)); });
-
-TEST(Tmb2CoderCapacityTest, StreamThatDoesNotFitIsRefusedWithoutWritingPastTheRoom) {
-  std::mt19937 rng(9);
-  std::vector<uint8_t> residuals(20000);
-  for (auto& r : residuals) r = static_cast<uint8_t>(rng());
-  auto scratch = std::make_unique<tmb2::CoderScratch>();
-  std::vector<uint8_t> out(residuals.size() * 2, 0xEE);
-  const size_t need = tmb2::encodePlane(residuals.data(), 20000, out.data(), out.size(), nullptr, scratch.get());
-  ASSERT_GT(need, 0u);
-  for (size_t room : {need, need - 1, need / 2, size_t{300}}) {
-    std::fill(out.begin(), out.end(), 0xEE);
-    const size_t got = tmb2::encodePlane(residuals.data(), 20000, out.data(), room, nullptr, scratch.get());
-    EXPECT_EQ(got, room >= need ? need : 0u) << room;
-    EXPECT_TRUE(std::all_of(out.begin() + static_cast<ptrdiff_t>(room), out.end(), [](uint8_t b) { return b == 0xEE; }))
-        << "bytes written past a room of " << room;
-  }
-}
 
 // ---- Code construction ----
 
@@ -499,32 +490,6 @@ INSTANTIATE_TEST_SUITE_P(Pictures, Tmb2FrameTest,
                                   std::to_string(c.width) + "x" + std::to_string(c.height);
                          });
 
-// A flat frame: every row after the first gives residual 0, one bit each; the
-// first row gives 128 - p.
-TEST(Tmb2FrameShapeTest, FlatFrame) {
-  constexpr uint32_t w = 64, h = 48;
-  const std::vector<uint8_t> rgb = test::picture(Picture::Flat, w, h);
-  tmb2::FrameEncoder encoder(w, h);
-  std::vector<uint8_t> out(w * h * 4);
-  const size_t size = encoder.encode(rgb.data(), out.data(), out.size());
-  ASSERT_GT(size, 0u);
-  const uint8_t luma = encoder.planes()[0];
-  const size_t sy = word(&out[0]);
-  const uint8_t* y = &out[12];
-  EXPECT_EQ(word(y), w * h);
-  uint8_t lengths[256];
-  ASSERT_EQ(tmb2::readTableBlock(y + 5, y[4], lengths), nullptr);
-  EXPECT_EQ(lengths[0], 1);
-  const uint32_t firstRow = static_cast<uint8_t>(128 - luma);
-  const uint64_t bits = uint64_t{w} * lengths[firstRow] + uint64_t{w} * (h - 1);
-  EXPECT_EQ(sy, 5 + y[4] + (bits + 32) / 32 * 4);
-  std::vector<uint8_t> residuals(w * h);
-  std::string error;
-  ASSERT_TRUE(tmb2::decodePlane(y, sy, w * h, residuals.data(), error)) << error;
-  for (uint32_t x = 0; x < w; ++x) ASSERT_EQ(residuals[x], firstRow);
-  EXPECT_TRUE(std::all_of(residuals.begin() + w, residuals.end(), [](uint8_t r) { return r == 0; }));
-}
-
 // With an odd size the chroma planes are (W/2) x (H/2) at W x H and
 // W x H + (W x H) / 4, and each codes (W x H) / 4 residuals: more than its own,
 // the rest being what the residuals buffer holds from the plane before.
@@ -631,55 +596,6 @@ TEST(Tmb2DecodeFrameTest, PlaneSizesMustFillTheFrame) {
   EXPECT_FALSE(tmb2::decodeFrame(frame.data(), frame.size(), 32, 18, planes.data(), residuals.data(), error))
       << "a frame of another size";
   EXPECT_NE(error.find("Y plane"), std::string::npos) << error;
-}
-
-// Mutations of valid frames: bit flips, bytes set to extremes, cuts, growth,
-// plane sizes moved between planes, table bytes. The decoder answers every one
-// with success or an error; under the sanitizers any access outside its buffers
-// fails the test.
-TEST(Tmb2DecoderFuzzTest, MutatedFramesNeverCrash) {
-  std::mt19937 rng(12345);
-  size_t decoded = 0, rejected = 0;
-  for (const auto& [picture, w, h] : std::initializer_list<std::tuple<Picture, uint32_t, uint32_t>>{
-           {Picture::Noise, 33, 17}, {Picture::Game, 64, 48}, {Picture::FewValues, 40, 30}, {Picture::Flat, 9, 7}}) {
-    const std::vector<uint8_t> rgb = test::picture(picture, w, h, 3);
-    tmb2::FrameEncoder encoder(w, h);
-    std::vector<uint8_t> valid(size_t(w) * h * 4 + 1024);
-    valid.resize(encoder.encode(rgb.data(), valid.data(), valid.size()));
-    ASSERT_FALSE(valid.empty());
-    std::vector<uint8_t> planes(encoder.layout().planesSize), residuals(size_t(w) * h);
-    for (int round = 0; round < 6000; ++round) {
-      std::vector<uint8_t> f = valid;
-      for (int e = 0, edits = 1 + static_cast<int>(rng() % 4); e < edits && !f.empty(); ++e) {
-        const size_t at = rng() % f.size();
-        switch (rng() % 7) {
-          case 0: f[at] ^= static_cast<uint8_t>(1u << (rng() % 8)); break;
-          case 1: f[at] = (rng() & 1) != 0 ? 0xFF : 0x00; break;
-          case 2: f.resize(at); break;
-          case 3: f.insert(f.begin() + static_cast<ptrdiff_t>(at), size_t{1 + rng() % 8}, uint8_t(rng())); break;
-          case 4: f[at] = static_cast<uint8_t>(rng()); break;
-          case 5:
-            if (f.size() >= 12) {  // bytes moved from one plane's size to another's
-              const uint32_t d = rng() % 64;
-              put32(f, 0, word(&f[0]) - d);
-              put32(f, 4, word(&f[4]) + d);
-            }
-            break;
-          default:
-            if (f.size() > 20) f[12 + 5 + rng() % 8] = static_cast<uint8_t>(rng());
-            break;
-        }
-      }
-      std::string error;
-      if (tmb2::decodeFrame(f.data(), f.size(), w, h, planes.data(), residuals.data(), error)) {
-        ++decoded;
-      } else {
-        ASSERT_FALSE(error.empty());
-        ++rejected;
-      }
-    }
-  }
-  EXPECT_GT(rejected, decoded) << "most mutations must be caught";
 }
 
 }  // namespace

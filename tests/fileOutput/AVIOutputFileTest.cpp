@@ -47,19 +47,6 @@ std::vector<Written> writeStream(AVIOutputFile& file, int frames, size_t videoSi
   return written;
 }
 
-// Every data chunk of every movi list, in file order.
-std::vector<const AviChunk*> dataChunks(const AviFile& avi) {
-  std::vector<const AviChunk*> out;
-  for (const auto& riff : avi.top) {
-    if (const AviChunk* movi = riff.find("LIST", "movi")) {
-      for (const auto& c : movi->children) {
-        if (c.code.rfind("ix", 0) != 0) out.push_back(&c);
-      }
-    }
-  }
-  return out;
-}
-
 class AVIOutputFileTest : public ::testing::Test {
  protected:
   std::filesystem::path path() const { return folder_.path() / "test.avi"; }
@@ -114,7 +101,7 @@ TEST_P(AviLayoutTest, SegmentsHeadersAndIndexesLeadToEveryChunk) {
     EXPECT_EQ(riff.find("idx1") != nullptr, k == 0);
   }
   EXPECT_EQ(end, avi.size());
-  const auto chunks = dataChunks(avi);
+  const auto chunks = avi.moviChunks();
   ASSERT_EQ(chunks.size(), written.size());
   for (size_t i = 0; i < written.size(); ++i) {
     EXPECT_EQ(chunks[i]->code, written[i].id) << i;
@@ -280,7 +267,7 @@ TEST_F(AVIOutputFileTest, OddChunksArePaddedAndEmptyChunksHaveOnlyAHeader) {
   file->finalize();
   file.reset();
   const AviFile avi(path());
-  const auto chunks = dataChunks(avi);
+  const auto chunks = avi.moviChunks();
   ASSERT_EQ(chunks.size(), 3u);
   EXPECT_EQ(chunks[0]->size, 7u);
   EXPECT_EQ(avi.u8(chunks[0]->position + 15), 0) << "the pad byte";

@@ -107,6 +107,18 @@ class AviFile {
     return at + static_cast<int64_t>(n) <= size() ? std::string(bytes_.data() + at, n) : std::string();
   }
   const char* data(int64_t at) const { return bytes_.data() + at; }
+  // Every data chunk of every movi list (index chunks left out), in file order.
+  std::vector<const AviChunk*> moviChunks() const {
+    std::vector<const AviChunk*> out;
+    for (const auto& riff : top) {
+      if (const AviChunk* movi = riff.find("LIST", "movi")) {
+        for (const auto& c : movi->children) {
+          if (c.code.rfind("ix", 0) != 0) out.push_back(&c);
+        }
+      }
+    }
+    return out;
+  }
 
   std::vector<AviChunk> top;
 

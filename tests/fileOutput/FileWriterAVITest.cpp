@@ -93,12 +93,8 @@ std::vector<uint32_t> decodedChecksums(const std::filesystem::path& file) {
 std::pair<size_t, size_t> videoChunks(const std::filesystem::path& path) {
   const AviFile file(path);
   std::pair<size_t, size_t> counts;
-  for (const auto& riff : file.top) {
-    if (const AviChunk* movi = riff.find("LIST", "movi")) {
-      for (const auto& chunk : movi->children) {
-        if (chunk.code == "00db") ++(chunk.size != 0 ? counts.first : counts.second);
-      }
-    }
+  for (const AviChunk* chunk : file.moviChunks()) {
+    if (chunk->code == "00db") ++(chunk->size != 0 ? counts.first : counts.second);
   }
   return counts;
 }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -56,40 +55,64 @@ std::vector<std::string> samplesOf(const Mp4& f, const Box& stbl) {
   return out;
 }
 
-// Keeps what is written, byte by byte by position, except writes of dropFrom
-// bytes or more: those only move the position on, so that a test passes 4 GiB
-// without holding them.
+// A file in memory. Writes of dropFrom bytes or more only move the position on,
+// so that a test passes 4 GiB without holding them. A write past the capacity
+// keeps what fits and fails, as a full file system does; cutting the file
+// frees the space.
 class MemorySink : public Serializer {
  public:
   struct Stored {
-    std::map<uint64_t, uint8_t> bytes;
+    Bytes bytes;                                         // without the dropped writes
+    std::vector<std::pair<uint64_t, uint64_t>> dropped;  // where, how long
     bool closed = false;
+    uint64_t index(uint64_t position) const {
+      uint64_t skipped = 0;
+      for (auto [where, n] : dropped) skipped += position >= where + n ? n : 0;
+      return position - skipped;
+    }
     Bytes read(uint64_t at, size_t n) const {
       Bytes out;
-      for (uint64_t i = at; i < at + n; ++i) out.push_back(bytes.at(i));
+      for (uint64_t i = index(at); i < index(at) + n; ++i) out.push_back(bytes.at(i));
       return out;
     }
   };
 
-  MemorySink(std::shared_ptr<Stored> stored, size_t dropFrom) : stored_(std::move(stored)), dropFrom_(dropFrom) {}
+  MemorySink(std::shared_ptr<Stored> stored, size_t dropFrom, uint64_t capacity = UINT64_MAX)
+      : stored_(std::move(stored)), dropFrom_(dropFrom), capacity_(capacity) {}
   void write(std::span<const std::byte> data) override {
-    for (size_t i = 0; i < data.size() && data.size() < dropFrom_; ++i) {
-      stored_->bytes[position_ + i] = std::to_integer<uint8_t>(data[i]);
+    if (data.size() >= dropFrom_) stored_->dropped.emplace_back(position_, data.size()), position_ += data.size();
+    for (size_t i = 0; i < data.size() && data.size() < dropFrom_ && error_ == 0; ++i) {
+      if (position_ >= capacity_) {
+        error_ = 28;
+        break;
+      }
+      const uint64_t at = stored_->index(position_++);
+      if (stored_->bytes.size() <= at) stored_->bytes.resize(at + 1);
+      stored_->bytes[at] = std::to_integer<uint8_t>(data[i]);
     }
-    position_ += data.size();
-    end_ = std::max(end_, position_);
+    durable_ = std::max(durable_, position_);
   }
   void seek(int64_t offset, Origin origin) override {
-    const uint64_t base = origin == Origin::Begin ? 0 : origin == Origin::Current ? position_ : end_;
+    const uint64_t base = origin == Origin::Begin ? 0 : origin == Origin::Current ? position_ : durable_;
     position_ = static_cast<uint64_t>(std::max<int64_t>(0, static_cast<int64_t>(base) + offset));
   }
   uint64_t tell() const override { return position_; }
+  bool ok() const override { return error_ == 0; }
+  uint32_t error() const override { return error_; }
+  uint64_t durable() const override { return durable_; }
+  bool truncate(uint64_t size) override {
+    stored_->bytes.resize(stored_->index(size));
+    position_ = durable_ = size;
+    error_ = 0;
+    return true;
+  }
   void close() override { stored_->closed = true; }
 
  private:
   std::shared_ptr<Stored> stored_;
   size_t dropFrom_;
-  uint64_t position_ = 0, end_ = 0;
+  uint64_t capacity_, position_ = 0, durable_ = 0;
+  uint32_t error_ = 0;
 };
 
 struct Recording {
@@ -102,7 +125,7 @@ struct Recording {
   Mp4 finish() {
     EXPECT_EQ(mp4.finalize(), 1);
     EXPECT_TRUE(stored->closed);
-    return Mp4{stored->read(0, stored->bytes.size())};
+    return Mp4{stored->bytes};
   }
   std::shared_ptr<MemorySink::Stored> stored = std::make_shared<MemorySink::Stored>();
   MP4Container mp4{[] { return kNow; }};
@@ -373,41 +396,6 @@ TEST_P(MP4LargeOffsetTest, EachTrackChoosesItsOffsetWidth) {
 INSTANTIATE_TEST_SUITE_P(Tracks, MP4LargeOffsetTest, ::testing::Bool(),
                          [](const auto& info) { return std::string(info.param ? "AudioPasses" : "VideoPasses"); });
 
-// A disk that takes bytes up to its capacity: a write past it keeps what fits
-// and fails, as a full file system does; cutting the file frees the space.
-class FullDiskSink : public Serializer {
- public:
-  FullDiskSink(size_t capacity, Bytes& file) : file_(file), capacity_(capacity) {}
-  void write(std::span<const std::byte> data) override {
-    for (size_t i = 0; i < data.size() && error_ == 0; ++i) {
-      if (position_ >= capacity_) {
-        error_ = 28;
-        break;
-      }
-      if (file_.size() <= position_) file_.resize(position_ + 1);
-      file_[position_++] = std::to_integer<uint8_t>(data[i]);
-      durable_ = std::max(durable_, position_);
-    }
-  }
-  void seek(int64_t offset, Origin) override { position_ = static_cast<uint64_t>(offset); }
-  uint64_t tell() const override { return position_; }
-  bool ok() const override { return error_ == 0; }
-  uint32_t error() const override { return error_; }
-  uint64_t durable() const override { return durable_; }
-  bool truncate(uint64_t size) override {
-    file_.resize(size);
-    position_ = durable_ = size;
-    error_ = 0;
-    return true;
-  }
-
- private:
-  Bytes& file_;
-  size_t capacity_;
-  uint64_t position_ = 0, durable_ = 0;
-  uint32_t error_ = 0;
-};
-
 class MP4FullDiskTest : public test::LoggedTest, public ::testing::WithParamInterface<size_t> {};
 
 // A full disk ends the data at the last whole frame, and the index still goes
@@ -417,14 +405,14 @@ TEST_P(MP4FullDiskTest, FileKeepsWholeFramesAndItsIndex) {
   const size_t room = GetParam();  // what the disk holds behind the last frame that fits
   const Bytes frame = payload(10000, 3);
   constexpr size_t kFit = 40;
-  Bytes file;
+  const auto file = std::make_shared<MemorySink::Stored>();
   MP4Container mp4([] { return kNow; });
-  ASSERT_EQ(mp4.open(std::make_unique<FullDiskSink>(kFirstSample + kFit * frame.size() + room, file)), 1);
+  ASSERT_EQ(mp4.open(std::make_unique<MemorySink>(file, SIZE_MAX, kFirstSample + kFit * frame.size() + room)), 1);
   for (uint32_t i = 0; i < 60 && !mp4.failed(); ++i) mp4.addSample(0, 33 * i, asBytes(frame), false);
   EXPECT_EQ(mp4.error(), 28u);
   ASSERT_EQ(mp4.finalize(), 1);
 
-  const Mp4 f{file};
+  const Mp4 f{file->bytes};
   ASSERT_EQ(codes(f.top), (std::vector<std::string>{"ftyp", "free", "mdat", "moov"})) << log();
   const std::vector<std::string> samples = samplesOf(f, f["moov/trak/mdia/minf/stbl"]);
   for (const std::string& s : samples) EXPECT_EQ(s, hex(frame));
