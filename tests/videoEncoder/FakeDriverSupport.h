@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <optional>
@@ -102,6 +103,17 @@ int pictureAt(const Records& records, int index, Picture* out) {
   if (index < 0 || static_cast<size_t>(index) >= records.size() || !out) return 0;
   *out = records[static_cast<size_t>(index)].picture;
   return 1;
+}
+
+// A picture's NV12 planes packed as the tests compare them: width bytes of each
+// luma row, then of each of height / 2 chroma rows. Exactly those bytes are
+// read, so a sanitizer reports a surface the server made too small.
+inline std::vector<uint8_t> packNv12(const uint8_t* luma, const uint8_t* chroma, size_t pitch, size_t width,
+                                     size_t height) {
+  std::vector<uint8_t> out(width * (height + height / 2));
+  for (size_t y = 0; y < height + height / 2; ++y)
+    std::memcpy(&out[y * width], y < height ? luma + y * pitch : chroma + (y - height) * pitch, width);
+  return out;
 }
 
 template <typename T>

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/SharedMapping.h"
+#include "recorder/CommonData.h"
 #include "server/CommandBlock.h"
 #include "tests/support/LogFixture.h"
 #include "tests/videoEncoder/EncodedSlotConsumer.h"
@@ -82,12 +83,13 @@ class HardwareEncoderTest : public LoggedTest {
   std::vector<uint32_t> positions_;
 };
 
-// A hardware encoder and its fake driver, for the suite that every one of them
-// runs (HardwareEncoderTest.cpp); each encoder's file instantiates it.
+// A hardware encoder and its fake driver, for the suites that every one of them
+// runs (HardwareEncoderTest.cpp); each encoder's file instantiates them.
 struct HardwareDriver {
   std::u16string_view encoder;
   void (*useFake)();  // the fakes as they start, answering with the clip, in place of the driver
-  int (*probe)();     // the server's probe that an encoder needs before it opens, or null
+  int (*probe)();     // the server's probe for this encoder
+  bool probeFirst;    // whether the encoder opens only on what the probe found
   const char* (*violations)();
   void (*fail)(const char* call, int status, int occurrence);
   int (*pictureCount)();
@@ -98,6 +100,10 @@ struct HardwareDriver {
   // What else the driver must have been told of the frames recorded, or null.
   void (*moreChecks)(uint32_t width, uint32_t height, uint32_t frames);
   int (*idrPictures)();  // IDR pictures coded so far, where the encoder chooses them; or null
+  uint32_t FeaturesBlock::*word;  // what the probe publishes
+  const char* library;            // the variable naming the library the probe loads first
+  const char* logTag;             // in every line the probe writes
+  const char* (*callLog)();       // of that library
 };
 
 // A case of the suite: a driver, a picture size, and a call made to fail.
@@ -122,5 +128,25 @@ class HardwareConformanceTest : public HardwareEncoderTest, public ::testing::Wi
 class HardwareEncodeTest : public HardwareConformanceTest {};
 class HardwareSetupFailureTest : public HardwareConformanceTest {};
 class HardwareFrameFailureTest : public HardwareConformanceTest {};
+// Cases: the arrangement of the machine, the line the probe logs (null: it says
+// nothing), and the word it publishes as the status.
+class HardwareProbeTest : public HardwareConformanceTest {};
+// Cases: a driver whose library is missing.
+class HardwareAbsenceTest : public HardwareConformanceTest {};
+
+// An encoder's own suite on its fakes: the driver's rules kept, nothing left open.
+template <const HardwareDriver& kFake>
+class FakeDriverTest : public HardwareEncoderTest {
+ protected:
+  void SetUp() override {
+    HardwareEncoderTest::SetUp();
+    kFake.useFake();
+  }
+  void TearDown() override {
+    EXPECT_STREQ(kFake.violations(), "") << "the driver's rules are kept and nothing is left open";
+    HardwareEncoderTest::TearDown();
+  }
+  uint32_t featureWord() { return loadShared(features().*kFake.word); }
+};
 
 }  // namespace kestrium::test

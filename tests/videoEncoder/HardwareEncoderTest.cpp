@@ -3,16 +3,19 @@
 // the driver given our conversion of each frame at the right time stamp, a
 // stream a player decodes to the clip's pictures; a capture the driver refuses
 // is refused with its reason and leaves nothing open; a frame the driver loses
-// costs that frame only. Each encoder's file instantiates the suites with its
-// fake driver and its cases.
+// costs that frame only; the probe publishes whether the GPU encodes and says
+// why, and without the library it touches nothing. Each encoder's file
+// instantiates the suites with its fake driver and its cases.
 
 #include <gtest/gtest.h>
 
+#include "platform/System.h"
 #include "tests/videoEncoder/H264TestSupport.h"
 #include "videoEncoder/H264Bitstream.h"
 
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(HardwareSetupFailureTest);
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(HardwareFrameFailureTest);
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(HardwareProbeTest);
 
 namespace kestrium::test {
 
@@ -30,7 +33,7 @@ TEST_P(HardwareEncodeTest, TheDriversFramesReachTheRecorderInOrderWithKeyFlagsPo
   const HardwareCase& c = GetParam();
   const auto [width, height] = std::pair(c.width, c.height);
   if (c.arrange != nullptr) c.arrange();
-  if (driver().probe != nullptr) driver().probe();
+  if (driver().probeFirst) driver().probe();
   const Units& clip = clipUnits();
   constexpr uint32_t kFrames = 32;  // the clip starts over, and an encoder's own second IDR comes at 30
   EncodedSlotConsumer consumer(u"cap", width, height);
@@ -76,7 +79,7 @@ TEST_P(HardwareEncodeTest, TheDriversFramesReachTheRecorderInOrderWithKeyFlagsPo
 
 TEST_P(HardwareSetupFailureTest, TheCaptureIsRefusedWithAReasonNothingStaysOpenAndTheNextOneRecords) {
   const HardwareCase& c = GetParam();
-  if (driver().probe != nullptr) driver().probe();
+  if (driver().probeFirst) driver().probe();
   {
     EncodedSlotConsumer consumer(u"cap", 642, 362);
     if (c.call != nullptr) driver().fail(c.call, c.status, c.occurrence);
@@ -97,7 +100,7 @@ TEST_P(HardwareSetupFailureTest, TheCaptureIsRefusedWithAReasonNothingStaysOpenA
 
 TEST_P(HardwareFrameFailureTest, AFrameTheDriverRefusesIsLostAndTheStreamGoesOn) {
   const HardwareCase& c = GetParam();
-  if (driver().probe != nullptr) driver().probe();
+  if (driver().probeFirst) driver().probe();
   EncodedSlotConsumer consumer(u"cap", 642, 362);
   auto encoder = openEncoder(driver().encoder, h264Options(642, 362));
   ASSERT_NE(encoder, nullptr) << log();
@@ -111,6 +114,29 @@ TEST_P(HardwareFrameFailureTest, AFrameTheDriverRefusesIsLostAndTheStreamGoesOn)
   if (driver().idrPictures != nullptr) {
     EXPECT_EQ(driver().idrPictures(), 2);
   }
+}
+
+TEST_P(HardwareProbeTest, ThePublishedWordSaysWhetherTheGpuEncodesAndTheLogSaysWhy) {
+  const HardwareCase& c = GetParam();
+  storeShared(features().*driver().word, 7u);
+  if (c.arrange != nullptr) c.arrange();
+  EXPECT_EQ(driver().probe(), c.status);
+  EXPECT_EQ(loadShared(features().*driver().word), static_cast<uint32_t>(c.status));
+  const std::string text = log();
+  if (c.line != nullptr) {
+    EXPECT_NE(text.find(c.line), std::string::npos) << text;
+  } else {
+    EXPECT_EQ(text.find(driver().logTag), std::string::npos) << text;
+  }
+}
+
+TEST_P(HardwareAbsenceTest, WithoutTheLibraryTheProbeWritesNothingAndSaysNothing) {
+  platform::setEnvironmentVariable(driver().library, (folder_.path() / "no-library-here").u16string());
+  storeShared(features().*driver().word, 7u);
+  EXPECT_EQ(driver().probe(), 0);
+  EXPECT_EQ(loadShared(features().*driver().word), 7u) << "the word is not touched";
+  EXPECT_EQ(log().find(driver().logTag), std::string::npos) << log();
+  EXPECT_STREQ(driver().callLog(), "");
 }
 
 }  // namespace kestrium::test

@@ -18,9 +18,11 @@ namespace {
 
 using test::Bytes;
 using test::clipUnits;
+using test::HardwareAbsenceTest;
 using test::HardwareCase;
 using test::HardwareEncodeTest;
 using test::HardwareFrameFailureTest;
+using test::HardwareProbeTest;
 using test::HardwareSetupFailureTest;
 
 constexpr const char16_t* kName = u"h264.amdvce";
@@ -39,6 +41,7 @@ const test::HardwareDriver kDriver{
       for (const Bytes& unit : clipUnits()) FakeVa_AddAccessUnit(unit.data(), unit.size());
     },
     probeAmdEncoder,
+    true,
     FakeVa_Violations,
     FakeVa_Fail,
     FakeVa_PictureCount,
@@ -80,19 +83,14 @@ const test::HardwareDriver kDriver{
         idr += got.picture.pic_fields.bits.idr_pic_flag;
       }
       return idr;
-    }};
+    },
+    &FeaturesBlock::amdVce,
+    "KESTRIUM_LIB_VA",
+    "AMD",
+    FakeVa_CallLog};
 
-class AmdTest : public test::HardwareEncoderTest {
+class AmdTest : public test::FakeDriverTest<kDriver> {
  protected:
-  void SetUp() override {
-    HardwareEncoderTest::SetUp();
-    kDriver.useFake();
-  }
-  void TearDown() override {
-    EXPECT_STREQ(FakeVa_Violations(), "") << "the driver's rules are kept and nothing is left alive";
-    HardwareEncoderTest::TearDown();
-  }
-  uint32_t featureWord() { return loadShared(features().amdVce); }
   // An encoder on the GPU the probe found.
   std::unique_ptr<IVidEncoder> probeAndOpen(const OptionList& options) {
     probeAmdEncoder();
@@ -102,43 +100,27 @@ class AmdTest : public test::HardwareEncoderTest {
 
 // --- the probe -----------------------------------------------------------------
 
-struct ProbeCase {
-  const char* name;
-  void (*arrange)();
-  const char* line;
-  uint32_t word;
-};
-void PrintTo(const ProbeCase& c, std::ostream* os) { *os << c.name; }
-
-class AmdProbeTest : public AmdTest, public ::testing::WithParamInterface<ProbeCase> {};
-
-TEST_P(AmdProbeTest, AnAmdDisplayWithAnH264EncoderIsReported) {
-  const ProbeCase& c = GetParam();
-  storeShared(features().amdVce, 7u);
-  if (c.arrange != nullptr) c.arrange();
-  probeAmdEncoder();
-  EXPECT_EQ(featureWord(), c.word);
-  EXPECT_NE(log().find(c.line), std::string::npos) << log();
+HardwareCase machine(const char* name, void (*arrange)(), const char* line, int word = 0) {
+  return {name, &kDriver, 642, 362, nullptr, word, 0, line, arrange};
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Machines, AmdProbeTest,
+    Amd, HardwareProbeTest,
     ::testing::Values(
-        ProbeCase{"Radeon", nullptr, "  *** AMD_VCE *** AMD VCE Hardware Acceleration devices available: 1\r\n", 1},
-        ProbeCase{"IntelGpu", [] { FakeVa_SetVendor("Intel iHD driver for Intel(R) Gen Graphics - 23.1.1 ()"); },
-                  "[Error]   *** AMD_VCE *** Couldn't find AMD platform, cannot proceed.\r\n", 0},
-        ProbeCase{"RadeonWithoutEncoder", [] { FakeVa_SetEncodeProfiles(nullptr, 0); },
-                  "[Error]   *** AMD_VCE *** No suitable devices found!\r\n", 0},
-        ProbeCase{"NoDisplay", [] { FakeVa_Fail("vaInitialize", VA_STATUS_ERROR_UNKNOWN, 0); },
-                  "Couldn't find AMD platform", 0}),
-    [](const ::testing::TestParamInfo<ProbeCase>& info) { return std::string(info.param.name); });
+        machine("Radeon", nullptr, "  *** AMD_VCE *** AMD VCE Hardware Acceleration devices available: 1\r\n", 1),
+        machine("IntelGpu", [] { FakeVa_SetVendor("Intel iHD driver for Intel(R) Gen Graphics - 23.1.1 ()"); },
+                "[Error]   *** AMD_VCE *** Couldn't find AMD platform, cannot proceed.\r\n"),
+        machine("RadeonWithoutEncoder", [] { FakeVa_SetEncodeProfiles(nullptr, 0); },
+                "[Error]   *** AMD_VCE *** No suitable devices found!\r\n"),
+        machine("NoDisplay", [] { FakeVa_Fail("vaInitialize", VA_STATUS_ERROR_UNKNOWN, 0); },
+                "Couldn't find AMD platform")),
+    test::caseName);
 
-TEST_F(AmdTest, WithoutLibvaTheProbeWritesNothingSaysNothingAndTheEncoderOpensNothing) {
-  setVariable("KESTRIUM_LIB_VA", (folder_.path() / "no-libva-here").string());
+INSTANTIATE_TEST_SUITE_P(Amd, HardwareAbsenceTest, ::testing::Values(HardwareCase{"NoLibva", &kDriver}),
+                         test::caseName);
+
+TEST_F(AmdTest, WithoutTheProbesWordTheEncoderOpensNothing) {
   storeShared(features().amdVce, 0u);
-  EXPECT_EQ(probeAmdEncoder(), 0);
-  EXPECT_EQ(log().find("AMD"), std::string::npos);
-  kDriver.useFake();
   test::EncodedSlotConsumer consumer(u"cap", 64, 64);
   EXPECT_EQ(openEncoder(kName, test::h264Options(64, 64)), nullptr);
   EXPECT_STREQ(FakeVa_CallLog(), "") << "no driver call without the probe's word";

@@ -28,6 +28,7 @@ namespace {
 
 using test::Bytes;
 using test::clipUnits;
+using test::HardwareAbsenceTest;
 using test::HardwareCase;
 using test::HardwareEncodeTest;
 using test::HardwareFrameFailureTest;
@@ -48,6 +49,7 @@ const test::HardwareDriver kDriver{
       for (const Bytes& unit : clipUnits()) FakeNv_AddAccessUnit(unit.data(), unit.size());
     },
     probeNvencDevices,
+    true,
     FakeNv_Violations,
     FakeNv_Fail,
     FakeNv_PictureCount,
@@ -60,34 +62,24 @@ const test::HardwareDriver kDriver{
     1,
     "[Error]   Cannot initialize NV Encoder\r\n",
     nullptr,
-    nullptr};
+    nullptr,
+    &FeaturesBlock::nvenc,
+    "KESTRIUM_LIB_CUDA",
+    "NVENC",
+    FakeNv_CallLog};
 
-class NvencTest : public test::HardwareEncoderTest {
- protected:
-  void SetUp() override {
-    HardwareEncoderTest::SetUp();
-    kDriver.useFake();
-  }
-  void TearDown() override {
-    EXPECT_STREQ(FakeNv_Violations(), "") << "the driver's rules are kept and nothing is left open";
-    HardwareEncoderTest::TearDown();
-  }
-  uint32_t featureWord() { return loadShared(features().nvenc); }
-  static std::unique_ptr<IVidEncoder> openEncoder(const OptionList& o) {
-    return HardwareEncoderTest::openEncoder(u"h264.nvenc", o);
-  }
-};
+using NvencTest = test::FakeDriverTest<kDriver>;
 
 // --- the probe -------------------------------------------------------------
 
 struct ProbeCase {
   const char* name;
   std::vector<FakeNvDevice> devices;
-  const char* failing;  // a call that fails, or null
-  int status;
-  std::vector<const char*> lines;
   uint32_t word;
   int firstUsable;  // device number, or -1
+  std::vector<const char*> lines;
+  const char* failing = nullptr;  // a call that fails
+  int status = 0;
 };
 void PrintTo(const ProbeCase& c, std::ostream* os) { *os << c.name; }
 
@@ -112,61 +104,29 @@ const FakeNvDevice kKepler{"GeForce GTX 680", 3, 0};
 INSTANTIATE_TEST_SUITE_P(
     Machines, NvencProbeTest,
     ::testing::Values(
-        ProbeCase{"OneCard",
-                  {kMaxwell},
-                  nullptr,
-                  0,
+        ProbeCase{"OneCard", {kMaxwell}, 1, 0,
                   {"  *** NVENC *** has detected 1 CUDA capable GPU device(s)\r\n",
-                   "  *** NVENC *** GPU 0 - GeForce GTX 970 has Compute SM 5.2, NVENC Available\r\n"},
-                  1,
-                  0},
-        ProbeCase{"FirstWithEncoder", {kKepler}, nullptr, 0, {"Compute SM 3.0, NVENC Available"}, 1, 0},
-        ProbeCase{
-            "TooOld", {kFermi}, nullptr, 0, {"GPU 0 - GeForce GTX 580 has Compute SM 2.1, NVENC Not Available"}, 0, -1},
-        ProbeCase{"OldThenNew", {kFermi, kMaxwell}, nullptr, 0, {"detected 2 CUDA", "GPU 1 - GeForce GTX 970"}, 1, 1},
-        ProbeCase{
-            "NoDevices", {}, nullptr, 0, {"[Error]   *** NVENC *** no devices available that support CUDA\r\n"}, 0, -1},
-        ProbeCase{
-            "InitFails", {kMaxwell}, "cuInit", 100, {"[Error]   *** NVENC *** cuInit() failed error:0x64\r\n"}, 0, -1},
-        ProbeCase{"CountFails",
-                  {kMaxwell},
-                  "cuDeviceGetCount",
-                  3,
-                  {"[Error]   *** NVENC *** cuDeviceGetCount() failed error:0x3\r\n"},
-                  0,
-                  -1},
-        ProbeCase{"FirstDeviceFails",
-                  {kMaxwell, kMaxwell},
-                  "cuDeviceGet",
-                  101,
-                  {"[Error]   *** NVENC *** Error getting device 0\r\n", "GPU 1 - GeForce GTX 970"},
-                  1,
-                  1},
-        ProbeCase{"NameFails",
-                  {kMaxwell},
-                  "cuDeviceGetName",
-                  101,
-                  {"[Error]   *** NVENC *** Error getting device name 0\r\n"},
-                  0,
-                  -1},
-        ProbeCase{"CapabilityFails",
-                  {kMaxwell},
-                  "cuDeviceComputeCapability",
-                  101,
+                   "  *** NVENC *** GPU 0 - GeForce GTX 970 has Compute SM 5.2, NVENC Available\r\n"}},
+        ProbeCase{"FirstWithEncoder", {kKepler}, 1, 0, {"Compute SM 3.0, NVENC Available"}},
+        ProbeCase{"TooOld", {kFermi}, 0, -1, {"GPU 0 - GeForce GTX 580 has Compute SM 2.1, NVENC Not Available"}},
+        ProbeCase{"OldThenNew", {kFermi, kMaxwell}, 1, 1, {"detected 2 CUDA", "GPU 1 - GeForce GTX 970"}},
+        ProbeCase{"NoDevices", {}, 0, -1, {"[Error]   *** NVENC *** no devices available that support CUDA\r\n"}},
+        ProbeCase{"InitFails", {kMaxwell}, 0, -1, {"[Error]   *** NVENC *** cuInit() failed error:0x64\r\n"},
+                  "cuInit", 100},
+        ProbeCase{"CountFails", {kMaxwell}, 0, -1,
+                  {"[Error]   *** NVENC *** cuDeviceGetCount() failed error:0x3\r\n"}, "cuDeviceGetCount", 3},
+        ProbeCase{"FirstDeviceFails", {kMaxwell, kMaxwell}, 1, 1,
+                  {"[Error]   *** NVENC *** Error getting device 0\r\n", "GPU 1 - GeForce GTX 970"}, "cuDeviceGet",
+                  101},
+        ProbeCase{"NameFails", {kMaxwell}, 0, -1, {"[Error]   *** NVENC *** Error getting device name 0\r\n"},
+                  "cuDeviceGetName", 101},
+        ProbeCase{"CapabilityFails", {kMaxwell}, 0, -1,
                   {"[Error]   *** NVENC *** Error getting device compute capabilities 0\r\n"},
-                  0,
-                  -1}),
+                  "cuDeviceComputeCapability", 101}),
     [](const ::testing::TestParamInfo<ProbeCase>& info) { return std::string(info.param.name); });
 
-TEST_F(NvencTest, WithoutTheDriverTheProbeWritesNothingAndSaysNothing) {
-  platform::setEnvironmentVariable(platform::vendorLibraryEntry(platform::VendorLibrary::Cuda).overrideVariable,
-                                   (folder_.path() / "no-cuda-here").u16string());
-  storeShared(features_.as<FeaturesBlock>()->nvenc, 7u);
-  EXPECT_EQ(probeNvencDevices(), 0);
-  EXPECT_EQ(featureWord(), 7u) << "the word is not touched";
-  EXPECT_EQ(log().find("NVENC"), std::string::npos);
-  EXPECT_STREQ(FakeNv_CallLog(), "");
-}
+INSTANTIATE_TEST_SUITE_P(Nvenc, HardwareAbsenceTest, ::testing::Values(HardwareCase{"NoCuda", &kDriver}),
+                         test::caseName);
 
 TEST_F(NvencTest, WithoutAUsableCardTheEncoderOpensNothing) {
   FakeNvDevice old = kFermi;
@@ -174,7 +134,7 @@ TEST_F(NvencTest, WithoutAUsableCardTheEncoderOpensNothing) {
   probeNvencDevices();
   const std::string callsOfTheProbe = FakeNv_CallLog();
   test::EncodedSlotConsumer consumer(u"cap", 64, 64);
-  EXPECT_EQ(openEncoder(test::h264Options(64, 64)), nullptr);
+  EXPECT_EQ(openEncoder(u"h264.nvenc", test::h264Options(64, 64)), nullptr);
   EXPECT_EQ(FakeNv_CallLog(), callsOfTheProbe) << "no driver call";
   EXPECT_NE(log().find("[Error]   *** NVENC *** This machine has no NVIDIA encoder"), std::string::npos);
 }
@@ -202,9 +162,10 @@ TEST_P(NvencParameterTest, TheStartParametersReachTheDriver) {
   const ParameterCase& c = GetParam();
   probeNvencDevices();
   test::EncodedSlotConsumer consumer(u"cap", c.width, c.height);
-  auto encoder = openEncoder({"width", std::to_string(c.width), "height", std::to_string(c.height), "fps", c.fps,
-                              "shared_name", "cap", "profile", c.profile, "bitrate", std::to_string(c.kbps),
-                              "target_usage", c.targetUsage, "low_latency", c.lowLatency});
+  auto encoder = openEncoder(u"h264.nvenc", {"width", std::to_string(c.width), "height", std::to_string(c.height),
+                                             "fps", c.fps, "shared_name", "cap", "profile", c.profile, "bitrate",
+                                             std::to_string(c.kbps), "target_usage", c.targetUsage, "low_latency",
+                                             c.lowLatency});
   ASSERT_NE(encoder, nullptr) << log();
   NV_ENC_INITIALIZE_PARAMS p{};
   NV_ENC_CONFIG config{};

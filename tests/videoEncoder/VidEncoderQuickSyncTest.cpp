@@ -21,8 +21,10 @@ namespace {
 
 using test::Bytes;
 using test::clipUnits;
+using test::HardwareAbsenceTest;
 using test::HardwareCase;
 using test::HardwareEncodeTest;
+using test::HardwareProbeTest;
 using test::HardwareSetupFailureTest;
 
 constexpr const char16_t* kName = u"h264.quicksync";
@@ -43,7 +45,8 @@ const test::HardwareDriver kDriver{
       setVariable("KESTRIUM_RENDER_NODE", "/dev/null");
       for (const Bytes& unit : clipUnits()) FakeVpl_AddAccessUnit(unit.data(), unit.size());
     },
-    nullptr,
+    probeQuickSyncEncoder,
+    false,
     [] {
       // Every display the runtime was given is terminated too.
       static std::string both;
@@ -66,71 +69,39 @@ const test::HardwareDriver kDriver{
     90,
     "[Error]   Cannot initialize Intel QuickSync\r\n",
     nullptr,
-    nullptr};
+    nullptr,
+    &FeaturesBlock::quickSync,
+    "KESTRIUM_LIB_QUICKSYNC",
+    "QuickSync",
+    FakeVpl_CallLog};
 
-class QuickSyncTest : public test::HardwareEncoderTest {
- protected:
-  void SetUp() override {
-    HardwareEncoderTest::SetUp();
-    kDriver.useFake();
-  }
-  void TearDown() override {
-    EXPECT_STREQ(kDriver.violations(), "") << "the runtime's rules are kept and nothing is left open";
-    HardwareEncoderTest::TearDown();
-  }
-  uint32_t featureWord() { return loadShared(features().quickSync); }
-};
+using QuickSyncTest = test::FakeDriverTest<kDriver>;
 
 // --- the probe -----------------------------------------------------------------
 
-struct ProbeCase {
-  const char* name;
-  void (*arrange)();
-  const char* line;  // null: the probe says nothing
-  uint32_t word;
-};
-void PrintTo(const ProbeCase& c, std::ostream* os) { *os << c.name; }
-
-class QuickSyncProbeTest : public QuickSyncTest, public ::testing::WithParamInterface<ProbeCase> {};
-
-TEST_P(QuickSyncProbeTest, OnlyAnEncoderThatCodesAFrameIsReported) {
-  const ProbeCase& c = GetParam();
-  storeShared(features().quickSync, 7u);
-  if (c.arrange != nullptr) c.arrange();
-  EXPECT_EQ(probeQuickSyncEncoder(), static_cast<int>(c.word));
-  EXPECT_EQ(featureWord(), c.word);
-  const std::string text = log();
-  if (c.line != nullptr) {
-    EXPECT_NE(text.find(c.line), std::string::npos) << text;
-  } else {
-    EXPECT_EQ(text.find("QuickSync"), std::string::npos) << text;
-  }
+HardwareCase machine(const char* name, void (*arrange)(), const char* line, int word = 0) {
+  return {name, &kDriver, 642, 362, nullptr, word, 0, line, arrange};
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Machines, QuickSyncProbeTest,
+    QuickSync, HardwareProbeTest,
     ::testing::Values(
-        ProbeCase{"Gpu", nullptr, "  Intel QuickSync hardware acceleration is available\r\n", 1},
-        ProbeCase{"RuntimeWithoutGpu", [] { FakeVpl_SetNoGpu(1); },
-                  "  Intel QuickSync runtime found, but it cannot code H.264 here (-3)\r\n", 0},
-        ProbeCase{"NoSession", [] { FakeVpl_Fail("MFXInit", MFX_ERR_UNSUPPORTED, 0); }, nullptr, 0},
-        ProbeCase{"NoDisplay", [] { FakeVa_Fail("vaInitialize", VA_STATUS_ERROR_UNKNOWN, 0); },
-                  "  Intel QuickSync runtime found, but no GPU render node gives a VA display\r\n", 0},
-        ProbeCase{"NoRenderNode", [] { setVariable("KESTRIUM_RENDER_NODE", "/no/such/renderD128"); },
-                  "but no GPU render node gives a VA display", 0},
-        ProbeCase{"NoVaLibrary", [] { setVariable("KESTRIUM_LIB_VA", "/no/such/libva.so"); },
-                  "  Intel QuickSync runtime found, but no VA-API library to reach a GPU\r\n", 0},
-        ProbeCase{"FrameNotCoded", [] { FakeVpl_Fail("MFXVideoENCODE_EncodeFrameAsync", MFX_ERR_DEVICE_FAILED, 0); },
-                  "it cannot code H.264 here (-17)", 0}),
-    [](const ::testing::TestParamInfo<ProbeCase>& info) { return std::string(info.param.name); });
+        machine("Gpu", nullptr, "  Intel QuickSync hardware acceleration is available\r\n", 1),
+        machine("RuntimeWithoutGpu", [] { FakeVpl_SetNoGpu(1); },
+                "  Intel QuickSync runtime found, but it cannot code H.264 here (-3)\r\n"),
+        machine("NoSession", [] { FakeVpl_Fail("MFXInit", MFX_ERR_UNSUPPORTED, 0); }, nullptr),
+        machine("NoDisplay", [] { FakeVa_Fail("vaInitialize", VA_STATUS_ERROR_UNKNOWN, 0); },
+                "  Intel QuickSync runtime found, but no GPU render node gives a VA display\r\n"),
+        machine("NoRenderNode", [] { setVariable("KESTRIUM_RENDER_NODE", "/no/such/renderD128"); },
+                "but no GPU render node gives a VA display"),
+        machine("NoVaLibrary", [] { setVariable("KESTRIUM_LIB_VA", "/no/such/libva.so"); },
+                "  Intel QuickSync runtime found, but no VA-API library to reach a GPU\r\n"),
+        machine("FrameNotCoded", [] { FakeVpl_Fail("MFXVideoENCODE_EncodeFrameAsync", MFX_ERR_DEVICE_FAILED, 0); },
+                "it cannot code H.264 here (-17)")),
+    test::caseName);
 
-TEST_F(QuickSyncTest, WithoutTheRuntimeTheProbeWritesNothingAndSaysNothing) {
-  setVariable("KESTRIUM_LIB_QUICKSYNC", (folder_.path() / "no-runtime-here").string());
-  storeShared(features().quickSync, 7u);
-  EXPECT_EQ(probeQuickSyncEncoder(), 0);
-  EXPECT_EQ(featureWord(), 7u);
-  EXPECT_EQ(log().find("QuickSync"), std::string::npos);
-}
+INSTANTIATE_TEST_SUITE_P(QuickSync, HardwareAbsenceTest,
+                         ::testing::Values(HardwareCase{"NoRuntime", &kDriver}), test::caseName);
 
 // --- the suite every hardware encoder runs ---------------------------------------
 

@@ -698,18 +698,10 @@ NVENCSTATUS NVENCAPI nvEncEncodePicture(void* encoder, NV_ENC_PIC_PARAMS* p) {
   r.picture.inputWidth = p->inputWidth;
   r.picture.inputHeight = p->inputHeight;
   r.picture.inputPitch = p->inputPitch;
-  if (in->format == NV_ENC_BUFFER_FORMAT_NV12) {
-    // Packed copy; the chroma plane of the surface starts after the buffer's
-    // full height of luma rows.
-    const uint32_t width = p->inputWidth, height = p->inputHeight;
-    r.nv12.resize(static_cast<size_t>(width) * (height + height / 2));
-    for (uint32_t y = 0; y < height; ++y)
-      std::memcpy(&r.nv12[static_cast<size_t>(y) * width], &in->memory[static_cast<size_t>(y) * in->pitch], width);
-    const size_t chroma = static_cast<size_t>(in->pitch) * in->height;
-    for (uint32_t y = 0; y < height / 2; ++y)
-      std::memcpy(&r.nv12[static_cast<size_t>(width) * (height + y)],
-                  &in->memory[chroma + static_cast<size_t>(y) * in->pitch], width);
-  }
+  // The chroma plane of the surface starts after the buffer's full height of luma rows.
+  if (in->format == NV_ENC_BUFFER_FORMAT_NV12)
+    r.nv12 = kestrium::fake::packNv12(in->memory.data(), in->memory.data() + size_t{in->pitch} * in->height, in->pitch,
+                                      p->inputWidth, p->inputHeight);
   r.picture.nv12 = r.nv12.empty() ? nullptr : r.nv12.data();
   r.picture.nv12Size = r.nv12.size();
 

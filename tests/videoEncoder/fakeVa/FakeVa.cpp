@@ -808,14 +808,9 @@ FAKE_EXPORT VAStatus vaEndPicture(VADisplay dpy, VAContextID context) {
   p.slices = static_cast<int>(c->slices.size());
   p.sequenceSent = !c->seqs.empty();
   p.source = src.id, p.width = src.width, p.height = src.height;
-  if (src.alive) {
-    r.nv12.resize(static_cast<size_t>(src.width) * (src.height + src.height / 2));
-    for (uint32_t y = 0; y < src.height + src.height / 2; ++y)
-      std::memcpy(&r.nv12[static_cast<size_t>(y) * src.width],
-                  &src.pixels[y < src.height ? static_cast<size_t>(y) * src.pitch
-                                             : src.chroma + static_cast<size_t>(y - src.height) * src.pitch],
-                  src.width);
-  }
+  if (src.alive)
+    r.nv12 = kestrium::fake::packNv12(src.pixels.data(), src.pixels.data() + src.chroma, src.pitch, src.width,
+                                      src.height);
   p.nv12 = r.nv12.empty() ? nullptr : r.nv12.data();
   p.nv12Size = r.nv12.size();
 

@@ -430,14 +430,9 @@ FAKE_EXPORT mfxStatus MFXVideoENCODE_EncodeFrameAsync(mfxSession session, mfxEnc
     const mfxFrameInfo& f = surface->Info;
     r.picture = FakeVplPicture{picture.timeStamp, f.Width, f.Height, f.CropW, f.CropH, surface->Data.Pitch,
                                nullptr, 0, picture.unit};
-    // Exactly the visible picture is read, so a sanitizer reports a surface
-    // that the server made too small for it.
-    r.nv12.resize(static_cast<size_t>(f.CropW) * (f.CropH + f.CropH / 2));
-    for (size_t y = 0; y < f.CropH; ++y)
-      std::memcpy(&r.nv12[y * f.CropW], surface->Data.Y + (f.CropY + y) * pitch + f.CropX, f.CropW);
-    for (size_t y = 0; y < f.CropH / 2u; ++y)
-      std::memcpy(&r.nv12[(f.CropH + y) * f.CropW], surface->Data.UV + (f.CropY / 2 + y) * pitch + (f.CropX & ~1u),
-                  f.CropW);
+    r.nv12 = kestrium::fake::packNv12(surface->Data.Y + size_t{f.CropY} * pitch + f.CropX,
+                                      surface->Data.UV + size_t{f.CropY / 2u} * pitch + (f.CropX & ~1u), pitch,
+                                      f.CropW, f.CropH);
     r.picture.nv12 = r.nv12.data();
     r.picture.nv12Size = r.nv12.size();
     countLock(surface, true);
