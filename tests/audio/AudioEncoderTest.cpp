@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <numbers>
 #include <sstream>
@@ -97,17 +99,19 @@ class AudioEncoderTest : public test::LoggedTest {
     std::string errors;
     double seconds() const { return channels == 0 ? 0.0 : double(samples.size()) / channels / rate; }
   };
+  // The file's sound as ffprobe and ffmpeg find it.
   Decoded decode(const std::filesystem::path& file) {
     Decoded d;
     std::string info;
     EXPECT_EQ(test::runTool(KESTRIUM_FFPROBE,
-                            {"-v", "error", "-show_entries", "stream=sample_rate,channels", "-of", "csv=p=0", file.string()},
+                            {"-v", "error", "-select_streams", "a", "-show_entries", "stream=sample_rate,channels", "-of", "csv=p=0",
+                             file.string()},
                             info),
               0)
         << info;
     std::sscanf(info.c_str(), "%u,%u", &d.rate, &d.channels);
     const auto raw = folder_.path() / "decoded.raw";
-    test::runTool(KESTRIUM_FFMPEG, {"-v", "error", "-y", "-i", file.string(), "-f", "s16le", "-acodec", "pcm_s16le", raw.string()},
+    test::runTool(KESTRIUM_FFMPEG, {"-v", "error", "-y", "-i", file.string(), "-map", "0:a", "-f", "s16le", "-acodec", "pcm_s16le", raw.string()},
                   d.errors);
     d.samples = asSamples(test::readBytes(raw));
     return d;
@@ -347,6 +351,44 @@ size_t mp3FrameLength(std::span<const uint8_t> s) {
   return kbits == 0 || rate == 0 ? 0 : 144000 * kbits / rate + ((s[2] >> 1) & 1);
 }
 
+// An MP4 file of the frames (the GOP over and over), 30 a second, with the
+// encoder's sound beside them as the recorder writes it: each block of sound is
+// encoded once the video reaches its time, and its packets go in among the
+// frames by their times, a packet or two between frames. soundAt gives the
+// block from a time on, none past the end of the sound.
+void writeMp4(const std::filesystem::path& path, const Bytes& avcRecord, const std::vector<std::pair<Bytes, bool>>& gop,
+              size_t frames, IAudioEncoder& encoder, bool mp3,
+              const std::function<std::span<const int16_t>(uint32_t)>& soundAt) {
+  MP4Container mp4;
+  platform::File file;
+  ASSERT_TRUE(file.open(path, platform::File::Mode::CreateAlways));
+  ASSERT_EQ(mp4.open(std::move(file)), 1);
+  ASSERT_TRUE(mp4.setVideoTrack(160, 120, 30000, asBytes(avcRecord)));
+  mp4.setAudioTrack(mp3, kRate, kBitrate, static_cast<uint32_t>(encoder.GetFrameSamples()), encoder.GetExtraData());
+  std::deque<std::pair<std::vector<std::byte>, uint32_t>> pending;
+  uint32_t soundMs = 0;
+  const auto writeAudioUpTo = [&](uint32_t time) {
+    for (; !pending.empty() && pending.front().second <= time; pending.pop_front()) {
+      mp4.addSample(1, pending.front().second, pending.front().first, false);
+    }
+  };
+  for (size_t i = 0; i < frames && !mp4.failed(); ++i) {
+    const auto time = static_cast<uint32_t>(i * 1000 / 30);
+    for (std::span<const int16_t> block; soundMs <= time && !(block = soundAt(soundMs)).empty(); soundMs += kBlockMs) {
+      encoder.Encode(block.data(), static_cast<uint32_t>(block.size() * 2), soundMs);
+      std::vector<std::byte> packet;
+      for (uint32_t stamp = 0; encoder.GetPacket(packet, &stamp) > 0;) pending.emplace_back(packet, stamp);
+    }
+    writeAudioUpTo(time);
+    mp4.addSample(0, time, asBytes(gop[i % gop.size()].first), gop[i % gop.size()].second);
+  }
+  writeAudioUpTo(UINT32_MAX);
+  ASSERT_FALSE(mp4.failed()) << "write error " << mp4.error();
+  ASSERT_EQ(mp4.videoSamples(), frames);
+  ASSERT_GT(mp4.audioSamples(), frames);
+  ASSERT_EQ(mp4.finalize(), 1);
+}
+
 struct Codec {
   const char* name;
   bool mp3;
@@ -365,40 +407,13 @@ TEST_P(Mp4AudioTrackTest, ReadersFindBothTracksWholeAndTheToneInTheSound) {
   ASSERT_NE(encoder, nullptr);
   const uint32_t frameSamples = static_cast<uint32_t>(encoder->GetFrameSamples());
 
-  // The sound goes in as the recorder gives it: each block when the video
-  // reaches its time, its packets with their times among the frames.
   const auto path = folder_.path() / "recording.mp4";
   const std::vector<int16_t> pcm = tone(kRate, kChannels, kSoundMs / 1000.0);
   const size_t blockValues = size_t{kRate} * kBlockMs / 1000 * kChannels;
-  {
-    MP4Container mp4;
-    platform::File file;
-    ASSERT_TRUE(file.open(path, platform::File::Mode::CreateAlways));
-    ASSERT_EQ(mp4.open(std::move(file)), 1);
-    ASSERT_TRUE(mp4.setVideoTrack(160, 120, 30000, asBytes(h264.record())));
-    mp4.setAudioTrack(codec.mp3, kRate, kBitrate, frameSamples, encoder->GetExtraData());
-    std::deque<std::pair<std::vector<std::byte>, uint32_t>> pending;
-    uint32_t soundMs = 0;
-    auto writeAudioUpTo = [&](uint32_t time) {
-      for (; !pending.empty() && pending.front().second <= time; pending.pop_front()) {
-        mp4.addSample(1, pending.front().second, pending.front().first, false);
-      }
-    };
-    for (size_t i = 0; i < kVideoFrames; ++i) {
-      const auto time = static_cast<uint32_t>(i * 1000 / 30);
-      for (; soundMs <= time && soundMs < kSoundMs; soundMs += kBlockMs) {
-        const size_t at = size_t{soundMs} * kRate / 1000 * kChannels;
-        encoder->Encode(pcm.data() + at, static_cast<uint32_t>(std::min(blockValues, pcm.size() - at) * 2), soundMs);
-        std::vector<std::byte> packet;
-        for (uint32_t stamp = 0; encoder->GetPacket(packet, &stamp) > 0;) pending.emplace_back(packet, stamp);
-      }
-      writeAudioUpTo(time);
-      mp4.addSample(0, time, asBytes(h264.frames[i].first), h264.frames[i].second);
-    }
-    writeAudioUpTo(UINT32_MAX);
-    ASSERT_GT(mp4.audioSamples(), 0u);
-    ASSERT_EQ(mp4.finalize(), 1);
-  }
+  ASSERT_NO_FATAL_FAILURE(writeMp4(path, h264.record(), h264.frames, kVideoFrames, *encoder, codec.mp3, [&](uint32_t ms) {
+    const size_t at = std::min(size_t{ms} * kRate / 1000 * kChannels, pcm.size());
+    return std::span(pcm).subspan(at, std::min(blockValues, pcm.size() - at));
+  }));
   EXPECT_EQ(test::countOf(log(), "[Error]"), 0u) << log();
 
   // The tables first, as our own walker finds them: a sound without breaks
@@ -445,15 +460,9 @@ TEST_P(Mp4AudioTrackTest, ReadersFindBothTracksWholeAndTheToneInTheSound) {
   std::string errors;
   EXPECT_EQ(test::runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", path.string(), "-f", "null", "-"}, errors), 0);
   EXPECT_EQ(errors, "") << "the decoders complain about either track";
-  const auto raw = folder_.path() / "decoded.raw";
-  EXPECT_EQ(test::runTool(KESTRIUM_FFMPEG,
-                          {"-v", "error", "-i", path.string(), "-map", "0:a", "-f", "s16le", "-acodec", "pcm_s16le",
-                           raw.string()},
-                          errors),
-            0);
-  EXPECT_EQ(errors, "");
-  const std::vector<int16_t> decoded = asSamples(test::readBytes(raw));
-  const int64_t decodedFrames = static_cast<int64_t>(decoded.size() / kChannels);
+  const Decoded d = decode(path);
+  EXPECT_EQ(d.errors, "");
+  const int64_t decodedFrames = static_cast<int64_t>(d.samples.size() / kChannels);
 
   // What the engines hold back at the end (and their lead-in) is a few frames
   // at most; LAME's last frame goes out only whole.
@@ -463,11 +472,118 @@ TEST_P(Mp4AudioTrackTest, ReadersFindBothTracksWholeAndTheToneInTheSound) {
   EXPECT_EQ(audio["time_base"], "1/48000");
   EXPECT_LE(std::llabs(std::atoll(audio["duration_ts"].c_str()) - decodedFrames), int64_t{frameSamples})
       << "track " << audio["duration_ts"] << " samples, decoded " << decodedFrames;
-  EXPECT_NEAR(toneDb(decoded, kChannels, kRate), kPlayedDb, 1.0);
+  EXPECT_NEAR(toneDb(d.samples, kChannels, kRate), kPlayedDb, 1.0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, Mp4AudioTrackTest, ::testing::Values(Codec{"aac", false}, Codec{"mp3", true}),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// --- a real MP4 file past 4 GiB: chunks behind the reach of 32-bit offsets
+// take 64-bit ones, and readers find every frame and decode the last. Only
+// with KESTRIUM_LONG_TESTS: it writes some 4.4 GB.
+
+constexpr uint64_t k4GiB = uint64_t{1} << 32;
+constexpr size_t kGop = 30, kFiller = 1 << 20;
+// Whole GOPs of a mebibyte a frame, some 100 frames past 4 GiB.
+constexpr size_t kLargeFrames = (k4GiB / kFiller + 100 + kGop - 1) / kGop * kGop;
+
+// The top-level boxes by their headers alone, and the moov read whole: the
+// file is too large to hold.
+Mp4 readMoov(const std::filesystem::path& path, std::vector<std::string>& top) {
+  std::ifstream in(path, std::ios::binary);
+  const uint64_t end = std::filesystem::file_size(path);
+  for (uint64_t at = 0; at + 8 <= end;) {
+    Bytes head(16);
+    in.seekg(static_cast<std::streamoff>(at));
+    in.read(reinterpret_cast<char*>(head.data()), static_cast<std::streamsize>(std::min<uint64_t>(16, end - at)));
+    uint64_t size = read(head, 0, 4);
+    top.emplace_back(head.begin() + 4, head.begin() + 8);
+    if (size == 1) size = read(head, 8, 8);
+    if (size < 8 || size > end - at) throw std::runtime_error("box '" + top.back() + "' overruns the file");
+    if (top.back() == "moov") {
+      Bytes moov(size);
+      in.seekg(static_cast<std::streamoff>(at));
+      in.read(reinterpret_cast<char*>(moov.data()), static_cast<std::streamsize>(size));
+      // Nothing may follow the index.
+      if (at + size != end) top.emplace_back("past the moov");
+      return Mp4{moov, at};
+    }
+    at += size;
+  }
+  throw std::runtime_error("no moov");
+}
+
+TEST(Mp4LargeFileTest, ChunksPast4GiBTakeWideOffsetsAndEveryFrameIsRead) {
+  if (!platform::environmentVariable("KESTRIUM_LONG_TESTS")) {
+    GTEST_SKIP() << "writes a file of 4.4 GB: set KESTRIUM_LONG_TESTS to run it";
+  }
+  if (std::string(KESTRIUM_FFMPEG).empty()) GTEST_SKIP() << "no ffmpeg in this build";
+  const test::TempFolder folder;
+  // One closed GOP, repeated: each repetition starts with its IDR frame. A
+  // length-prefixed filler-data NAL unit (decoders skip it) fattens each frame
+  // without changing the picture.
+  H264 h264;
+  ASSERT_NO_FATAL_FAILURE(makeH264(folder.path(), kGop, kGop, h264));
+  ASSERT_TRUE(h264.frames.front().second);
+  Bytes filler(kFiller, 0xFF);
+  filler.front() = 0x0C;
+  filler.back() = 0x80;
+  std::vector<std::pair<Bytes, bool>> gop;
+  for (const auto& frame : h264.frames) gop.emplace_back(cat({frame.first, sized(filler, 4)}), gop.empty());
+
+  // Silence from the AAC encoder, so that the video's chunks are many and the
+  // last ones lie past 4 GiB.
+  const auto aac = CreateAudioEncoder(u"aac", kRate, kBitrate, kChannels, 3);
+  ASSERT_NE(aac, nullptr);
+  const std::vector<int16_t> silence(size_t{kRate} * kBlockMs / 1000 * kChannels);
+  const auto path = folder.path() / "large.mp4";
+  ASSERT_NO_FATAL_FAILURE(
+      writeMp4(path, h264.record(), gop, kLargeFrames, *aac, false, [&](uint32_t) { return std::span(silence); }));
+  ASSERT_GT(std::filesystem::file_size(path), k4GiB + 50 * kFiller);
+
+  std::vector<std::string> top;
+  const Mp4 moov = readMoov(path, top);
+  EXPECT_EQ(top, (std::vector<std::string>{"ftyp", "free", "mdat", "moov"}));
+  for (const char* trak : {"moov/trak[0]", "moov/trak[1]"}) {
+    SCOPED_TRACE(trak);
+    const Box stbl = moov[std::string(trak) + "/mdia/minf/stbl"];
+    const std::vector<std::string> tables = codes(children(stbl));
+    EXPECT_NE(std::find(tables.begin(), tables.end(), "co64"), tables.end());
+    const std::vector<uint64_t> offsets = chunkOffsets(stbl);
+    ASSERT_GT(offsets.size(), kLargeFrames / 2) << "the tracks take turns";
+    EXPECT_GT(offsets.back(), k4GiB);
+    EXPECT_TRUE(std::is_sorted(offsets.begin(), offsets.end()));
+  }
+
+  // Every frame is found, the last ones past 4 GiB, and they decode.
+  std::string out;
+  ASSERT_EQ(test::runTool(KESTRIUM_FFPROBE,
+                          {"-v", "error", "-select_streams", "v", "-count_packets", "-show_entries",
+                           "stream=nb_read_packets:packet=pos", "-of", "default=nw=1", path.string()},
+                          out),
+            0)
+      << out.substr(0, 2000);
+  EXPECT_NE(out.find("nb_read_packets=" + std::to_string(kLargeFrames) + "\n"), std::string::npos)
+      << out.substr(out.size() - std::min<size_t>(out.size(), 500));
+  const size_t lastPos = out.rfind("pos=");
+  ASSERT_NE(lastPos, std::string::npos);
+  EXPECT_GT(std::stoull(out.substr(lastPos + 4)), k4GiB);
+
+  ASSERT_EQ(test::runTool(KESTRIUM_FFMPEG,
+                          {"-v", "error", "-sseof", "-3", "-i", path.string(), "-map", "0:v", "-f", "framecrc", "-"},
+                          out),
+            0)
+      << out.substr(0, 2000);
+  // One line per decoded frame, and nothing else.
+  std::istringstream lines(out);
+  size_t decoded = 0;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    EXPECT_EQ(line.rfind("0,", 0), 0u) << line;
+    ++decoded;
+  }
+  EXPECT_GE(decoded, 60u) << "the last three seconds";
+}
 
 }  // namespace
 }  // namespace kestrium

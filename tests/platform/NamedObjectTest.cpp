@@ -107,19 +107,8 @@ TEST_P(EventTest, NoWaiterSleepsThroughASetEvent) {
     ASSERT_EQ(first, 0u) << "round " << round;
     ASSERT_EQ(second, kWaitObject0) << "round " << round;
   }
-}
-
-TEST_P(EventTest, SetFromAnotherThreadWakesABlockedWaitAny) {
-  Event e0 = make(false, ".0"), e1 = make(false, ".1"), e2 = make(false, ".2");
-  Event* all[] = {&e0, &e1, &e2};
-  Thread setter;
-  ASSERT_TRUE(setter.start([&] {
-    sleepMs(20);
-    e1.set();
-  }));
-  EXPECT_EQ(waitAny(all, kPatience), 1u);
-  ASSERT_EQ(setter.join(kPatience), kWaitObject0);
-  EXPECT_EQ(waitAny(all, 0), kWaitTimeout);
+  Event* ab[] = {&a, &b};
+  EXPECT_EQ(waitAny(ab, 0), kWaitTimeout) << "each wake consumed the event it reported";
 }
 
 INSTANTIATE_TEST_SUITE_P(NamedAndUnnamed, EventTest, ::testing::Bool(), kNamedOrNot);
