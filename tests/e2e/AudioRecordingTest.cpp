@@ -45,14 +45,8 @@ class AudioRecordingTest : public ServerTest {
     return harness.client(args);
   }
 
-  // The client's files with that extension, in order of name.
   std::vector<std::filesystem::path> filesWith(const std::string& extension) {
-    std::vector<std::filesystem::path> found;
-    for (const auto& file : filesIn(harness.clientOutput)) {
-      if (file.extension() == extension) found.push_back(file);
-    }
-    std::sort(found.begin(), found.end());
-    return found;
+    return filesIn(harness.clientOutput, extension);
   }
 
   std::filesystem::path onlyFile(const std::string& extension) {
@@ -62,14 +56,7 @@ class AudioRecordingTest : public ServerTest {
   }
 
   static std::string probeStreams(const std::filesystem::path& file) {
-    std::string out;
-    EXPECT_EQ(runTool(KESTRIUM_FFPROBE,
-                      {"-v", "error", "-show_entries", "stream=codec_type,codec_name,channels,sample_rate", "-of",
-                       "compact=p=0:nk=1", file.string()},
-                      out),
-              0)
-        << out;
-    return out;
+    return ffprobe(file, {"-show_entries", "stream=codec_type,codec_name,channels,sample_rate", "-of", "compact=p=0:nk=1"});
   }
 
   Track decode(const std::filesystem::path& file, int stream) {
@@ -84,12 +71,8 @@ class AudioRecordingTest : public ServerTest {
 
   // The bit rate of one stream as ffprobe reads it from the file.
   static long bitrateOf(const std::filesystem::path& file, int stream) {
-    std::string out;
-    runTool(KESTRIUM_FFPROBE,
-            {"-v", "error", "-select_streams", "a:" + std::to_string(stream), "-show_entries", "stream=bit_rate", "-of",
-             "default=nw=1:nk=1", file.string()},
-            out);
-    return std::atol(out.c_str());
+    return std::atol(ffprobe(file, {"-select_streams", "a:" + std::to_string(stream), "-show_entries", "stream=bit_rate",
+                                    "-of", "default=nw=1:nk=1"}).c_str());
   }
 
   std::string playback(const std::string& description) const { return sound_.playback(description); }
@@ -150,11 +133,7 @@ TEST_P(TwoDeviceTest, GiveTwoTracksOfTheirOwnSound) {
     EXPECT_EQ(files[0].filename(), avi.stem().string() + ".0.0" + c.side);
     EXPECT_EQ(probeStreams(files[0]), audio + "2\n");
     EXPECT_EQ(probeStreams(files[1]), audio + "1\n");
-    std::string out;
-    for (const auto& file : files) {
-      EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", file.string(), "-f", "null", "-"}, out), 0);
-      EXPECT_EQ(out, "") << file;
-    }
+    for (const auto& file : files) expectDecodes(file);
     tracks = {{files[0], 0}, {files[1], 0}};
   }
   if (c.bitrate != 0) {
@@ -334,13 +313,7 @@ TEST_P(Mp4RecordingTest, HoldsH264AndAacThatPlayFromTheStart) {
   // Readers measure an MP4 track's rate from its bytes and length.
   EXPECT_NEAR(bitrateOf(mp4, 0), 160000, 8000);
 
-  std::string out;
-  ASSERT_EQ(runTool(KESTRIUM_FFPROBE, {"-v", "error", "-select_streams", "v:0", "-show_entries", "packet=pts_time",
-                                       "-of", "csv=p=0", mp4.string()},
-                    out),
-            0)
-      << out;
-  std::istringstream lines(out);
+  std::istringstream lines(ffprobe(mp4, {"-select_streams", "v:0", "-show_entries", "packet=pts_time", "-of", "csv=p=0"}));
   std::vector<double> times;
   for (std::string line; std::getline(lines, line);) times.push_back(std::stod(line));
   ASSERT_FALSE(times.empty());
@@ -352,9 +325,7 @@ TEST_P(Mp4RecordingTest, HoldsH264AndAacThatPlayFromTheStart) {
   }
   expectVideo(mp4, {"h264", "1280", "720", static_cast<int64_t>(times.size()), 30});
 
-  std::string durations;
-  runTool(KESTRIUM_FFPROBE,
-          {"-v", "error", "-show_entries", "stream=duration", "-of", "csv=p=0", mp4.string()}, durations);
+  const std::string durations = ffprobe(mp4, {"-show_entries", "stream=duration", "-of", "csv=p=0"});
   std::istringstream d(durations);
   double audioDuration = 0, videoDuration = 0;
   d >> audioDuration >> videoDuration;

@@ -57,11 +57,8 @@ constexpr double kPlayedDb = -6.02;
 // Stream `stream` of the file's audio, decoded by ffmpeg through the raw file.
 inline Track decodeTrack(const std::filesystem::path& file, int stream, const std::filesystem::path& raw) {
   Track t;
-  std::string info;
-  runTool(KESTRIUM_FFPROBE,
-          {"-v", "error", "-select_streams", "a:" + std::to_string(stream), "-show_entries",
-           "stream=sample_rate,channels", "-of", "default=nw=1", file.string()},
-          info);
+  const std::string info = ffprobe(file, {"-select_streams", "a:" + std::to_string(stream), "-show_entries",
+                                          "stream=sample_rate,channels", "-of", "default=nw=1"});
   t.rate = static_cast<uint32_t>(wholeNumber(field(info, "sample_rate")));
   t.channels = static_cast<uint32_t>(wholeNumber(field(info, "channels")));
   std::string out;

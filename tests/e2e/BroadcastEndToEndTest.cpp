@@ -41,42 +41,26 @@ Figures figuresIn(const std::string& log) {
 
 // Packets of one kind of stream in a file, read whole.
 int64_t packetsOf(const std::filesystem::path& file, const std::string& stream) {
-  std::string out;
-  if (runTool(KESTRIUM_FFPROBE, {"-v", "error", "-count_packets", "-select_streams", stream, "-show_entries",
-                                 "stream=nb_read_packets", "-of", "default=nw=1:nk=1", file.string()},
-              out) != 0) {
-    return -1;
-  }
-  return wholeNumber(out.substr(0, out.find('\n')));
+  return wholeNumber(field(ffprobe(file, {"-count_packets", "-select_streams", stream, "-show_entries",
+                                          "stream=nb_read_packets", "-of", "default=nw=1"}),
+                           "nb_read_packets"));
+}
+
+// Frames that ffmpeg decodes from the video of a file.
+int64_t decodedFrames(const std::filesystem::path& file) {
+  return wholeNumber(field(ffprobe(file, {"-count_frames", "-select_streams", "v:0", "-show_entries",
+                                          "stream=nb_read_frames", "-of", "default=nw=1"}),
+                           "nb_read_frames"));
 }
 
 // The time of the last packet of one kind of stream, in seconds; -1 without one.
 double lastPacketSeconds(const std::filesystem::path& file, const std::string& stream) {
-  std::string out;
-  if (runTool(KESTRIUM_FFPROBE, {"-v", "error", "-select_streams", stream, "-show_entries", "packet=pts_time", "-of",
-                                 "csv=p=0", file.string()},
-              out) != 0) {
-    return -1;
-  }
   double last = -1;
-  std::istringstream lines(out);
+  std::istringstream lines(ffprobe(file, {"-select_streams", stream, "-show_entries", "packet=pts_time", "-of", "csv=p=0"}));
   for (std::string line; std::getline(lines, line);) {
     if (!line.empty()) last = std::max(last, std::stod(line));
   }
   return last;
-}
-
-// Frames that ffmpeg decodes from the video of a file; -1 when it fails.
-int64_t decodedFrames(const std::filesystem::path& file, std::string& errors) {
-  std::string out;
-  if (runTool(KESTRIUM_FFPROBE, {"-v", "error", "-count_frames", "-select_streams", "v:0", "-show_entries",
-                                 "stream=nb_read_frames", "-of", "default=nw=1:nk=1", file.string()},
-              out) != 0) {
-    errors = out;
-    return -1;
-  }
-  errors.clear();
-  return wholeNumber(out.substr(0, out.find('\n')));
 }
 
 class BroadcastTest : public ServerTest {
@@ -95,20 +79,12 @@ class BroadcastTest : public ServerTest {
             "--seconds", std::to_string(seconds), "--broadcast", url, "--stream", key};
   }
 
-  // The capture's own MP4 file, from the client's list.
-  std::filesystem::path localFile() {
-    for (const auto& file : filesIn(harness.clientOutput)) {
-      if (file.extension() == ".mp4") return file;
-    }
-    return {};
-  }
-
-  // The capture's file holds every frame the client fed.
+  // The capture's own MP4 file holds every frame the client fed.
   void expectLocalRecordingWhole() {
-    const std::filesystem::path file = localFile();
-    ASSERT_FALSE(file.empty()) << harness.clientOutput;
+    const auto files = filesIn(harness.clientOutput, ".mp4");
+    ASSERT_EQ(files.size(), 1u) << harness.clientOutput;
     const int64_t fed = wholeNumber(field(harness.clientOutput, "frames_fed"));
-    EXPECT_EQ(probeVideo(file).packets, fed) << harness.clientOutput;
+    EXPECT_EQ(probeVideo(files[0]).packets, fed) << harness.clientOutput;
   }
 
   RtmpServer rtmp_;
@@ -152,11 +128,8 @@ TEST_F(BroadcastWithSoundTest, TheServerRecordsH264AndAacThatPlayersReadLive) {
 
   ASSERT_TRUE(rtmp_.waitForRecordingClosed("game", 10000)) << rtmp_.errorLog();
   const std::filesystem::path flv = rtmp_.recordingOf("game");
-  std::string streams;
-  ASSERT_EQ(runTool(KESTRIUM_FFPROBE, {"-v", "error", "-show_entries", "stream=codec_name,width,height,sample_rate,channels",
-                                       "-of", "default=nw=1", flv.string()},
-                    streams),
-            0);
+  const std::string streams =
+      ffprobe(flv, {"-show_entries", "stream=codec_name,width,height,sample_rate,channels", "-of", "default=nw=1"});
   EXPECT_NE(streams.find("codec_name=h264"), std::string::npos) << streams;
   EXPECT_NE(streams.find("width=640\nheight=360"), std::string::npos) << streams;
   EXPECT_NE(streams.find("codec_name=aac"), std::string::npos) << streams;
@@ -168,8 +141,7 @@ TEST_F(BroadcastWithSoundTest, TheServerRecordsH264AndAacThatPlayersReadLive) {
   ASSERT_GT(sent.video, 500) << log;
   ASSERT_GT(sent.frames, sent.video) << log;
   EXPECT_EQ(sent.dropped, 0);
-  std::string errors;
-  EXPECT_EQ(decodedFrames(flv, errors), sent.video) << errors;
+  EXPECT_EQ(decodedFrames(flv), sent.video);
   EXPECT_EQ(packetsOf(flv, "a:0"), sent.frames - sent.video);
   // The server heard of the chunk size before the first command.
   const std::string server = rtmp_.errorLog();
@@ -237,8 +209,7 @@ TEST_P(SlowLinkTest, LosesVideoFramesButNeitherSoundNorTheCapturesPace) {
   EXPECT_GT(sent.dropped, 0) << log;
   ASSERT_TRUE(rtmp_.waitForRecordingClosed(key, 20000)) << rtmp_.errorLog();
   const std::filesystem::path flv = rtmp_.recordingOf(key);
-  std::string errors;
-  EXPECT_GT(decodedFrames(flv, errors), 0) << errors;
+  EXPECT_GT(decodedFrames(flv), 0);
   if (!stall) {
     EXPECT_LT(packetsOf(flv, "v:0"), sent.video);
   }

@@ -64,28 +64,10 @@ class CaptureFaultTest : public ServerTest {
     return args;
   }
 
-  // Runs a client to its end in the background of the test, with its output kept.
-  struct Background {
-    platform::ChildProcess process;
-    std::filesystem::path output;
-    int finish() { return process.wait(kClientPatience).value_or(-1); }
-    std::string text() const {
-      const std::vector<char> bytes = readBytes(output);
-      return {bytes.begin(), bytes.end()};
-    }
-  };
-  Background startRecording(const std::string& name, const std::vector<std::string>& extra) {
-    Background b;
-    b.output = harness.folder() / (name + "-output.txt");
-    b.process = harness.startClient(recordArgs(name, extra), b.output);
-    return b;
+  ServerHarness::Background startRecording(const std::string& name, const std::vector<std::string>& extra) {
+    return harness.background(recordArgs(name, extra), name);
   }
-
-  std::optional<uint64_t> baselineThreads() const { return settledThreads(server_.id()); }
   std::optional<uint64_t> serverResidentKb() const { return processStatus(server_.id(), "VmRSS"); }
-
-
-
 };
 
 // Pressing record again and again while recording: each press finishes the file
@@ -93,7 +75,7 @@ class CaptureFaultTest : public ServerTest {
 // server encoded is in exactly one file.
 TEST_F(CaptureFaultTest, BeginsWhileWritingLeaveEveryFileWholeAndEveryFrameOnce) {
   const auto raw = stampedFrames(200);
-  Background rec = startRecording("begins", {"--seconds", "6", "--fps", "30", "--source", "raw:" + raw.string()});
+  auto rec = startRecording("begins", {"--seconds", "6", "--fps", "30", "--source", "raw:" + raw.string()});
   ASSERT_TRUE(harness.waitForLog("AVI file"));
   platform::sleepMs(500);  // frames are coming
   // Up to 40 presses, all while the capture still writes: a slow machine (or
@@ -134,8 +116,8 @@ TEST_F(CaptureFaultTest, BeginsWhileWritingLeaveEveryFileWholeAndEveryFrameOnce)
 // frame, and the server still shuts down.
 TEST_F(CaptureFaultTest, StuckEncodedSlotEndsThatCaptureAlone) {
   // Encoders whose workers wait for the slot: frames are in flight when it stops.
-  Background normal = startRecording("normal", {"--frames", "150", "--fps", "30", "--encoder", "fast"});
-  Background stuck = startRecording(
+  auto normal = startRecording("normal", {"--frames", "150", "--fps", "30", "--encoder", "fast"});
+  auto stuck = startRecording(
       "stuck", {"--frames", "30", "--fps", "30", "--encoder", "fast", "--stuck-encoded", "--dir", (harness.folder() / "stuck").string()});
   EXPECT_EQ(stuck.finish(), 0) << "the stop is answered: " << stuck.text();
   ASSERT_EQ(normal.finish(), 0) << normal.text();
@@ -153,9 +135,8 @@ TEST_F(CaptureFaultTest, StuckEncodedSlotEndsThatCaptureAlone) {
 // client, and the frames after it go into the same file, which the stop
 // finishes whole.
 TEST_F(CaptureFaultTest, SilentClientKeepsItsCapture) {
-  RawCapture capture(u"silent", 64, 48);
+  RawCapture capture(u"silent", 64, 48, dir());
   ASSERT_TRUE(capture.open());
-  setWireString(capture.params().destinationFolder, dir().u16string());
   ASSERT_EQ(capture.start(), SendResult::Replied);
   for (uint32_t f = 0; f < 30; ++f) {
     if (f == 15) {
@@ -181,8 +162,8 @@ TEST_F(CaptureFaultTest, SilentClientKeepsItsCapture) {
 // get a file of their own, which the log names; a base name that holds folders
 // cannot place a recording elsewhere.
 TEST_F(CaptureFaultTest, SameBaseNameInOneFolderGivesTwoFilesThere) {
-  Background a = startRecording("first", {"--frames", "45", "--base", "../../same.exe"});
-  Background b = startRecording("second", {"--frames", "45", "--base", "../../same.exe"});
+  auto a = startRecording("first", {"--frames", "45", "--base", "../../same.exe"});
+  auto b = startRecording("second", {"--frames", "45", "--base", "../../same.exe"});
   ASSERT_EQ(a.finish(), 0) << a.text();
   ASSERT_EQ(b.finish(), 0) << b.text();
   const auto files = filesUnder(dir());
@@ -206,9 +187,8 @@ class FrameJumpTest : public CaptureFaultTest, public ::testing::WithParamInterf
 TEST_P(FrameJumpTest, FarJumpRestartsTheGrid) {
   const bool prerecord = GetParam();
   const auto residentBefore = serverResidentKb();
-  RawCapture capture(u"jump", 64, 48);
+  RawCapture capture(u"jump", 64, 48, dir());
   ASSERT_TRUE(capture.open());
-  setWireString(capture.params().destinationFolder, dir().u16string());
   capture.params().writeAtOnce = prerecord ? 0 : 1;
   capture.params().prerecordLimit = 30.0f;
   ASSERT_EQ(capture.start(), SendResult::Replied);
@@ -251,13 +231,12 @@ INSTANTIATE_TEST_SUITE_P(Writing, FrameJumpTest, ::testing::Values(false, true),
 // ask again. At most a bounded number of captures run at once, and the threads
 // they took are all given back.
 TEST_F(CaptureFaultTest, BurstOfDeadClientsEndsEveryCapture) {
-  const auto threadsBefore = baselineThreads();
+  const auto threadsBefore = settledThreads(server_.id());
   constexpr int kStarts = 200;
   std::vector<std::unique_ptr<RawCapture>> captures;
   for (int i = 0; i < kStarts; ++i) {
-    auto capture = std::make_unique<RawCapture>(u"dead" + platform::toUtf16(std::to_string(i)), 64, 48);
+    auto capture = std::make_unique<RawCapture>(u"dead" + platform::toUtf16(std::to_string(i)), 64, 48, dir());
     ASSERT_TRUE(capture->open(false));
-    setWireString(capture->params().destinationFolder, dir().u16string());
     capture->params().threads = 2;
     capture->params().writeAtOnce = i % 2;  // kept and thrown away alike
     EXPECT_NE(capture->start(0), SendResult::NoServer);
@@ -284,9 +263,8 @@ TEST_F(CaptureFaultTest, BurstOfDeadClientsEndsEveryCapture) {
 TEST_F(CaptureFaultTest, SeventeenthLiveCaptureIsRefused) {
   std::vector<std::unique_ptr<RawCapture>> captures;
   for (size_t i = 0; i <= Dispatcher::kMostCaptures; ++i) {
-    auto capture = std::make_unique<RawCapture>(u"live" + platform::toUtf16(std::to_string(i)), 32, 32);
+    auto capture = std::make_unique<RawCapture>(u"live" + platform::toUtf16(std::to_string(i)), 32, 32, dir());
     ASSERT_TRUE(capture->open());
-    setWireString(capture->params().destinationFolder, dir().u16string());
     capture->params().writeAtOnce = 0;  // pre-recording: no files
     ASSERT_EQ(capture->start(), SendResult::Replied);
     captures.push_back(std::move(capture));
@@ -340,8 +318,8 @@ TEST_P(FullDiskTest, FullDiskEndsOneCaptureAndTheOtherRecordsWhole) {
                                      sound_->capture("USB Microphone"), "--aac", "128", "--side-tracks", "mp3"});
   }
 
-  Background whole = startRecording("whole", {"--frames", "120", "--fps", "30"});
-  Background full = startRecording("full", fullArgs);
+  auto whole = startRecording("whole", {"--frames", "120", "--fps", "30"});
+  auto full = startRecording("full", fullArgs);
   EXPECT_EQ(full.finish(), 5) << "the client sees its capture end: " << full.text();
   ASSERT_EQ(whole.finish(), 0) << whole.text();
 
@@ -365,13 +343,9 @@ TEST_P(FullDiskTest, FullDiskEndsOneCaptureAndTheOtherRecordsWhole) {
     }
     kept = packets;
     for (const auto& file : fullFiles) {
-      std::string out;
-      EXPECT_EQ(runTool(KESTRIUM_FFPROBE,
-                        {"-v", "error", "-show_entries", "stream=codec_name", "-of", "csv=p=0", file.string()}, out),
-                0);
-      EXPECT_EQ(out, file.extension() == ".avi" ? "rawvideo\n" : mp4 ? "h264\n" : "aac\n") << file;
-      EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", file.string(), "-f", "null", "-"}, out), 0);
-      EXPECT_EQ(out, "") << file << " decodes whole";
+      EXPECT_EQ(ffprobe(file, {"-show_entries", "stream=codec_name", "-of", "csv=p=0"}),
+                file.extension() == ".avi" ? "rawvideo\n" : mp4 ? "h264\n" : "aac\n");
+      expectDecodes(file);
     }
   }
   if (kept >= 0) {

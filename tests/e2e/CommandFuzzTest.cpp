@@ -101,9 +101,8 @@ class CommandFuzzTest : public ServerTest {
   // A live capture of ours, fed frames of wild sizes and positions.
   void feedFrames() {
     if (!live_) {
-      live_ = std::make_unique<RawCapture>(u"fzlive", 48, 32);
+      live_ = std::make_unique<RawCapture>(u"fzlive", 48, 32, harness.folder() / "fuzz");
       ASSERT_TRUE(live_->open());
-      setWireString(live_->params().destinationFolder, (harness.folder() / "fuzz").u16string());
       live_->params().writeAtOnce = pick(0, 1);
       live_->params().threads = pick(1, 3);
       ASSERT_EQ(live_->start(15000), SendResult::Replied);
@@ -206,9 +205,9 @@ TEST_F(CommandFuzzTest, ServerSurvivesWhatAnyClientCanSend) {
         break;
       }
       case Kind::DeadClient: {
-        auto capture = std::make_unique<RawCapture>(u"fzdead" + platform::toUtf16(std::to_string(pick(0, 7))), 32, 16);
+        auto capture = std::make_unique<RawCapture>(u"fzdead" + platform::toUtf16(std::to_string(pick(0, 7))), 32, 16,
+                                                    harness.folder() / "fuzz");
         if (capture->open(false)) {
-          setWireString(capture->params().destinationFolder, (harness.folder() / "fuzz").u16string());
           capture->params().writeAtOnce = pick(0, 1);
           result = capture->start(chance(50) ? 15000 : 0);
           dead.push_back(std::move(capture));
@@ -236,25 +235,26 @@ TEST_F(CommandFuzzTest, ServerSurvivesWhatAnyClientCanSend) {
     EXPECT_EQ(live_->stop(true), SendResult::Replied);
   }
   live_.reset();
-  for (int i = 0; i <= 5; ++i) EXPECT_EQ(send(namedCommand(kCommandStop, u"fz" + platform::toUtf16(std::to_string(i)), 1)), SendResult::Replied);
-  for (int i = 0; i <= 3; ++i) EXPECT_EQ(send(namedCommand(kCommandStop, u"fzsq" + platform::toUtf16(std::to_string(i)), 1)), SendResult::Replied);
+  // Names reused by the fuzzing may hold several recorders each: stop until none is left.
+  const auto stopAll = [&] {
+    for (const char* prefix : {"fz", "fzsq"}) {
+      for (int i = 0; i <= 5; ++i) {
+        EXPECT_EQ(send(namedCommand(kCommandStop, platform::toUtf16(prefix + std::to_string(i)), 1)), SendResult::Replied);
+      }
+    }
+  };
+  stopAll();
   squatters.clear();
   squatterEvents.clear();
   dead.clear();
-  // Names reused by the fuzzing may hold several recorders each: stop until none is left.
-  const auto stopAll = [&] {
-    for (int i = 0; i <= 5; ++i) send(namedCommand(kCommandStop, u"fz" + platform::toUtf16(std::to_string(i)), 1));
-    for (int i = 0; i <= 3; ++i) send(namedCommand(kCommandStop, u"fzsq" + platform::toUtf16(std::to_string(i)), 1));
-  };
   EXPECT_EQ(threadsAfterSettling(server_.id(), threadsBefore, 30000, stopAll), threadsBefore)
       << "threads left (seed " << seed << ")";
   if (residentBefore) {
     EXPECT_LT(*processStatus(server_.id(), "VmRSS"), *residentBefore + 256 * 1024)
         << "the server grew by more than 256 MB (seed " << seed << ")";
   }
-  RawCapture after(u"fzafter", 32, 16);
+  RawCapture after(u"fzafter", 32, 16, harness.folder() / "after");
   ASSERT_TRUE(after.open());
-  setWireString(after.params().destinationFolder, (harness.folder() / "after").u16string());
   ASSERT_EQ(after.start(), SendResult::Replied);
   EXPECT_TRUE(after.give(0, 1));
   EXPECT_TRUE(after.waitFree(5000)) << "the server still records";

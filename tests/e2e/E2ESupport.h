@@ -39,6 +39,14 @@ inline std::vector<std::filesystem::path> filesIn(const std::string& clientOutpu
   return files;
 }
 
+// Those of them with that extension, in order of name.
+inline std::vector<std::filesystem::path> filesIn(const std::string& clientOutput, const std::string& extension) {
+  std::vector<std::filesystem::path> files = filesIn(clientOutput);
+  std::erase_if(files, [&](const auto& file) { return file.extension() != extension; });
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
 // The files under a folder (with that extension, if given), in order of name.
 inline std::vector<std::filesystem::path> filesUnder(const std::filesystem::path& folder,
                                                      const std::string& extension = {}) {
@@ -51,6 +59,27 @@ inline std::vector<std::filesystem::path> filesUnder(const std::filesystem::path
   }
   std::sort(files.begin(), files.end());
   return files;
+}
+
+inline std::string readText(const std::filesystem::path& file) {
+  const std::vector<char> bytes = readBytes(file);
+  return {bytes.begin(), bytes.end()};
+}
+
+// What ffprobe says of a file with these options (quietly, errors aside).
+inline std::string ffprobe(const std::filesystem::path& file, std::vector<std::string> options) {
+  options.insert(options.begin(), {"-v", "error"});
+  options.push_back(file.string());
+  std::string out;
+  EXPECT_EQ(runTool(KESTRIUM_FFPROBE, options, out), 0) << file << ": " << out;
+  return out;
+}
+
+// ffmpeg decodes the whole file without a word.
+inline void expectDecodes(const std::filesystem::path& file) {
+  std::string out;
+  EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", file.string(), "-f", "null", "-"}, out), 0) << out;
+  EXPECT_EQ(out, "") << file << " decodes whole";
 }
 
 inline std::string field(const std::string& text, const std::string& name) {
@@ -210,7 +239,7 @@ inline std::optional<uint64_t> threadsAfterSettling(uint32_t pid, std::optional<
 // The client side of one capture, made by hand.
 class RawCapture {
  public:
-  RawCapture(std::u16string name, uint32_t width, uint32_t height)
+  RawCapture(std::u16string name, uint32_t width, uint32_t height, const std::filesystem::path& folder = {})
       : objects_(name), width_(width), height_(height), block_(std::make_unique<CommandBlock>()) {
     *block_ = {};
     block_->command = kCommandStart;
@@ -219,6 +248,7 @@ class RawCapture {
     setWireString(p.recorderName, name);
     setWireString(p.baseName, u"game.exe");
     setWireString(p.encoder, u"no_compression");
+    setWireString(p.destinationFolder, folder.u16string());
     p.width = width;
     p.height = height;
     p.frameRate = 30000;

@@ -440,8 +440,7 @@ TEST_F(RecordingEndToEndTest, BadStartsAreRefusedAndTheServerGoesOn) {
   const auto threadsBefore = settledThreads(server_.id());
   for (const BadStart& bad : kBadStarts) {
     SCOPED_TRACE(bad.what);
-    RawCapture start(u"bad", 64, 48);  // its objects are never made
-    setWireString(start.params().destinationFolder, dir().u16string());
+    RawCapture start(u"bad", 64, 48, dir());  // its objects are never made
     bad.spoil(start.params(), harness.folder());
     const size_t before = harness.log().size();
     ASSERT_EQ(start.start(kPatience), SendResult::Replied);

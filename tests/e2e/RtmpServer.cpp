@@ -75,7 +75,6 @@ std::filesystem::path RtmpServer::recordingOf(const std::string& key) const {
 }
 
 std::string RtmpServer::errorLog() const { return textOf(folder_.path() / "error.log"); }
-std::string RtmpServer::accessLog() const { return textOf(folder_.path() / "access.log"); }
 
 bool RtmpServer::waitForLog(const std::string& text, uint32_t timeoutMs) const {
   const uint64_t until = platform::monotonicNs() + uint64_t{timeoutMs} * 1'000'000;
@@ -86,7 +85,7 @@ bool RtmpServer::waitForLog(const std::string& text, uint32_t timeoutMs) const {
   }
 }
 
-bool RtmpServer::start(const std::string& extraLiveDirectives, uint32_t timeoutMs) {
+bool RtmpServer::start(uint32_t timeoutMs) {
   if (running()) return true;
   if (!available()) {
     why_ = whyUnavailable();
@@ -99,13 +98,13 @@ bool RtmpServer::start(const std::string& extraLiveDirectives, uint32_t timeoutM
   // its own retries, about 2.5 s): try another a few times.
   for (int attempt = 0; attempt < 5; ++attempt) {
     bool portTaken = false;
-    if (startOnce(extraLiveDirectives, timeoutMs, portTaken)) return true;
+    if (startOnce(timeoutMs, portTaken)) return true;
     if (!portTaken) return false;
   }
   return false;
 }
 
-bool RtmpServer::startOnce(const std::string& extraLiveDirectives, uint32_t timeoutMs, bool& portTaken) {
+bool RtmpServer::startOnce(uint32_t timeoutMs, bool& portTaken) {
   port_ = somePort();
   do {
     notifyPort_ = somePort();
@@ -145,7 +144,7 @@ bool RtmpServer::startOnce(const std::string& extraLiveDirectives, uint32_t time
         << "  }\n"
         << "}\n"
         << "rtmp {\n"
-        << "  access_log " << quoted(dir / "access.log") << ";\n"
+        << "  access_log off;\n"
         << "  server {\n"
         << "    listen 127.0.0.1:" << port_ << ";\n"
         << "    chunk_size 4096;\n"
@@ -157,7 +156,6 @@ bool RtmpServer::startOnce(const std::string& extraLiveDirectives, uint32_t time
         << "      record_path " << quoted(recordingsFolder()) << ";\n"
         << "      record_unique off;\n"
         << "      meta copy;\n"
-        << "      " << extraLiveDirectives << "\n"
         << "    }\n"
         << "  }\n"
         << "}\n";

@@ -45,17 +45,14 @@ class RtmpServer {
   RtmpServer& operator=(const RtmpServer&) = delete;
 
   // Writes the configuration, starts nginx and waits until its port takes
-  // connections. extraLiveDirectives go into the "live" application's block as
-  // they are (e.g. "drop_idle_publisher 5s;"). False with why() set if it did
-  // not come up within timeoutMs.
-  bool start(const std::string& extraLiveDirectives = {}, uint32_t timeoutMs = 10000);
+  // connections. False with why() set if it did not come up within timeoutMs.
+  bool start(uint32_t timeoutMs = 10000);
   // Stops it now (as the destructor does): the pid is gone when this returns
   // true. A recording is whole once its publisher has gone and
   // waitForRecordingClosed() said so: stop after that, not before.
   bool stop(uint32_t timeoutMs = 5000);
 
   bool running() const { return pid_ != 0; }
-  uint32_t pid() const { return pid_; }
   uint16_t port() const { return port_; }
   // rtmp://127.0.0.1:PORT/live: the application that takes any stream key and
   // records it.
@@ -88,18 +85,10 @@ class RtmpServer {
   // True once the error log holds text, e.g. "publish: name='game'" when nginx
   // has taken a publish command; false after timeoutMs.
   bool waitForLog(const std::string& text, uint32_t timeoutMs) const;
-  // The text of the RTMP access log: one line per session, written when its
-  // connection has ended, e.g.
-  //   127.0.0.1 [25/Nov/2026:09:21:29 +0000] PUBLISH "live" "game" "" - 265175 529 "" "" (0s)
-  // with the bytes received and sent after the handshake (3073 bytes each
-  // way). The bytes sent include the last status messages, which nginx writes
-  // after the publisher has closed.
-  std::string accessLog() const;
-  const std::filesystem::path& folder() const { return folder_.path(); }
   const std::string& why() const { return why_; }
 
  private:
-  bool startOnce(const std::string& extraLiveDirectives, uint32_t timeoutMs, bool& portTaken);
+  bool startOnce(uint32_t timeoutMs, bool& portTaken);
 
   TempFolder folder_{"-nginx"};
   uint32_t pid_ = 0;  // nginx's, on the build machine; 0 when it does not run

@@ -6,6 +6,7 @@
 #include <cctype>
 
 #include "server/CommandChannel.h"
+#include "tests/e2e/E2ESupport.h"
 #include "tests/e2e/ServerHarness.h"
 
 #ifndef _WIN32
@@ -36,7 +37,13 @@ class ServerEndToEndTest : public ::testing::Test {
   ServerHarness harness;
 };
 
-TEST_F(ServerEndToEndTest, StartsLogsAndEndsOnShutdownRequest) {
+// One server's life as users see it: it starts with its build date in a fresh
+// log, a second copy is refused while the first goes on, every command that
+// names no capture (or none the server knows) gets its reply and its line, and
+// a shutdown request ends it, after which the client finds no server. The next
+// one, started without the interactive switch, appends to the log, and a user
+// closing it (SIGTERM, or its window on Windows) ends it like a shutdown.
+TEST_F(ServerEndToEndTest, StartsAnswersAndEndsOnShutdownOrStopRequest) {
   platform::ChildProcess server = harness.startServer();
   const std::string log = harness.log();
   EXPECT_EQ(log.rfind("\n", 0), 0u) << "a fresh log opens with the byte order mark and a blank line";
@@ -52,31 +59,14 @@ TEST_F(ServerEndToEndTest, StartsLogsAndEndsOnShutdownRequest) {
       << date;
   EXPECT_EQ(harness.client({"features"}), 0);
   EXPECT_EQ(harness.clientOutput, "quicksync=0 nvenc=0 amdvce=0\n");
-  shutDown(server);
-  EXPECT_EQ(harness.client({"features"}), 3) << "the server is gone: " << harness.clientOutput;
-  // Started without the interactive switch, the next one appends to the log.
-  platform::ChildProcess second = harness.startServer({"--start"});
-  EXPECT_EQ(countOf(harness.log(), "is starting"), 2u);
-  shutDown(second);
-}
 
-TEST_F(ServerEndToEndTest, SecondCopyIsRefusedAndTheFirstGoesOn) {
-  platform::ChildProcess server = harness.startServer();
   const auto output = harness.folder() / "second.txt";
   platform::ChildProcess second = harness.startServerProcess({}, output);
   const std::optional<int> status = second.wait(kPatience);
   ASSERT_TRUE(status.has_value());
   EXPECT_EQ(*status & 0xFF, 255) << "exit status -1";
-  const std::vector<char> said = readBytes(output);
-  EXPECT_NE(std::string(said.begin(), said.end()).find("One copy of Kestrium capture server is running already"),
-            std::string::npos);
-  EXPECT_EQ(harness.client({"stop", "nosuch"}), 0) << "the first copy still answers";
-  shutDown(server);
-}
+  EXPECT_NE(readText(output).find("One copy of Kestrium capture server is running already"), std::string::npos);
 
-// Every command that names no capture, or none the server knows, gets its
-// reply and its line in the log, one after the other to one server.
-TEST_F(ServerEndToEndTest, EveryCommandGetsItsReplyAndItsLine) {
   struct Case {
     std::vector<std::string> args;
     const char* line;
@@ -89,36 +79,30 @@ TEST_F(ServerEndToEndTest, EveryCommandGetsItsReplyAndItsLine) {
       {{"begin", "nosuch"}, "[Error]   *** CAP *** Cannot begin writing pre-recorded video nosuch"},
       {{"pause", "nosuch", "on"}, "[Error]   *** CAP *** Cannot toggle pause video nosuch"},
       {{"pause", "nosuch", "off"}, "[Error]   *** CAP *** Cannot toggle pause video nosuch"}};
-  platform::ChildProcess server = harness.startServer();
   for (const Case& c : cases) {
     const size_t before = harness.log().size();
     EXPECT_EQ(harness.client(c.args), 0) << harness.clientOutput;
     EXPECT_NE(harness.log().find(std::string(" | ") + c.line + "\r\n", before), std::string::npos) << c.line;
   }
   shutDown(server);
-}
 
-TEST_F(ServerEndToEndTest, ClientWithoutAServerSaysSoAndExitsThree) {
   using Args = std::vector<std::string>;
   for (const Args& verb : {Args{"stop", "x"}, Args{"features"}}) {
     EXPECT_EQ(harness.client(verb), 3) << verb[0];
     EXPECT_EQ(harness.clientOutput, "kestrium-client: no capture server is running\n") << verb[0];
   }
+  // Arguments the client refuses before it looks for a server. Side tracks are
+  // encoded exactly when the sound is: the kind must agree with --aac.
   EXPECT_EQ(harness.client({"pause", "x", "maybe"}), 2);
   EXPECT_EQ(harness.client({"frobnicate"}), 2);
-  // Side tracks are encoded exactly when the sound is: the kind must agree with --aac.
   EXPECT_EQ(harness.client({"record", "--side-tracks", "mp3"}), 2);
   EXPECT_NE(harness.clientOutput.find("--side-tracks mp3 needs --aac KBPS"), std::string::npos) << harness.clientOutput;
   EXPECT_EQ(harness.client({"record", "--side-tracks", "wav", "--aac", "128"}), 2);
   EXPECT_EQ(harness.client({"record", "--side-tracks", "flac"}), 2);
-}
-
-// A user closing the server (SIGTERM, or closing its window on Windows) ends it
-// the same way as a shutdown request.
-TEST_F(ServerEndToEndTest, StopRequestEndsItLikeAShutdown) {
-  platform::ChildProcess server = harness.startServer();
-  ASSERT_TRUE(server.requestStop());
-  EXPECT_EQ(server.wait(2000), 0);
+  platform::ChildProcess next = harness.startServer({"--start"});
+  EXPECT_EQ(countOf(harness.log(), "is starting"), 2u);
+  ASSERT_TRUE(next.requestStop());
+  EXPECT_EQ(next.wait(2000), 0);
   EXPECT_EQ(harness.lastLogLine(), "  Shutdown completed");
 }
 

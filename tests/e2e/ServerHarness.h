@@ -100,6 +100,22 @@ class ServerHarness {
     return child;
   }
 
+  // A client running in the background of the test, with its output kept.
+  struct Background {
+    platform::ChildProcess process;
+    std::filesystem::path output;
+    int finish() { return process.wait(kClientPatience).value_or(-1); }
+    std::string text() const {
+      const std::vector<char> bytes = readBytes(output);
+      return {bytes.begin(), bytes.end()};
+    }
+  };
+  Background background(const std::vector<std::string>& args, const std::string& name) {
+    Background b{{}, folder_.path() / (name + "-output.txt")};
+    b.process = startClient(args, b.output);
+    return b;
+  }
+
   // Runs the client to its end; its output is kept in clientOutput.
   int client(const std::vector<std::string>& args) {
     platform::ChildProcess child;

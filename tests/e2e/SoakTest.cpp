@@ -28,18 +28,6 @@ struct Sample {
   uint64_t threads;
 };
 
-std::string textOf(const std::filesystem::path& path) {
-  const std::vector<char> bytes = readBytes(path);
-  return {bytes.begin(), bytes.end()};
-}
-
-// ffmpeg decodes the whole file without a word.
-void expectDecodes(const std::filesystem::path& file) {
-  std::string out;
-  EXPECT_EQ(runTool(KESTRIUM_FFMPEG, {"-v", "error", "-i", file.string(), "-f", "null", "-"}, out), 0) << out;
-  EXPECT_EQ(out, "") << file;
-}
-
 #endif
 
 TEST(SoakTest, FourCapturesKeepMemoryLevelAndEveryFileWhole) {
@@ -69,22 +57,20 @@ TEST(SoakTest, FourCapturesKeepMemoryLevelAndEveryFileWhole) {
   struct Capture {
     std::string name;
     std::vector<std::string> args;
-    platform::ChildProcess client;
-    std::filesystem::path output;
+    ServerHarness::Background client;
   };
   std::vector<Capture> captures;
-  captures.push_back({"fast", {"--encoder", "fast"}, {}, {}});
-  captures.push_back({"mjpeg", {"--encoder", "mjpeg"}, {}, {}});
+  captures.push_back({"fast", {"--encoder", "fast"}, {}});
+  captures.push_back({"mjpeg", {"--encoder", "mjpeg"}, {}});
   captures.push_back(
-      {"mp4", {"--encoder", "h264.x264", "--audio", sound.playback("Game Audio"), "--aac", "128"}, {}, {}});
-  captures.push_back({"live", {"--encoder", "h264.x264", "--broadcast", rtmp.url(), "--stream", "soak"}, {}, {}});
+      {"mp4", {"--encoder", "h264.x264", "--audio", sound.playback("Game Audio"), "--aac", "128"}, {}});
+  captures.push_back({"live", {"--encoder", "h264.x264", "--broadcast", rtmp.url(), "--stream", "soak"}, {}});
   for (Capture& c : captures) {
     std::vector<std::string> args = {"record", "--name",  c.name,        "--dir", (harness.folder() / c.name).string(),
                                      "--size", "640x360", "--fps",       "30",    "--threads",
                                      "2",      "--seconds", std::to_string(seconds)};
     args.insert(args.end(), c.args.begin(), c.args.end());
-    c.output = harness.folder() / (c.name + ".txt");
-    c.client = harness.startClient(args, c.output);
+    c.client = harness.background(args, c.name);
   }
 
   std::vector<Sample> samples;
@@ -95,7 +81,7 @@ TEST(SoakTest, FourCapturesKeepMemoryLevelAndEveryFileWhole) {
                        processStatus(server.id(), "Threads").value_or(0)});
   }
   for (Capture& c : captures) {
-    EXPECT_EQ(c.client.wait(kClientPatience).value_or(-1), 0) << c.name << ": " << textOf(c.output);
+    EXPECT_EQ(c.client.finish(), 0) << c.name << ": " << c.client.text();
   }
 
   // What the closing note reports: memory and threads over time, frames refused.
@@ -135,8 +121,8 @@ TEST(SoakTest, FourCapturesKeepMemoryLevelAndEveryFileWhole) {
   // Every file whole: read by ffprobe to its end and decoded by ffmpeg (the
   // lossless "fast" by our own decoder, which ffmpeg does not know).
   for (const Capture& c : captures) {
-    const auto files = filesIn(textOf(c.output));
-    ASSERT_EQ(files.size(), 1u) << c.name << ": " << textOf(c.output);
+    const auto files = filesIn(c.client.text());
+    ASSERT_EQ(files.size(), 1u) << c.name << ": " << c.client.text();
     const Probe probe = probeVideo(files[0]);
     // An AVI holds an empty chunk for each frame the grid had to repeat.
     EXPECT_GE(probe.packets, framesEncoded(log, c.name)) << c.name << ": " << probe.text;

@@ -167,13 +167,12 @@ void ThrottledProxy::run() {
   };
 
   // Sends what is pending on one way; false when the receiver is gone.
-  auto flush = [](Socket to, Pipe::Way& way, std::atomic<uint64_t>& count) {
+  auto flush = [](Socket to, Pipe::Way& way) {
     while (way.pending() > 0) {
       const auto n = ::send(to, reinterpret_cast<const char*>(way.bytes.data() + way.from),
                             static_cast<int>(way.pending()), kNoSignal);
       if (n < 0) return wouldBlock();
       way.from += static_cast<size_t>(n);
-      count += static_cast<uint64_t>(n);
     }
     way.bytes.clear();
     way.from = 0;
@@ -261,7 +260,7 @@ void ThrottledProxy::run() {
       if (ok && (serverEvents & (POLLIN | POLLHUP))) {
         ok = fill(p.server, p.down, limit - std::min(limit, p.down.pending()));
       }
-      ok = ok && flush(p.server, p.up, up_) && flush(p.client, p.down, down_);
+      ok = ok && flush(p.server, p.up) && flush(p.client, p.down);
       if (!ok) {
         closePipe(p, true);
       } else if ((p.up.ended && p.up.pending() == 0) || (p.down.ended && p.down.pending() == 0)) {

@@ -57,10 +57,6 @@ class ThrottledProxy {
   // Changes the limit from now on, e.g. to let a congestion clear.
   void setRate(uint64_t bytesPerSecond) { rate_ = bytesPerSecond; }
 
-  // Bytes delivered so far from clients to the server, over all connections
-  // (after the limit).
-  uint64_t bytesUp() const { return up_; }
-
  private:
   struct Pipe;
   void run();
@@ -74,8 +70,6 @@ class ThrottledProxy {
   uint16_t port_ = 0;
   std::string why_;
   std::atomic<uint64_t> rate_;
-  std::atomic<uint64_t> up_{0};
-  std::atomic<uint64_t> down_{0};
   std::atomic<bool> stopping_{false};
   std::thread thread_;
 };
