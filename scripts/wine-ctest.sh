@@ -35,6 +35,10 @@ export WINEDEBUG=-all
 # No Mono or Gecko installers: nothing here needs .NET or an HTML engine, and
 # their prompts would stall a run without a display.
 export WINEDLLOVERRIDES="mscoree,mshtml="
+# The documents folder of a program that names none (see configure_prefix).
+default_documents="$build_dir/wine-documents"
+mkdir -p "$default_documents"
+export KESTRIUM_TEST_DOCUMENTS="Z:${default_documents//\//\\}"
 
 stop_wineserver() {
   "$wineserver" -k >/dev/null 2>&1 || true
@@ -130,14 +134,19 @@ if ! start_wine; then
 fi
 
 # Once per prefix: there is no X server here, and wine's null display driver
-# still lets programs make (invisible) windows, as the server does; and the
+# still lets programs make (invisible) windows, as the server does. The
+# documents folder, where a server writes its log, is the one the variable
+# KESTRIUM_TEST_DOCUMENTS names, so that each test's servers write a log of
+# their own, as on Linux, and the tests need not take turns; the prefix's own
 # documents folder, a link to $HOME in a new prefix, becomes a folder of the
-# prefix, so that the servers under test keep their logs out of $HOME.
+# prefix, so that nothing of a test lands in $HOME.
+marker="$WINEPREFIX/.kestrium-configured-2"
 configure_prefix() {
-  local marker="$WINEPREFIX/.kestrium-configured"
   [[ -f $marker ]] && return 0
   timeout 120 "$wine" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f \
     </dev/null >/dev/null 2>&1 || return 1
+  timeout 120 "$wine" reg add 'HKCU\Software\Microsoft\Windows\CurrentVersion\Explorer\User Shell Folders' \
+    /v Personal /t REG_EXPAND_SZ /d '%KESTRIUM_TEST_DOCUMENTS%' /f </dev/null >/dev/null 2>&1 || return 1
   local documents
   for documents in "$WINEPREFIX"/drive_c/users/*/Documents; do
     if [[ -L $documents ]]; then
@@ -146,7 +155,7 @@ configure_prefix() {
   done
   touch "$marker"
 }
-if [[ ! -f $WINEPREFIX/.kestrium-configured ]]; then
+if [[ ! -f $marker ]]; then
   if ! configure_prefix; then
     echo "$0: could not configure the wine prefix $WINEPREFIX" >&2
     exit 1

@@ -33,7 +33,8 @@ struct OnDisk {
 };
 
 // An AVI's: its chunks one after the other from the first "movi" on, as far as
-// they go.
+// they go. An empty video chunk (a frame the server could not take, shown as
+// the one before) is no packet to a reader and is not counted.
 OnDisk aviOnDisk(const std::filesystem::path& file) {
   const std::vector<char> bytes = readBytes(file);
   const std::string_view text(bytes.data(), bytes.size());
@@ -41,7 +42,7 @@ OnDisk aviOnDisk(const std::filesystem::path& file) {
   for (size_t at = text.find("movi") + 4; at + 8 <= bytes.size();) {
     const uint32_t size = tools::readLe32(reinterpret_cast<const std::byte*>(text.data() + at + 4));
     if (at + 8 + size > bytes.size()) break;
-    if (text.substr(at, 4) == "00dc") ++found.video;
+    if (text.substr(at, 4) == "00dc" && size != 0) ++found.video;
     if (text.substr(at + 2, 2) == "wb") ++found.audio;
     at += 8 + size + (size & 1);
   }

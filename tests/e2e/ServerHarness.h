@@ -29,11 +29,13 @@ class ServerHarness {
   ServerHarness() {
     namespace_ = platform::toUtf8(uniqueNamespace());
     // This process too: its own senders reach the server, and it finds the log
-    // where the server writes it (on Windows the documents folder is the OS's).
+    // where the server writes it. Under wine the documents folder is the one
+    // KESTRIUM_TEST_DOCUMENTS names (scripts/wine-ctest.sh sets the prefix up so).
     platform::setObjectNamespace(platform::toUtf16(namespace_));
     platform::setEnvironmentVariable("KESTRIUM_NAMESPACE", platform::toUtf16(namespace_));
     platform::setEnvironmentVariable("XDG_DOCUMENTS_DIR", folder_.path().u16string());
     platform::setEnvironmentVariable("HOME", folder_.path().u16string());
+    platform::setEnvironmentVariable("KESTRIUM_TEST_DOCUMENTS", folder_.path().u16string());
     // The server finds no vendor runtime, whatever this machine has installed: a
     // test that wants one points its variable at a fake.
     for (auto library : {platform::VendorLibrary::Cuda, platform::VendorLibrary::Nvenc,
@@ -105,10 +107,7 @@ class ServerHarness {
     platform::ChildProcess process;
     std::filesystem::path output;
     int finish() { return process.wait(kClientPatience).value_or(-1); }
-    std::string text() const {
-      const std::vector<char> bytes = readBytes(output);
-      return {bytes.begin(), bytes.end()};
-    }
+    std::string text() const { return readText(output); }
   };
   Background background(const std::vector<std::string>& args, const std::string& name) {
     Background b{{}, folder_.path() / (name + "-output.txt")};

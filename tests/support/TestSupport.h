@@ -67,6 +67,10 @@ inline std::vector<char> readBytes(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
+inline std::string readText(const std::filesystem::path& path) {
+  const std::vector<char> bytes = readBytes(path);
+  return {bytes.begin(), bytes.end()};
+}
 
 // The text of a UTF-16LE file as UTF-16, byte order mark included if present.
 inline std::u16string readUtf16(const std::filesystem::path& path) {
