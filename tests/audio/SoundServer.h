@@ -9,10 +9,11 @@
 // PULSE_SERVER named when wine started it, whatever the Windows environment
 // says later, so the Windows tests share the daemon of scripts/wine-ctest.sh:
 // each loads its devices into it under names apart from the daemon's own, and
-// unloads them at the end. They take turns (tests/e2e/CMakeLists.txt), so one
-// set of names serves them all, which also keeps wine's list of known devices
-// from growing with every test; a set that a test before left behind is
-// unloaded first.
+// unloads them at the end. They take turns (ctest's lock "sound_devices", whose
+// filter in tests/e2e/CMakeLists.txt names every suite with sound: a new one
+// goes there too), so one set of names serves them all, which also keeps
+// wine's list of known devices from growing with every test; a set that a test
+// before left behind is unloaded first.
 //
 // Everything here is a Linux program run through /bin/sh, which finds the
 // test's folder by its Linux path on both.
