@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "platform/Clock.h"
+
 namespace kestrium {
 
 namespace {
@@ -150,6 +152,37 @@ bool AudioSource::ReadFrames16(std::span<int16_t> out, size_t frames) {
 void AudioSource::DiscardHeld() {
   Poll(0);
   bufferFrames_ = 0;
+  restartPace();
+}
+
+void AudioSource::restartPace() { pace_.restart(platform::monotonicNs()); }
+
+void AudioSource::keepPace(size_t given) {
+  const size_t silence = pace_.silenceAfter(platform::monotonicNs(), given, format_.samplesPerSec);
+  if (silence > 0) PushSilence(silence);
+}
+
+void DevicePace::restart(uint64_t nowNs) {
+  originNs_ = nowNs;
+  lastSoundNs_ = nowNs;
+  frames_ = 0;
+  running_ = true;
+}
+
+size_t DevicePace::silenceAfter(uint64_t nowNs, size_t given, uint32_t rate) {
+  if (!running_) return 0;
+  if (given > 0) {
+    frames_ += given;
+    lastSoundNs_ = nowNs;
+    return 0;
+  }
+  if (nowNs < lastSoundNs_ + kIdleNs) return 0;
+  // In microseconds, so that days at the highest rates stay within 64 bits.
+  const uint64_t due = (nowNs - originNs_) / 1000 * rate / 1'000'000;
+  if (due <= frames_) return 0;
+  const uint64_t silence = due - frames_;
+  frames_ = due;
+  return static_cast<size_t>(silence);
 }
 
 bool recordable(const WaveFormatExtensible& format) {

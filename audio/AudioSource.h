@@ -64,6 +64,32 @@ bool recordable(const WaveFormatExtensible& format);
 // A volume of 0.995 or more is unity: no source is ever amplified.
 void applyVolume(std::span<float> samples, float volume);
 
+// Where a device's frame count should stand by the clock. A device that gives
+// nothing for a while (an idle sink's monitor, which starts late; a loopback
+// while nothing plays) would otherwise have its later sound counted from where
+// the block stopped: early against the pictures, and in a mix it would hold up
+// every other device. So once a device has been quiet for kIdleNs, silence
+// brings the count up to the clock. A device that keeps giving, even a little
+// slower than the clock, is never filled: silence in the middle of sound is a
+// dropout, and its drift is made up at its next quiet moment. A device ahead of
+// the clock waits for it.
+class DevicePace {
+ public:
+  static constexpr uint64_t kIdleNs = 200'000'000;
+
+  // The block's time 0: the device's start, and again the first picture.
+  void restart(uint64_t nowNs);
+  // After a poll that took `given` frames at `rate`: the frames of silence that
+  // go into the block behind them.
+  size_t silenceAfter(uint64_t nowNs, size_t given, uint32_t rate);
+
+ private:
+  uint64_t originNs_ = 0;
+  uint64_t lastSoundNs_ = 0;
+  uint64_t frames_ = 0;  // given and filled since the origin
+  bool running_ = false;  // a device never started is never filled
+};
+
 // The producer of audio: a growing block of interleaved float frames in
 // `format`, read out as 16-bit frames of `format16`. Device sources fill it in
 // Poll; the audio processor reads it. It owns no thread.
@@ -110,6 +136,10 @@ class AudioSource {
   size_t channels() const { return format_.channels; }
   // Room for at least frames more frames, grown to exactly what is needed.
   void reserveFrames(size_t frames);
+  // Device sources: restartPace when the device starts, keepPace after each
+  // poll of a device that works, with the frames it gave.
+  void restartPace();
+  void keepPace(size_t given);
 
   WaveFormatExtensible format_{};
   WaveFormatExtensible format16_{};
@@ -118,6 +148,7 @@ class AudioSource {
   int32_t index_ = 0;
   int32_t muted_ = 0;
   float volume_ = 1.0f;
+  DevicePace pace_;
 };
 
 }  // namespace kestrium

@@ -301,6 +301,7 @@ int AudioSourceCoreAudio::Start() {
   if (streams_->renderAudioClient) (void)streams_->renderAudioClient->Start();
   if (FAILED(streams_->audioClient->Start())) return 0;
   firstDevicePosition_ = 0;
+  restartPace();
   return 1;
 }
 
@@ -323,6 +324,7 @@ int AudioSourceCoreAudio::Stop() {
 void AudioSourceCoreAudio::Poll(int32_t /*flush*/) {
   if (!streams_ || !streams_->captureClient) return;
   IAudioCaptureClient* capture = streams_->captureClient.get();
+  size_t given = 0;
   for (;;) {
     BYTE* data = nullptr;
     UINT32 frames = 0;
@@ -344,6 +346,7 @@ void AudioSourceCoreAudio::Poll(int32_t /*flush*/) {
       // Empty is the usual end. A success that holds nothing would come back
       // the same on every round, so it ends the poll too, handed back.
       if (hr != AUDCLNT_S_BUFFER_EMPTY) (void)capture->ReleaseBuffer(0);
+      keepPace(given);
       return;
     }
     if (data == nullptr || muted_ != 0) {
@@ -362,6 +365,7 @@ void AudioSourceCoreAudio::Poll(int32_t /*flush*/) {
       PushFrames(samples, frames);
     }
     (void)capture->ReleaseBuffer(frames);
+    given += frames;
   }
 }
 

@@ -297,7 +297,9 @@ int AudioSourcePulse::Start() {
                                               static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY |
                                                                              PA_STREAM_DONT_MOVE));
   pa_threaded_mainloop_unlock(connection_->loop);
-  return result < 0 ? 0 : 1;
+  if (result < 0) return 0;
+  restartPace();
+  return 1;
 }
 
 int AudioSourcePulse::Stop() {
@@ -321,19 +323,20 @@ void AudioSourcePulse::Poll(int32_t /*flush*/) {
   }
   const size_t deviceChannels = static_cast<size_t>(std::popcount(deviceMask_));
   const size_t frames = taken_.size() / deviceChannels;
-  if (frames == 0) return;
-  if (muted_ != 0) {
+  if (frames > 0 && muted_ != 0) {
     PushSilence(frames);
-    return;
+  } else if (frames > 0) {
+    std::span<float> samples(taken_.data(), frames * deviceChannels);
+    if (stereoEnabled_) {
+      folded_.resize(2 * frames);
+      foldToStereo(samples, deviceMask_, frames, weights_, folded_);
+      samples = folded_;
+    }
+    applyVolume(samples, volume_);
+    PushFrames(samples, frames);
   }
-  std::span<float> samples(taken_.data(), frames * deviceChannels);
-  if (stereoEnabled_) {
-    folded_.resize(2 * frames);
-    foldToStereo(samples, deviceMask_, frames, weights_, folded_);
-    samples = folded_;
-  }
-  applyVolume(samples, volume_);
-  PushFrames(samples, frames);
+  // A device that is gone is not filled: its track stops where its sound did.
+  if (!failed) keepPace(frames);
 }
 
 std::unique_ptr<AudioSource> makeDeviceSource(const std::optional<StereoMixSettings>& stereo) {

@@ -99,6 +99,64 @@ TEST(AudioSourceTest, SilenceAndMuteKeepTheFrameCountInStep) {
   EXPECT_FALSE(far.muted());
 }
 
+// --- a device's pace: silence for the time it gave nothing, at 48 kHz.
+
+// Polls every `everyMs` up to `untilMs`, the device giving `frames` on every
+// `givesEvery`-th poll.
+struct Stretch {
+  uint32_t untilMs, everyMs;
+  size_t frames;
+  uint32_t givesEvery = 1;
+};
+struct PaceCase {
+  const char* name;
+  std::vector<Stretch> stretches;
+  size_t silence;  // filled in all
+};
+
+class DevicePaceTest : public ::testing::TestWithParam<PaceCase> {};
+
+TEST_P(DevicePaceTest, FillsOnlyWhatAQuietDeviceOwesTheClock) {
+  DevicePace pace;
+  pace.restart(0);
+  size_t silence = 0;
+  uint64_t ms = 0;
+  for (const Stretch& s : GetParam().stretches) {
+    for (uint32_t poll = 1; ms + s.everyMs <= s.untilMs; ++poll) {
+      ms += s.everyMs;
+      silence += pace.silenceAfter(ms * 1'000'000, poll % s.givesEvery == 0 ? s.frames : 0, 48000);
+    }
+  }
+  EXPECT_EQ(silence, GetParam().silence);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Devices, DevicePaceTest,
+    ::testing::Values(
+        PaceCase{"KeepsGiving", {{2000, 10, 480}}, 0},
+        // Its drift waits for a quiet moment: silence within sound is a dropout.
+        PaceCase{"SlowerThanTheClockButNeverQuiet", {{2000, 10, 470}}, 0},
+        PaceCase{"PolledMoreOftenThanItGives", {{2000, 5, 960, 4}}, 0},
+        PaceCase{"QuietJustUnderTheIdleTime", {{190, 190, 0}}, 0},
+        PaceCase{"QuietForTheIdleTime", {{200, 200, 0}}, 9600},
+        PaceCase{"QuietFromTheStart", {{1000, 50, 0}}, 48000},
+        PaceCase{"QuietInTheMiddle", {{1000, 10, 480}, {2000, 50, 0}, {3000, 10, 480}}, 48000},
+        PaceCase{"DriftMadeUpWhenQuiet", {{10000, 10, 470}, {10300, 100, 0}}, 494400 - 470000},
+        PaceCase{"AheadOfTheClockWaitsForIt", {{300, 300, 96000}, {2500, 100, 0}}, 120000 - 96000}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// The count starts again at the first picture; a device never started is never
+// filled, however long the clock has run.
+TEST(DevicePaceTest, CountsFromItsLastRestartOnly) {
+  DevicePace pace;
+  EXPECT_EQ(pace.silenceAfter(5'000'000'000, 0, 48000), 0u);
+  pace.restart(5'000'000'000);
+  EXPECT_EQ(pace.silenceAfter(6'000'000'000, 0, 48000), 48000u);
+  pace.restart(6'000'000'000);
+  EXPECT_EQ(pace.silenceAfter(6'100'000'000, 0, 48000), 0u);
+  EXPECT_EQ(pace.silenceAfter(6'500'000'000, 0, 48000), 24000u);
+}
+
 TEST(AudioSourceTest, VolumeOnlyEverLowers) {
   for (const float volume : {0.995f, 1.0f, 1.5f, 0.5f}) {
     std::vector<float> s = {0.5f, -0.25f};

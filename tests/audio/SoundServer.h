@@ -179,6 +179,13 @@ class SoundServer {
     shell(pacat.str(), out);
   }
 
+  // Suspends a sink or wakes it up: while suspended its monitor gives nothing,
+  // as an idle device may.
+  int suspend(const std::string& sink, bool suspended) {
+    std::string out;
+    return shell("pactl suspend-sink " + sink + nameSuffix_ + (suspended ? " 1" : " 0") + "\n", out);
+  }
+
   // Unplugs a sink, as a USB headset pulled out.
   int unload(const std::string& sink) {
     std::string out;
