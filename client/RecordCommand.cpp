@@ -447,6 +447,7 @@ class Session {
           platform::sleepMs(static_cast<uint32_t>(std::min<uint64_t>(left / 1000000, 5)));
         }
         actOnSchedule();
+        if (pausedForGood()) continue;  // the stop still comes on time
         // A frame given more than a frame's time after it was due is the
         // client's own delay, whatever becomes of it; a frame on time that
         // finds the slot busy is one the server did not take in time.
@@ -466,6 +467,7 @@ class Session {
           platform::sleepMs(round < 100 ? 0 : 1);
         }
         actOnSchedule();
+        if (pausedForGood()) break;
         give(number);
       }
     }
@@ -475,6 +477,10 @@ class Session {
       platform::sleepMs(5);
     }
   }
+
+  // Paused with no resume to come: the pause lasts to the stop, and a paused
+  // game shows nothing.
+  bool pausedForGood() const { return pausedSince_ && !resumeAt_; }
 
   bool waitForSourceTaken() {
     const uint64_t until = platform::monotonicNs() + kTakePatienceNs;
