@@ -152,10 +152,8 @@ bool AudioSource::ReadFrames16(std::span<int16_t> out, size_t frames) {
 void AudioSource::DiscardHeld() {
   Poll(0);
   bufferFrames_ = 0;
-  restartPace();
+  pace_.restart(platform::monotonicNs());
 }
-
-void AudioSource::restartPace() { pace_.restart(platform::monotonicNs()); }
 
 void AudioSource::keepPace(size_t given) {
   const size_t silence = pace_.silenceAfter(platform::monotonicNs(), given, format_.samplesPerSec);

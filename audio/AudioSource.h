@@ -77,7 +77,7 @@ class DevicePace {
  public:
   static constexpr uint64_t kIdleNs = 200'000'000;
 
-  // The block's time 0: the device's start, and again the first picture.
+  // The block's time 0: the first picture.
   void restart(uint64_t nowNs);
   // After a poll that took `given` frames at `rate`: the frames of silence that
   // go into the block behind them.
@@ -87,7 +87,7 @@ class DevicePace {
   uint64_t originNs_ = 0;
   uint64_t lastSoundNs_ = 0;
   uint64_t frames_ = 0;  // given and filled since the origin
-  bool running_ = false;  // a device never started is never filled
+  bool running_ = false;  // nothing is filled before the first restart
 };
 
 // The producer of audio: a growing block of interleaved float frames in
@@ -136,9 +136,9 @@ class AudioSource {
   size_t channels() const { return format_.channels; }
   // Room for at least frames more frames, grown to exactly what is needed.
   void reserveFrames(size_t frames);
-  // Device sources: restartPace when the device starts, keepPace after each
-  // poll of a device that works, with the frames it gave.
-  void restartPace();
+  // Device sources call this after each poll of a device that works, with the
+  // frames it gave. The pace runs from the first picture (DiscardHeld): what
+  // comes before is thrown away, so filling it would only cost memory.
   void keepPace(size_t given);
 
   WaveFormatExtensible format_{};

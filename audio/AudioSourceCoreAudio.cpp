@@ -301,7 +301,6 @@ int AudioSourceCoreAudio::Start() {
   if (streams_->renderAudioClient) (void)streams_->renderAudioClient->Start();
   if (FAILED(streams_->audioClient->Start())) return 0;
   firstDevicePosition_ = 0;
-  restartPace();
   return 1;
 }
 

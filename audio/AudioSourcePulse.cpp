@@ -297,9 +297,7 @@ int AudioSourcePulse::Start() {
                                               static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY |
                                                                              PA_STREAM_DONT_MOVE));
   pa_threaded_mainloop_unlock(connection_->loop);
-  if (result < 0) return 0;
-  restartPace();
-  return 1;
+  return result < 0 ? 0 : 1;
 }
 
 int AudioSourcePulse::Stop() {

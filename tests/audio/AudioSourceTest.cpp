@@ -145,8 +145,8 @@ INSTANTIATE_TEST_SUITE_P(
         PaceCase{"AheadOfTheClockWaitsForIt", {{300, 300, 96000}, {2500, 100, 0}}, 120000 - 96000}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// The count starts again at the first picture; a device never started is never
-// filled, however long the clock has run.
+// The count starts at the first picture, and nothing is filled before it,
+// however long the clock has run.
 TEST(DevicePaceTest, CountsFromItsLastRestartOnly) {
   DevicePace pace;
   EXPECT_EQ(pace.silenceAfter(5'000'000'000, 0, 48000), 0u);
