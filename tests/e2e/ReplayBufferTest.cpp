@@ -34,9 +34,8 @@ TEST_F(ReplayBufferTest, CyclesKeepMemoryLevelAndEveryFileStartsWhole) {
   // Sound flowing from the device before the first capture, so that every
   // cycle records alike: the idle sink of a fresh sound server gives its first
   // data late, which the first capture fills with silence. Without this, the
-  // last cycles' level came out up to 4 MB above that of cycles 6-10 in about
-  // half of the runs: the allocator's state, not a leak, since only the first
-  // cycle is filled.
+  // level of the last cycles came out up to 4 MB higher in a third of the runs:
+  // the allocator's state, not a leak, since only the first cycle is filled.
   sound_.play("game", 2, 1000, 1.0);
   const uint64_t began = platform::monotonicNs();
   // The level between two captures, one a cycle: right after a capture ends its
